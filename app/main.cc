@@ -1,0 +1,81 @@
+// orvdaemon: the daemon executable. It starts the daemon library, tells the
+// supervisor (when one asks, through ORV_NOTIFY_SOCKET) that start-up is over,
+// and keeps the process alive until SIGTERM or SIGINT.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "daemon/orvdaemon.h"
+#include "platform/log.h"
+
+namespace {
+
+int g_stopPipe[2] = {-1, -1};
+
+void OnStopSignal(int /*signo*/) {
+    char byte = 1;
+    ssize_t ignored = write(g_stopPipe[1], &byte, 1);
+    (void)ignored;
+}
+
+// Tells the supervisor how start-up went: "READY=1" or "START_FAILED=<code>".
+void Notify(const std::string& notice) {
+    const char* path = getenv("ORV_NOTIFY_SOCKET");
+    if (path == nullptr || *path == '\0') {
+        return;
+    }
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return;
+    }
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (strlen(path) < sizeof(addr.sun_path)) {
+        memcpy(addr.sun_path, path, strlen(path) + 1);
+        (void)sendto(fd, notice.data(), notice.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    }
+    close(fd);
+}
+
+}  // namespace
+
+int main() {
+    if (chdir("/") != 0) {
+        std::fprintf(stderr, "orvdaemon: cannot change to /: %s\n", std::strerror(errno));
+        return 1;
+    }
+    if (pipe2(g_stopPipe, O_CLOEXEC) != 0) {
+        std::fprintf(stderr, "orvdaemon: pipe: %s\n", std::strerror(errno));
+        return 1;
+    }
+    struct sigaction stop {};
+    stop.sa_handler = OnStopSignal;
+    sigemptyset(&stop.sa_mask);
+    sigaction(SIGTERM, &stop, nullptr);
+    sigaction(SIGINT, &stop, nullptr);
+
+    orv::OrvDaemon* daemon = orv::OrvDaemon::GetInstance();
+    uint32_t ret = daemon->Start();
+    if (ret != 0) {
+        std::fprintf(stderr, "orvdaemon: start failed with code %u:\n%s", ret,
+                     orv::ORVLog::GetInstance().GetErrorMsg().c_str());
+        Notify("START_FAILED=" + std::to_string(ret));
+        daemon->Destroy();
+        return 1;
+    }
+    Notify("READY=1");
+
+    char byte = 0;
+    while (read(g_stopPipe[0], &byte, 1) < 0 && errno == EINTR) {
+    }
+    daemon->Destroy();
+    return 0;
+}

@@ -1,0 +1,154 @@
+// OrvDaemon: the daemon's root object. Start() brings the device side up in a
+// fixed order and stops at the first failing step; two monitor threads then
+// watch the daemon's health (heartbeat thread) and the sessions' health
+// (event-client heartbeat thread). Destroy() takes it all down again.
+//
+// It also holds the registry of sessions, the start-up housekeeping, and the
+// small services sessions and the event server call (buffer groups, buffer
+// release, alarms).
+#ifndef ORV_DAEMON_ORVDAEMON_H
+#define ORV_DAEMON_ORVDAEMON_H
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <hdc_server.h>
+
+#include "platform/mutex.h"
+#include "platform/orv_drv_manager.h"
+#include "session/orv_common.h"
+
+namespace orv {
+
+// (device id, vf id) -> host pid -> session.
+using OrvImplKey = std::pair<uint32_t, int32_t>;
+using OrvImplMap = std::map<OrvImplKey, std::map<uint32_t, std::shared_ptr<OrvImpl>>>;
+
+// The four sub-process executables, in the order start-up looks for leftovers.
+extern const std::vector<std::string> kSubProcessNames;
+
+class OrvDaemon {
+public:
+    static OrvDaemon* GetInstance();
+
+    OrvDaemon(const OrvDaemon&) = delete;
+    OrvDaemon& operator=(const OrvDaemon&) = delete;
+
+    // ---- Lifecycle ----
+
+    // Brings the daemon up. 0 on success, else the failing step's code. A call
+    // while started returns 0 at once; a failed start stays "started".
+    uint32_t Start();
+
+    // Takes the daemon down; does nothing when it is not started.
+    void Destroy();
+
+    // Signal dispositions and the device count.
+    void InitState();
+
+    // Starts the event server for every device.
+    uint32_t StartOrvEventServer();
+
+    // Bodies of the two monitor threads.
+    void SendOrvHeartbeat();
+    void CheckEventClientHeartbeat();
+
+    // Joins both monitor threads.
+    void JoinProcess();
+
+    // Closes one HDC session of a device, if the device has a server.
+    void CloseHdcSession(uint32_t deviceId, uint32_t sessionId);
+
+    uint32_t GetDeviceNum() const { return deviceNum_; }
+    bool GetZebFlag() const { return zebFlag_; }
+
+    // ---- Session registry ----
+
+    // Reads the per-(device, vf) session limit from AICPU_MAX_NUM.
+    void SetMaxProcessPerDevice();
+    uint32_t GetMaxProcessPerDevice() const { return maxProcessPerDevice_; }
+
+    // Empties the registry; sessions die with their last reference.
+    void ClearOrvMap() LOCKS_EXCLUDED(orvImplMapMutex_);
+
+    // ---- Start-up housekeeping ----
+
+    // Sets the environment variables of the first 20 lines of
+    // /var/orvdaemon_add_env_variable.sh ("export NAME=VALUE").
+    void LoadFileAndSetEnv() const;
+
+    // Sets the ZEB flag when REGISTER_TO_VELKANMONITOR is exactly "0".
+    void GetZebFlagFromEnv();
+
+    // Registers the daemon's identity with the system log library.
+    void SetLogLevel() const;
+
+    // Kills sub-processes left over by an earlier daemon. 0 on success.
+    uint32_t CheckAndCleanProcess();
+
+    // Appends the pids `pidof` reports for each name. 0 on success.
+    uint32_t GetProcessPidByName(const std::vector<std::string>& names, std::vector<int32_t>& pids);
+
+    // Opens the kernel's process-termination channel; a failure is logged only.
+    void InitSysMonitor();
+
+    // Reads one termination notice, if one is waiting; never blocks.
+    uint32_t PidTerminate() const;
+
+    // Pins the calling thread to every device's control CPUs.
+    uint32_t BindCtrlCpu() const;
+
+    // Binds this process's driver identity to VF 0.
+    uint32_t SendVfId2Drv() const;
+
+    // Creates and starts one HDC server per device.
+    uint32_t InitOrvHdcSer();
+
+    // Starts the package watchers of the physical function and existing VFs.
+    uint32_t InitInotifyWatcher() const;
+
+    // ---- Resources ----
+
+    // Returns a dead sub-process's buffers to the driver.
+    static void FreeProcessBuff(uint32_t subProcPid);
+
+    // Attaches the daemon to a buffer group, once per name. 0 or the driver's error.
+    uint32_t AttachBuffGroup(const std::string& groupName, int32_t timeout) LOCKS_EXCLUDED(attachedGroupsMutex_);
+
+    // The one switch every long-running loop of the daemon tests.
+    static std::atomic<bool> orvdaemonStartFlag_;
+
+private:
+    OrvDaemon();
+    ~OrvDaemon();
+
+    std::thread heartbeatThread_;
+    // Written only by Start and Destroy; read without a lock.
+    std::array<std::shared_ptr<HdcServer>, MAX_DEVNUM_PER_OS> hdcServers_;
+    uint32_t deviceNum_ = 0;
+    std::thread eventClientHeartbeatThread_;
+
+    Mutex orvImplMapMutex_;
+    OrvImplMap orvImplMap_ GUARDED_BY(orvImplMapMutex_);
+
+    bool zebFlag_ = false;
+    int32_t sysMonitorFd_ = -1;
+    uint32_t maxProcessPerDevice_ = 32;
+
+    // Two first attaches of the same group may both reach the driver; the
+    // mutex only keeps the set itself consistent.
+    Mutex attachedGroupsMutex_;
+    std::set<std::string> attachedGroups_ GUARDED_BY(attachedGroupsMutex_);
+};
+
+}  // namespace orv
+
+#endif  // ORV_DAEMON_ORVDAEMON_H

@@ -1,0 +1,109 @@
+#include "emu/card/card_emulator.h"
+
+#include <errno.h>
+
+#include <cstring>
+
+#include <driver_hal.h>
+#include "emu/card/emu_log.h"
+#include "emu/common/socket_io.h"
+
+namespace orv::emu {
+
+namespace {
+
+constexpr uint32_t kMaxRequest = 1u << 20;
+
+CardReply TextReply(int32_t code, const std::string& text) {
+    CardReply reply;
+    reply.set_code(code);
+    reply.set_text(text);
+    return reply;
+}
+
+}  // namespace
+
+CardEmulator::CardEmulator(CardConfig config) : config_(std::move(config)) {}
+
+CardEmulator::~CardEmulator() {
+    Stop();
+}
+
+bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
+    driverServer_ = std::make_unique<UnixServer>(
+        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); });
+    controlServer_ = std::make_unique<UnixServer>(
+        sockets.control, [this](int fd, pid_t peer) { ServeFrames(fd, peer, true); });
+    appmonServer_ =
+        std::make_unique<UnixServer>(sockets.appmon, [this](int fd, pid_t peer) { appMonitor_.Serve(fd, peer); });
+    for (UnixServer* server : {driverServer_.get(), controlServer_.get(), appmonServer_.get()}) {
+        if (!server->Start()) {
+            *error = "cannot listen on " + server->Path() + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    appMonitor_.Start();
+    EmuLog("card up: %zu device(s), chip type %d", config_.devices.size(), config_.chipType);
+    return true;
+}
+
+void CardEmulator::Stop() {
+    appMonitor_.Stop();
+    for (auto* server : {&appmonServer_, &controlServer_, &driverServer_}) {
+        if (*server) {
+            (*server)->Stop();
+        }
+    }
+}
+
+void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
+    std::string payload;
+    while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
+        CardRequest request;
+        CardReply reply;
+        if (!request.ParseFromString(payload)) {
+            reply.set_code(DRV_ERROR_INVALID_VALUE);
+        } else if (control) {
+            reply = Control(request);
+        } else if (DriverCallName(request).empty()) {
+            reply.set_code(DRV_ERROR_NO_PERMISSION);
+        } else {
+            reply = driver_.Handle(peer, request);
+        }
+        std::string answer;
+        if (!reply.SerializeToString(&answer) || !WriteFrame(fd, answer)) {
+            return;
+        }
+    }
+}
+
+CardReply CardEmulator::Control(const CardRequest& request) {
+    switch (request.call_case()) {
+        case CardRequest::kInjectFault: {
+            const InjectFault& fault = request.inject_fault();
+            if (!IsFaultableCall(fault.call())) {
+                return TextReply(DRV_ERROR_INVALID_VALUE, "unknown call '" + fault.call() + "'\n");
+            }
+            faults_.Inject(fault.call(), fault.code(), fault.count());
+            EmuLog("fault: next %u call(s) of %s return %d", fault.count(), fault.call().c_str(), fault.code());
+            return TextReply(DRV_ERROR_NONE, faults_.Describe());
+        }
+        case CardRequest::kClearFaults:
+            faults_.Clear();
+            return TextReply(DRV_ERROR_NONE, "");
+        case CardRequest::kListFaults:
+            return TextReply(DRV_ERROR_NONE, faults_.Describe());
+        case CardRequest::kShowDevices:
+            return TextReply(DRV_ERROR_NONE, config_.Describe());
+        case CardRequest::kShowGroups:
+            return TextReply(DRV_ERROR_NONE, groups_.Describe());
+        case CardRequest::kShowAppmon:
+            return TextReply(DRV_ERROR_NONE, appMonitor_.Describe());
+        case CardRequest::kShowProcesses:
+            return TextReply(DRV_ERROR_NONE, processes_.Describe());
+        default:
+            return TextReply(DRV_ERROR_NO_PERMISSION, "not a control request\n");
+    }
+}
+
+}  // namespace orv::emu

@@ -1,0 +1,43 @@
+#include "emu/card/fault_table.h"
+
+#include <sstream>
+
+namespace orv::emu {
+
+void FaultTable::Inject(const std::string& call, int32_t code, uint32_t count) {
+    MutexLock lock(&mutex_);
+    if (count == 0) {
+        faults_.erase(call);
+    } else {
+        faults_[call] = Fault{code, count};
+    }
+}
+
+bool FaultTable::Take(const std::string& call, int32_t* code) {
+    MutexLock lock(&mutex_);
+    auto it = faults_.find(call);
+    if (it == faults_.end()) {
+        return false;
+    }
+    *code = it->second.code;
+    if (--it->second.remaining == 0) {
+        faults_.erase(it);
+    }
+    return true;
+}
+
+void FaultTable::Clear() {
+    MutexLock lock(&mutex_);
+    faults_.clear();
+}
+
+std::string FaultTable::Describe() const {
+    MutexLock lock(&mutex_);
+    std::ostringstream out;
+    for (const auto& [call, fault] : faults_) {
+        out << call << " code " << fault.code << " remaining " << fault.remaining << "\n";
+    }
+    return out.str();
+}
+
+}  // namespace orv::emu

@@ -1,0 +1,43 @@
+// Faults injected through the control socket: "the next N calls of X return C".
+#ifndef ORV_EMU_CARD_FAULT_TABLE_H
+#define ORV_EMU_CARD_FAULT_TABLE_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/mutex.h"
+
+namespace orv::emu {
+
+class FaultTable {
+public:
+    FaultTable() = default;
+    FaultTable(const FaultTable&) = delete;
+    FaultTable& operator=(const FaultTable&) = delete;
+
+    // Arms `count` failures of `call` with `code`, replacing what was armed; a
+    // count of 0 disarms it.
+    void Inject(const std::string& call, int32_t code, uint32_t count);
+
+    // When `call` is armed, uses up one failure and stores its code.
+    bool Take(const std::string& call, int32_t* code);
+
+    void Clear();
+
+    // One line per armed call: "<call> code <C> remaining <N>".
+    std::string Describe() const;
+
+private:
+    struct Fault {
+        int32_t code;
+        uint32_t remaining;
+    };
+
+    mutable Mutex mutex_;
+    std::map<std::string, Fault> faults_ GUARDED_BY(mutex_);
+};
+
+}  // namespace orv::emu
+
+#endif  // ORV_EMU_CARD_FAULT_TABLE_H

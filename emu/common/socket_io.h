@@ -1,0 +1,50 @@
+// Unix stream sockets and the length-prefixed framing that the emulated card's
+// channels use: a 4-byte big-endian unsigned length, then that many bytes.
+#ifndef ORV_EMU_COMMON_SOCKET_IO_H
+#define ORV_EMU_COMMON_SOCKET_IO_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "emu/common/unique_fd.h"
+
+namespace orv::emu {
+
+// Connects to a listening Unix stream socket; invalid on failure (errno set).
+UniqueFd ConnectUnix(const std::string& path);
+
+// Binds and listens on `path`, replacing a stale socket file; invalid on failure.
+UniqueFd ListenUnix(const std::string& path, int backlog = 128);
+
+// Accepts one connection (close-on-exec); invalid on failure.
+UniqueFd AcceptUnix(int listenFd);
+
+// Writes or reads exactly `size` bytes, retrying on EINTR and short transfers.
+// ReadFull returns false on end of stream or error.
+bool WriteFull(int fd, const void* data, size_t size);
+bool ReadFull(int fd, void* data, size_t size);
+
+enum class FrameStatus {
+    kOk,
+    kClosed,     // the peer closed the stream between frames
+    kTruncated,  // the stream ended inside a frame
+    kTooLong,    // the announced length exceeds the limit
+    kError,      // read error
+};
+
+// Writes one frame in a single write when it fits, so that concurrent writers
+// on other descriptors never interleave with it.
+bool WriteFrame(int fd, const std::string& payload);
+
+// Reads one frame of at most `maxLength` bytes.
+FrameStatus ReadFrame(int fd, std::string* payload, uint32_t maxLength);
+
+// Pid of the process at the other end of a connected Unix socket, -1 if unknown.
+pid_t PeerPid(int fd);
+
+}  // namespace orv::emu
+
+#endif  // ORV_EMU_COMMON_SOCKET_IO_H

@@ -1,0 +1,98 @@
+#include "emu/common/unix_server.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include "emu/common/socket_io.h"
+
+namespace orv::emu {
+
+UnixServer::UnixServer(std::string path, Handler handler) : path_(std::move(path)), handler_(std::move(handler)) {}
+
+UnixServer::~UnixServer() {
+    Stop();
+}
+
+bool UnixServer::Start() {
+    listenFd_ = ListenUnix(path_);
+    if (!listenFd_.Valid()) {
+        return false;
+    }
+    wakeFd_ = UniqueFd(::eventfd(0, EFD_CLOEXEC));
+    if (!wakeFd_.Valid()) {
+        return false;
+    }
+    acceptThread_ = std::thread([this] { AcceptLoop(); });
+    return true;
+}
+
+void UnixServer::AcceptLoop() {
+    while (!stopping_.load()) {
+        pollfd fds[2] = {{listenFd_.Get(), POLLIN, 0}, {wakeFd_.Get(), POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            continue;
+        }
+        if (fds[1].revents != 0 || stopping_.load()) {
+            break;
+        }
+        if ((fds[0].revents & POLLIN) == 0) {
+            continue;
+        }
+        UniqueFd fd = AcceptUnix(listenFd_.Get());
+        if (!fd.Valid()) {
+            continue;
+        }
+        pid_t peer = PeerPid(fd.Get());
+        auto connection = std::make_unique<Connection>();
+        connection->fd = std::move(fd);
+        Connection* raw = connection.get();
+        MutexLock lock(&mutex_);
+        ReapFinished();
+        raw->thread = std::thread([this, raw, peer] {
+            handler_(raw->fd.Get(), peer);
+            raw->done.store(true);
+        });
+        connections_.push_back(std::move(connection));
+    }
+}
+
+void UnixServer::ReapFinished() {
+    for (auto it = connections_.begin(); it != connections_.end();) {
+        if ((*it)->done.load()) {
+            (*it)->thread.join();
+            it = connections_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void UnixServer::Stop() {
+    if (stopping_.exchange(true)) {
+        return;
+    }
+    if (wakeFd_.Valid()) {
+        uint64_t one = 1;
+        WriteFull(wakeFd_.Get(), &one, sizeof(one));
+    }
+    if (acceptThread_.joinable()) {
+        acceptThread_.join();
+    }
+    std::list<std::unique_ptr<Connection>> connections;
+    {
+        MutexLock lock(&mutex_);
+        connections.swap(connections_);
+    }
+    for (auto& connection : connections) {
+        ::shutdown(connection->fd.Get(), SHUT_RDWR);
+    }
+    for (auto& connection : connections) {
+        if (connection->thread.joinable()) {
+            connection->thread.join();
+        }
+    }
+    listenFd_.Reset();
+}
+
+}  // namespace orv::emu

@@ -1,0 +1,66 @@
+#include "emu/driver/card_client.h"
+
+#include <unistd.h>
+
+#include "emu/common/emu_paths.h"
+#include "emu/common/socket_io.h"
+
+namespace orv::emu {
+
+namespace {
+constexpr uint32_t kMaxReply = 16u << 20;
+constexpr size_t kMaxIdle = 16;
+}  // namespace
+
+CardClient& CardClient::Instance() {
+    static CardClient client(EnvOr(kCardSocketEnv, kDefaultCardSocket));
+    return client;
+}
+
+CardClient::CardClient(std::string socketPath) : socketPath_(std::move(socketPath)), ownerPid_(::getpid()) {}
+
+UniqueFd CardClient::Borrow() {
+    {
+        MutexLock lock(&mutex_);
+        if (ownerPid_ != ::getpid()) {
+            // The descriptors are shared with the parent; using them would mix the streams.
+            for (UniqueFd& fd : idle_) {
+                fd.Release();
+            }
+            idle_.clear();
+            ownerPid_ = ::getpid();
+        }
+        if (!idle_.empty()) {
+            UniqueFd fd = std::move(idle_.back());
+            idle_.pop_back();
+            return fd;
+        }
+    }
+    return ConnectUnix(socketPath_);
+}
+
+void CardClient::Return(UniqueFd fd) {
+    MutexLock lock(&mutex_);
+    if (ownerPid_ == ::getpid() && idle_.size() < kMaxIdle) {
+        idle_.push_back(std::move(fd));
+    }
+}
+
+drvError_t CardClient::Call(const CardRequest& request, CardReply* reply) {
+    UniqueFd fd = Borrow();
+    if (!fd.Valid()) {
+        return DRV_ERROR_IOCRL_FAIL;
+    }
+    std::string payload;
+    if (!request.SerializeToString(&payload) || !WriteFrame(fd.Get(), payload)) {
+        return DRV_ERROR_IOCRL_FAIL;
+    }
+    std::string answer;
+    if (ReadFrame(fd.Get(), &answer, kMaxReply) != FrameStatus::kOk || !reply->ParseFromString(answer)) {
+        return DRV_ERROR_IOCRL_FAIL;
+    }
+    Return(std::move(fd));
+    return reply->code();
+}
+
+}  // namespace orv::emu

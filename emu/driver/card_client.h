@@ -1,0 +1,46 @@
+// The emulated driver's channel to the card emulator: a pool of connections to
+// the driver socket, one borrowed per call, so that a thread blocked in a long
+// call (an event wait) never holds up another thread's call.
+#ifndef ORV_EMU_DRIVER_CARD_CLIENT_H
+#define ORV_EMU_DRIVER_CARD_CLIENT_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "card.pb.h"
+#include <driver_hal.h>
+#include "emu/common/unique_fd.h"
+#include "platform/mutex.h"
+
+namespace orv::emu {
+
+class CardClient {
+public:
+    // The process's client of the socket named by ORV_EMU_CARD_SOCKET (or the
+    // sandbox's default).
+    static CardClient& Instance();
+
+    explicit CardClient(std::string socketPath);
+    CardClient(const CardClient&) = delete;
+    CardClient& operator=(const CardClient&) = delete;
+
+    // Sends one request and waits for its reply. Returns the reply's code, or
+    // DRV_ERROR_IOCRL_FAIL when the card cannot be reached.
+    drvError_t Call(const CardRequest& request, CardReply* reply);
+
+private:
+    UniqueFd Borrow();
+    void Return(UniqueFd fd);
+
+    const std::string socketPath_;
+
+    Mutex mutex_;
+    std::vector<UniqueFd> idle_ GUARDED_BY(mutex_);
+    pid_t ownerPid_ GUARDED_BY(mutex_);  // idle_ belongs to this process; a forked child starts over
+};
+
+}  // namespace orv::emu
+
+#endif  // ORV_EMU_DRIVER_CARD_CLIENT_H
