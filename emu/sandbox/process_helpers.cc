@@ -27,6 +27,33 @@ std::vector<char*> CStrings(const std::vector<std::string>& strings) {
     return out;
 }
 
+// `name` looked up in the PATH of `env` (execvpe would use this process's own).
+std::string SearchPath(const std::string& name, const std::vector<std::string>& env) {
+    if (name.find('/') != std::string::npos) {
+        return name;
+    }
+    std::string path = "/usr/bin:/bin";
+    for (const std::string& entry : env) {
+        if (entry.compare(0, 5, "PATH=") == 0) {
+            path = entry.substr(5);
+        }
+    }
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find(':', start);
+        std::string dir = path.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+        start = end + 1;
+    }
+    return name;
+}
+
 }  // namespace
 
 pid_t Spawn(const SpawnSpec& spec) {
@@ -64,11 +91,8 @@ void ExecInChild(const SpawnSpec& spec) {
     if (!spec.cwd.empty() && ::chdir(spec.cwd.c_str()) != 0) {
         ::_exit(126);
     }
-    if (spec.searchPath) {
-        ::execvpe(argv[0], argv.data(), envp.data());
-    } else {
-        ::execve(argv[0], argv.data(), envp.data());
-    }
+    std::string program = spec.searchPath ? SearchPath(spec.argv[0], spec.env) : spec.argv[0];
+    ::execve(program.c_str(), argv.data(), envp.data());
     std::fprintf(stderr, "orv-sandbox: cannot execute %s: %s\n", argv[0], std::strerror(errno));
     ::_exit(127);
 }

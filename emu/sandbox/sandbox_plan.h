@@ -15,6 +15,7 @@ struct SandboxPlan {
     SandboxOptions options;
     StatePaths state{""};
     std::string cardEmu;      // orv-card-emu
+    std::string emuCtl;       // orv-emu-ctl
     std::string daemon;       // orvdaemon
     std::string standIn;      // the sub-process stand-in (may not exist)
     std::string imgVerify;    // the image verification library (may not exist)

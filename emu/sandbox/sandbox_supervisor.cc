@@ -383,6 +383,8 @@ int EnterSandbox(const SandboxPlan& plan) {
             }
             UniqueFd devNull(::open("/dev/null", O_RDWR | O_CLOEXEC));
             spec.stdinFd = devNull.Get();
+            spec.stdoutFd = devNull.Get();
+            spec.stderrFd = devNull.Get();
             spec.keepFds.clear();
             ExecInChild(spec);
         }

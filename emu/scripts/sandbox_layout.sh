@@ -5,6 +5,7 @@
 #   ORV_LAYOUT_VFS        VFs present at boot, comma-separated (may be empty)
 #   ORV_LAYOUT_SHARE      directory holding the platform scripts
 #   ORV_LAYOUT_STANDIN    the sub-process stand-in program (may be absent)
+#   ORV_LAYOUT_PROGRAMS   programs put on the sandbox's PATH (the daemon, orv-emu-ctl, ...)
 #   ORV_LAYOUT_IMGVERIFY  the image verification library (may be absent)
 #   ORV_LAYOUT_ENV_SCRIPT file to install as the daemon's environment script (may be empty)
 #   ORV_LAYOUT_VF_LIMIT, ORV_LAYOUT_VF_USAGE  initial memory cgroup values of each VF
@@ -28,6 +29,9 @@ done
 exec "$@"
 SUDO
 chmod 0755 /run/orv-sandbox/bin/sudo
+for program in ${ORV_LAYOUT_PROGRAMS:-}; do
+    [ -x "$program" ] && ln -sf "$program" "/run/orv-sandbox/bin/$(basename "$program")"
+done
 
 for script in create_vf_config.sh destroy_vf_config.sh orvdaemon_modify_usermemory.sh orvdaemon_monitor.sh; do
     install -m 0755 "$share/$script" "/var/$script"

@@ -1,0 +1,441 @@
+#include "tests/support/test_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "emu/ctl/control_client.h"
+#include "emu/slog/slog_emu.h"
+
+namespace orv::test {
+
+namespace {
+
+int RemoveEntry(const char* path, const struct stat*, int, FTW*) {
+    return ::remove(path);
+}
+
+std::vector<char*> CStrings(const std::vector<std::string>& strings) {
+    std::vector<char*> out;
+    for (const std::string& s : strings) {
+        out.push_back(const_cast<char*>(s.c_str()));
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
+size_t FileSize(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+}
+
+int ExitStatusOf(int status) {
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+}
+
+// Waits for `pid` up to `timeout`; its exit status, or -1.
+int WaitChild(pid_t pid, std::chrono::milliseconds timeout) {
+    int status = 0;
+    bool done = WaitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout, 20ms);
+    return done ? ExitStatusOf(status) : -1;
+}
+
+}  // namespace
+
+std::string BinDir() {
+    return ORV_TEST_BIN_DIR;
+}
+
+std::string MakeTempDir(const std::string& prefix) {
+    std::string pattern = "/tmp/" + prefix + ".XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (::mkdtemp(buffer.data()) == nullptr) {
+        ADD_FAILURE() << "mkdtemp failed";
+        return std::string();
+    }
+    return buffer.data();
+}
+
+void RemoveTree(const std::string& path) {
+    if (!path.empty()) {
+        ::nftw(path.c_str(), RemoveEntry, 32, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
+             std::chrono::milliseconds poll) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(poll);
+    }
+}
+
+// ---- LogCapture -------------------------------------------------------------
+
+LogCapture::LogCapture(const std::string& level) {
+    const char* file = ::getenv("ORV_EMU_LOG_FILE");
+    if (file != nullptr && *file != '\0') {
+        path_ = file;
+    } else {
+        path_ = MakeTempDir("orv-log") + "/system.log";
+        ::setenv("ORV_EMU_LOG_FILE", path_.c_str(), 1);
+    }
+    ::setenv("ORV_EMU_LOG_LEVEL", level.c_str(), 1);
+    OrvEmuSlogReconfigure();
+    offset_ = FileSize(path_);
+}
+
+LogCapture::LogCapture(std::string path, bool fromStart) : path_(std::move(path)) {
+    offset_ = fromStart ? 0 : FileSize(path_);
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+    std::string content = ReadFile(path_);
+    std::vector<std::string> lines;
+    std::istringstream in(offset_ <= content.size() ? content.substr(offset_) : std::string());
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::vector<std::string> LogCapture::Matching(const std::string& text) const {
+    std::vector<std::string> matching;
+    for (const std::string& line : Lines()) {
+        if (line.find(text) != std::string::npos) {
+            matching.push_back(line);
+        }
+    }
+    return matching;
+}
+
+size_t LogCapture::Count(const std::string& text) const {
+    return Matching(text).size();
+}
+
+bool LogCapture::InOrder(const std::vector<std::string>& texts, std::string* missing) const {
+    std::vector<std::string> lines = Lines();
+    size_t next = 0;
+    for (const std::string& text : texts) {
+        while (next < lines.size() && lines[next].find(text) == std::string::npos) {
+            ++next;
+        }
+        if (next == lines.size()) {
+            if (missing != nullptr) {
+                *missing = text;
+            }
+            return false;
+        }
+        ++next;
+    }
+    return true;
+}
+
+bool LogCapture::WaitFor(const std::string& text, std::chrono::milliseconds timeout) const {
+    return orv::test::WaitFor([&] { return Contains(text); }, timeout, 50ms);
+}
+
+// ---- Card emulator -----------------------------------------------------------
+
+CardEmulatorProcess::CardEmulatorProcess(const std::vector<std::string>& args) {
+    dir_ = MakeTempDir("orv-card");
+    driverSocket_ = dir_ + "/card.sock";
+    controlSocket_ = dir_ + "/control.sock";
+    appmonSocket_ = dir_ + "/appmon.sock";
+    int ready[2];
+    if (::pipe(ready) != 0) {
+        ADD_FAILURE() << "pipe failed";
+        return;
+    }
+    std::vector<std::string> argv = {BinDir() + "/orv-card-emu", "--driver-socket", driverSocket_,
+                                     "--control-socket", controlSocket_, "--appmon-socket", appmonSocket_,
+                                     "--ready-fd", std::to_string(ready[1])};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string log = dir_ + "/card-emu.log";
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(ready[0]);
+        int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(fd, STDERR_FILENO);
+        std::vector<char*> cargv = CStrings(argv);
+        ::execv(cargv[0], cargv.data());
+        ::_exit(127);
+    }
+    ::close(ready[1]);
+    pollfd pfd{ready[0], POLLIN, 0};
+    char byte = 0;
+    if (pid > 0 && ::poll(&pfd, 1, 10000) == 1 && ::read(ready[0], &byte, 1) == 1) {
+        pid_ = pid;
+    } else {
+        ADD_FAILURE() << "orv-card-emu did not start: " << ReadFile(log);
+        if (pid > 0) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    }
+    ::close(ready[0]);
+}
+
+CardEmulatorProcess::~CardEmulatorProcess() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGTERM);
+        if (WaitChild(pid_, 5s) < 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    RemoveTree(dir_);
+}
+
+void CardEmulatorProcess::UseAsDriver() const {
+    ::setenv("ORV_EMU_CARD_SOCKET", driverSocket_.c_str(), 1);
+}
+
+emu::CardReply Control(const std::string& controlSocket, const emu::CardRequest& request) {
+    emu::CardReply reply;
+    std::string error;
+    if (!emu::CallControl(controlSocket, request, &reply, &error)) {
+        ADD_FAILURE() << error;
+    }
+    return reply;
+}
+
+void InjectFault(const std::string& controlSocket, const std::string& call, int32_t code, uint32_t count) {
+    emu::CardRequest request;
+    auto* fault = request.mutable_inject_fault();
+    fault->set_call(call);
+    fault->set_code(code);
+    fault->set_count(count);
+    EXPECT_EQ(Control(controlSocket, request).code(), 0) << "fault on " << call << " refused";
+}
+
+std::string ShowGroups(const std::string& controlSocket) {
+    emu::CardRequest request;
+    request.mutable_show_groups();
+    return Control(controlSocket, request).text();
+}
+
+std::string ShowAppmon(const std::string& controlSocket) {
+    emu::CardRequest request;
+    request.mutable_show_appmon();
+    return Control(controlSocket, request).text();
+}
+
+std::string InsideControlSocket() {
+    const char* socket = ::getenv("ORV_EMU_CONTROL");
+    return socket != nullptr ? socket : "/run/orv-card/control.sock";
+}
+
+pid_t SpawnDetached(const std::vector<std::string>& argv) {
+    int channel[2];
+    if (::pipe(channel) != 0) {
+        return -1;
+    }
+    pid_t child = ::fork();
+    if (child == 0) {
+        ::close(channel[0]);
+        ::setsid();
+        pid_t grandchild = ::fork();
+        if (grandchild == 0) {
+            ::close(channel[1]);
+            std::vector<char*> cargv = CStrings(argv);
+            ::execv(cargv[0], cargv.data());
+            ::_exit(127);
+        }
+        ssize_t ignored = ::write(channel[1], &grandchild, sizeof(grandchild));
+        (void)ignored;
+        ::_exit(0);
+    }
+    ::close(channel[1]);
+    pid_t pid = -1;
+    if (::read(channel[0], &pid, sizeof(pid)) != sizeof(pid)) {
+        pid = -1;
+    }
+    ::close(channel[0]);
+    ::waitpid(child, nullptr, 0);
+    return pid;
+}
+
+// ---- SandboxRun ----------------------------------------------------------------
+
+SandboxRun::SandboxRun() : state_(MakeTempDir("orv-e2e")) {}
+
+SandboxRun::~SandboxRun() {
+    if (pid_ > 0) {
+        Stop();
+    }
+    if (!::testing::Test::HasFailure()) {
+        RemoveTree(state_);
+        ::unlink((state_ + ".out").c_str());
+    } else {
+        std::fprintf(stderr, "sandbox state kept in %s (output in %s.out)\n", state_.c_str(), state_.c_str());
+    }
+}
+
+bool SandboxRun::Boot(const std::vector<std::string>& args, std::chrono::milliseconds timeout) {
+    std::vector<std::string> argv = {BinDir() + "/orv-sandbox", "--state", state_, "--boot"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string out = state_ + ".out";
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(fd, STDOUT_FILENO);
+        ::dup2(fd, STDERR_FILENO);
+        std::vector<char*> cargv = CStrings(argv);
+        ::execv(cargv[0], cargv.data());
+        ::_exit(127);
+    }
+    bool exited = false;
+    bool ready = WaitFor(
+        [&] {
+            if (Env().count("ORV_DAEMON_PID") != 0) {
+                return true;
+            }
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                exited = true;
+                exitStatus_ = ExitStatusOf(status);
+                pid_ = -1;
+                return true;
+            }
+            return false;
+        },
+        timeout);
+    if (!ready || exited) {
+        return false;
+    }
+    char link[PATH_MAX] = {0};
+    std::string nsPath = "/proc/" + Env()["ORV_SANDBOX_PID"] + "/ns/pid";
+    if (::readlink(nsPath.c_str(), link, sizeof(link) - 1) > 0) {
+        pidNamespace_ = link;
+    }
+    return true;
+}
+
+int SandboxRun::Stop(std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) {
+        return exitStatus_;
+    }
+    ::kill(pid_, SIGTERM);
+    return WaitExit(timeout);
+}
+
+int SandboxRun::WaitExit(std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) {
+        return exitStatus_;
+    }
+    int status = WaitChild(pid_, timeout);
+    if (status >= 0) {
+        pid_ = -1;
+        exitStatus_ = status;
+    }
+    return status;
+}
+
+int SandboxRun::Enter(const std::vector<std::string>& command, std::string* output, bool detach) const {
+    std::vector<std::string> argv = {BinDir() + "/orv-sandbox", "--state", state_, "--enter"};
+    if (detach) {
+        argv.push_back("--detach");
+    }
+    argv.push_back("--");
+    argv.insert(argv.end(), command.begin(), command.end());
+    int out[2];
+    if (::pipe(out) != 0) {
+        return -1;
+    }
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(out[1], STDOUT_FILENO);
+        ::close(out[0]);
+        ::close(out[1]);
+        std::vector<char*> cargv = CStrings(argv);
+        ::execv(cargv[0], cargv.data());
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(out[0], buffer, sizeof(buffer))) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(out[0]);
+    int status = WaitChild(pid, 30s);
+    if (output != nullptr) {
+        *output = text;
+    }
+    return status;
+}
+
+std::map<std::string, std::string> SandboxRun::Env() const {
+    std::map<std::string, std::string> env;
+    std::ifstream in(state_ + "/sandbox.env");
+    for (std::string line; std::getline(in, line);) {
+        size_t eq = line.find('=');
+        if (eq != std::string::npos) {
+            env[line.substr(0, eq)] = line.substr(eq + 1);
+        }
+    }
+    return env;
+}
+
+std::vector<pid_t> ProcessesInNamespace(const std::string& ns) {
+    std::vector<pid_t> pids;
+    if (ns.empty()) {
+        return pids;
+    }
+    DIR* proc = ::opendir("/proc");
+    while (dirent* entry = proc != nullptr ? ::readdir(proc) : nullptr) {
+        char* end = nullptr;
+        long pid = std::strtol(entry->d_name, &end, 10);
+        if (end == entry->d_name || *end != '\0') {
+            continue;
+        }
+        char link[PATH_MAX] = {0};
+        std::string path = std::string("/proc/") + entry->d_name + "/ns/pid";
+        if (::readlink(path.c_str(), link, sizeof(link) - 1) > 0 && ns == link) {
+            pids.push_back(static_cast<pid_t>(pid));
+        }
+    }
+    if (proc != nullptr) {
+        ::closedir(proc);
+    }
+    return pids;
+}
+
+}  // namespace orv::test
