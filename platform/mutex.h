@@ -39,14 +39,16 @@ private:
     Mutex* const mu_;
 };
 
-// Condition variable bound to one Mutex; every call requires holding it.
+// Condition variable bound to one Mutex. Wait and WaitUntil require holding
+// that mutex (the analysis cannot tie it to the caller's lock, so it is not
+// annotated).
 class CondVar {
 public:
     explicit CondVar(Mutex* mu) : mu_(mu) {}
     CondVar(const CondVar&) = delete;
     CondVar& operator=(const CondVar&) = delete;
 
-    void Wait() EXCLUSIVE_LOCKS_REQUIRED(mu_) {
+    void Wait() {
         std::unique_lock<std::mutex> lock(mu_->mu_, std::adopt_lock);
         cv_.wait(lock);
         lock.release();
@@ -54,7 +56,7 @@ public:
 
     // Returns false when the deadline passed.
     template <typename Clock, typename Duration>
-    bool WaitUntil(const std::chrono::time_point<Clock, Duration>& deadline) EXCLUSIVE_LOCKS_REQUIRED(mu_) {
+    bool WaitUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
         std::unique_lock<std::mutex> lock(mu_->mu_, std::adopt_lock);
         std::cv_status status = cv_.wait_until(lock, deadline);
         lock.release();

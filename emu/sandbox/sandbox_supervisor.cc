@@ -245,6 +245,9 @@ int RunSandbox(SandboxPlan plan) {
         sigaddset(&handled, sig);
     }
     ::sigprocmask(SIG_BLOCK, &handled, nullptr);
+    // Only the init goes into the new PID namespace; afterwards this process's
+    // children (a leak checker's tracer, say) are made in its own again.
+    UniqueFd ownPidNamespace(::open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC));
     if (::unshare(CLONE_NEWPID) != 0) {
         std::fprintf(stderr, "orv-sandbox: cannot create a PID namespace: %s\n", std::strerror(errno));
         return 1;
@@ -257,6 +260,10 @@ int RunSandbox(SandboxPlan plan) {
     if (init == 0) {
         notify.Reset();
         ::_exit(RunSandboxInit(plan));
+    }
+    if (ownPidNamespace.Valid()) {
+        // Refused in a user namespace of our own; nothing here needs it then.
+        (void)::setns(ownPidNamespace.Get(), CLONE_NEWPID);
     }
     WriteFile(plan.state.PidFile(), std::to_string(init) + "\n");
 
@@ -325,14 +332,12 @@ int RunSandbox(SandboxPlan plan) {
 }
 
 int EnterSandbox(const SandboxPlan& plan) {
-    StatePaths state = plan.state;
+    const StatePaths& state = plan.state;
     pid_t init = ReadPidFile(state.PidFile());
     if (!Alive(init)) {
         std::fprintf(stderr, "orv-sandbox: no sandbox is running on %s\n", state.root.c_str());
         return 1;
     }
-    // Every namespace is opened before joining any: once in the sandbox's mount
-    // namespace, /proc is the sandbox's own.
     std::string ns = "/proc/" + std::to_string(init) + "/ns/";
     struct stat mine {};
     struct stat theirs {};
@@ -341,54 +346,65 @@ int EnterSandbox(const SandboxPlan& plan) {
     UniqueFd user(joinUser ? ::open((ns + "user").c_str(), O_RDONLY | O_CLOEXEC) : -1);
     UniqueFd mnt(::open((ns + "mnt").c_str(), O_RDONLY | O_CLOEXEC));
     UniqueFd pid(::open((ns + "pid").c_str(), O_RDONLY | O_CLOEXEC));
-    if ((joinUser && (!user.Valid() || ::setns(user.Get(), CLONE_NEWUSER) != 0)) || !mnt.Valid() ||
-        ::setns(mnt.Get(), CLONE_NEWNS) != 0 || !pid.Valid() || ::setns(pid.Get(), CLONE_NEWPID) != 0) {
-        std::fprintf(stderr, "orv-sandbox: cannot join the sandbox's namespaces: %s\n", std::strerror(errno));
+    if ((joinUser && !user.Valid()) || !mnt.Valid() || !pid.Valid()) {
+        std::fprintf(stderr, "orv-sandbox: cannot open the sandbox's namespaces: %s\n", std::strerror(errno));
         return 1;
     }
 
-    std::vector<std::string> bootEnv;
-    std::ifstream boot(kBootEnvFile);
-    for (std::string line; std::getline(boot, line);) {
-        if (line.find('=') != std::string::npos) {
-            bootEnv.push_back(line);
-        }
-    }
+    // The command gets what the booted daemon got, then this call's --env.
     SpawnSpec spec;
     spec.argv = plan.options.command;
     spec.env = InsideEnvironment(CurrentEnvironment(), plan.options, {});
-    for (const std::string& entry : bootEnv) {
-        size_t eq = entry.find('=');
+    std::ifstream boot(state.Outside(kBootEnvFile));
+    for (std::string line; std::getline(boot, line);) {
+        size_t eq = line.find('=');
+        if (eq == std::string::npos) {
+            continue;
+        }
         bool overridden = false;
-        for (const std::string& mine_entry : plan.options.env) {
-            overridden = overridden || mine_entry.compare(0, eq + 1, entry, 0, eq + 1) == 0;
+        for (const std::string& entry : plan.options.env) {
+            overridden = overridden || entry.compare(0, eq + 1, line, 0, eq + 1) == 0;
         }
         if (!overridden) {
-            SetEnv(&spec.env, entry.substr(0, eq), entry.substr(eq + 1));
+            SetEnv(&spec.env, line.substr(0, eq), line.substr(eq + 1));
         }
     }
     spec.cwd = "/";
     spec.searchPath = true;
 
+    // Only a child joins the namespaces: this process stays whole in its own
+    // (its /proc, its children), and the command is the child's child, the
+    // first process made inside the sandbox's PID namespace.
     pid_t child = ::fork();
     if (child < 0) {
         return 1;
     }
     if (child == 0) {
+        if ((joinUser && ::setns(user.Get(), CLONE_NEWUSER) != 0) || ::setns(mnt.Get(), CLONE_NEWNS) != 0 ||
+            ::setns(pid.Get(), CLONE_NEWPID) != 0) {
+            std::fprintf(stderr, "orv-sandbox: cannot join the sandbox's namespaces: %s\n", std::strerror(errno));
+            ::_exit(1);
+        }
+        UniqueFd devNull(::open("/dev/null", O_RDWR | O_CLOEXEC));
         if (plan.options.detach) {
-            // The command is handed to the sandbox's init, which reaps it.
-            ::setsid();
-            if (::fork() != 0) {
-                ::_exit(0);
-            }
-            UniqueFd devNull(::open("/dev/null", O_RDWR | O_CLOEXEC));
+            // Left to the sandbox's init, which adopts and reaps it.
             spec.stdinFd = devNull.Get();
             spec.stdoutFd = devNull.Get();
             spec.stderrFd = devNull.Get();
-            spec.keepFds.clear();
+        }
+        pid_t command = ::fork();
+        if (command == 0) {
+            if (plan.options.detach) {
+                ::setsid();
+            }
             ExecInChild(spec);
         }
-        ExecInChild(spec);
+        if (command < 0 || plan.options.detach) {
+            ::_exit(command < 0 ? 1 : 0);
+        }
+        int status = 0;
+        ::waitpid(command, &status, 0);
+        ::_exit(ExitStatusOf(status));
     }
     int status = 0;
     ::waitpid(child, &status, 0);
