@@ -45,6 +45,21 @@ FrameStatus ReadFrame(int fd, std::string* payload, uint32_t maxLength);
 // Pid of the process at the other end of a connected Unix socket, -1 if unknown.
 pid_t PeerPid(int fd);
 
+// Longest answer a request-reply exchange accepts.
+inline constexpr uint32_t kMaxReplyFrame = 16u << 20;
+
+// One request-reply exchange of protobuf messages in frames. False when the
+// request cannot be sent or the answer does not come or does not parse.
+template <typename Request, typename Reply>
+bool ExchangeMessages(int fd, const Request& request, Reply* reply) {
+    std::string payload;
+    if (!request.SerializeToString(&payload) || !WriteFrame(fd, payload)) {
+        return false;
+    }
+    std::string answer;
+    return ReadFrame(fd, &answer, kMaxReplyFrame) == FrameStatus::kOk && reply->ParseFromString(answer);
+}
+
 }  // namespace orv::emu
 
 #endif  // ORV_EMU_COMMON_SOCKET_IO_H

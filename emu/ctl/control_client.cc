@@ -15,13 +15,7 @@ bool CallControl(const std::string& socketPath, const CardRequest& request, Card
         *error = "cannot connect to " + socketPath + ": " + std::strerror(errno);
         return false;
     }
-    std::string payload;
-    if (!request.SerializeToString(&payload) || !WriteFrame(fd.Get(), payload)) {
-        *error = "cannot send to " + socketPath;
-        return false;
-    }
-    std::string answer;
-    if (ReadFrame(fd.Get(), &answer, 16u << 20) != FrameStatus::kOk || !reply->ParseFromString(answer)) {
+    if (!ExchangeMessages(fd.Get(), request, reply)) {
         *error = "no answer from " + socketPath;
         return false;
     }

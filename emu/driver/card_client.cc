@@ -8,7 +8,6 @@
 namespace orv::emu {
 
 namespace {
-constexpr uint32_t kMaxReply = 16u << 20;
 constexpr size_t kMaxIdle = 16;
 }  // namespace
 
@@ -51,12 +50,7 @@ drvError_t CardClient::Call(const CardRequest& request, CardReply* reply) {
     if (!fd.Valid()) {
         return DRV_ERROR_IOCRL_FAIL;
     }
-    std::string payload;
-    if (!request.SerializeToString(&payload) || !WriteFrame(fd.Get(), payload)) {
-        return DRV_ERROR_IOCRL_FAIL;
-    }
-    std::string answer;
-    if (ReadFrame(fd.Get(), &answer, kMaxReply) != FrameStatus::kOk || !reply->ParseFromString(answer)) {
+    if (!ExchangeMessages(fd.Get(), request, reply)) {
         return DRV_ERROR_IOCRL_FAIL;
     }
     Return(std::move(fd));

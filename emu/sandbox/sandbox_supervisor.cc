@@ -296,7 +296,12 @@ int RunSandbox(SandboxPlan plan) {
                 } else if (notice.name == kNoticeDaemonExited) {
                     std::fprintf(stderr, "orv-sandbox: daemon exited (status %s)\n", notice.value.c_str());
                     if (everReady) {
+                        // Left up, so that a daemon can be started again with --enter.
                         PublishEnv(plan, init, 0);
+                    } else if (!startFailed) {
+                        // It died before it could say how start-up went.
+                        startFailed = true;
+                        ::kill(init, SIGTERM);
                     }
                 }
             }
