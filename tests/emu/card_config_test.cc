@@ -35,7 +35,7 @@ TEST(CardConfigTest, DeviceCpusChangeOnlyTheKindsNamed) {
     EXPECT_EQ(config.devices[0].ai.count, 4);
 }
 
-TEST(CardConfigTest, MalformedSpecificationsAreRefusedWithAReason) {
+TEST(CardConfigTest, MalformedDescriptionsAreRefusedWithAReason) {
     const char* bad[] = {"ai:1:1", "2=ai:1:1", "x=ai:1:1", "0=gpu:1:1", "0=ai:1", "0=ai:-1:1", "0=ai:one:1"};
     for (const char* spec : bad) {
         CardConfig config = CardConfig::WithDevices(2);
