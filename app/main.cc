@@ -16,6 +16,17 @@
 #include "daemon/orvdaemon.h"
 #include "platform/log.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define ORV_LEAK_CHECK 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORV_LEAK_CHECK 1
+#endif
+#endif
+#if defined(ORV_LEAK_CHECK)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace {
 
 int g_stopPipe[2] = {-1, -1};
@@ -24,6 +35,17 @@ void OnStopSignal(int /*signo*/) {
     char byte = 1;
     ssize_t ignored = write(g_stopPipe[1], &byte, 1);
     (void)ignored;
+}
+
+// Ends the process once the daemon is down. Destroy() has released what the
+// daemon held, so the library's static destructors have nothing left to do.
+[[noreturn]] void Exit(int status) {
+#if defined(ORV_LEAK_CHECK)
+    __lsan_do_leak_check();
+#endif
+    std::fflush(stdout);
+    std::fflush(stderr);
+    _exit(status);
 }
 
 // Tells the supervisor how start-up went: "READY=1" or "START_FAILED=<code>".
@@ -69,7 +91,7 @@ int main() {
                      orv::ORVLog::GetInstance().GetErrorMsg().c_str());
         Notify("START_FAILED=" + std::to_string(ret));
         daemon->Destroy();
-        return 1;
+        Exit(1);
     }
     Notify("READY=1");
 
@@ -77,5 +99,5 @@ int main() {
     while (read(g_stopPipe[0], &byte, 1) < 0 && errno == EINTR) {
     }
     daemon->Destroy();
-    return 0;
+    Exit(0);
 }
