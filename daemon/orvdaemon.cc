@@ -18,8 +18,10 @@
 
 #include "daemon/orv_pexa_client.h"
 #include "event/orv_event_server.h"
+#include "message/message_parse_interface.h"
 #include "package/inotify_watcher.h"
 #include "package/internal_api.h"
+#include "package/package_worker.h"
 #include "platform/appmon_client.h"
 #include "platform/log.h"
 #include "platform/scope_guard.h"
@@ -30,9 +32,6 @@
 extern "C" drvError_t halBuffRecycleByPid(int32_t pid) __attribute__((weak));
 
 namespace orv {
-
-const std::vector<std::string> kSubProcessNames = {"zarn_service.bin", "aicpu_runner", "aicpu_custom_runner",
-                                                   "queue_runner"};
 
 std::atomic<bool> OrvDaemon::orvdaemonStartFlag_{false};
 
@@ -58,6 +57,37 @@ constexpr size_t kSysMonitorRecordSize = 920;
 constexpr size_t kSysMonitorPidOffset = 560;
 constexpr uint32_t kBindModeHostPid = 1;
 constexpr uint32_t kBindCpTypeDaemon = 2;
+constexpr uint32_t kNoHdcServer = 4;
+// "10" followed by the error level: sub-processes log errors only.
+constexpr char kDefaultLogLevel[] = "103";
+constexpr char kAlarmUnknownApp[] = "unknow_proc";
+constexpr uint32_t kAlarmLevel = 2;
+
+// A request reduced to the values the handlers use.
+struct FmkRequest {
+    uint32_t deviceId;
+    uint32_t realDeviceId;
+    uint32_t hostPid;
+    std::string procSign;
+    uint32_t profilingMode;
+    uint32_t rankSize;
+    bool startZarn;
+    bool startCp;
+    uint32_t checkCode;
+    std::string logLevel;
+    int32_t vfId;
+    uint32_t deviceMode;
+    std::string qsGroupName;
+};
+
+// Joins the host pids of one (device, vf) entry: "1, 2, 3".
+std::string JoinHostPids(const std::map<uint32_t, std::shared_ptr<OrvImpl>>& sessions) {
+    std::string text;
+    for (const auto& session : sessions) {
+        text += (text.empty() ? "" : ", ") + std::to_string(session.first);
+    }
+    return text;
+}
 
 }  // namespace
 
@@ -291,6 +321,237 @@ void OrvDaemon::CloseHdcSession(uint32_t deviceId, uint32_t sessionId) {
     }
 }
 
+uint32_t OrvDaemon::SendHdcMsg(uint32_t deviceId, uint32_t sessionId, const HDCMessage& msg) {
+    if (hdcServers_[deviceId] == nullptr) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] SendHdcMsg: hdc instance nullptr");
+        return kNoHdcServer;
+    }
+    return HdcCommon::SendMsg(sessionId, msg);
+}
+
+// ---- Host requests -----------------------------------------------------------
+
+void FmkToOrvMsg(const uint32_t& sessionId, const HDCMessage& msg) {
+    if (msg.device_id() >= MAX_DEVNUM_PER_OS) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc deviceId >= MAX_DEVNUM_PER_OS failed");
+        return;
+    }
+    if (msg.real_device_id() >= kMaxRealDeviceId) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc realDeviceId out of range");
+        return;
+    }
+    FmkRequest request{msg.device_id(),
+                       msg.real_device_id(),
+                       msg.proc_sign_pid().proc_pid(),
+                       msg.proc_sign_pid().proc_sign(),
+                       msg.profiling_mode(),
+                       msg.rank_size(),
+                       msg.start_zarn(),
+                       msg.start_cp(),
+                       msg.check_code(),
+                       msg.log_level().log_level(),
+                       msg.vf_id(),
+                       msg.device_mode(),
+                       msg.qs_init_group_name().qs_init_group_name()};
+    if (request.logLevel.empty()) {
+        request.logLevel = kDefaultLogLevel;
+        ORV_LOG(ORV_INFO, "[OrvDaemon] cat not get log level from orvclient, set to default ERROR log level");
+    }
+    ORV_LOG(ORV_INFO, "orvdaemon get process sign successfully, procpid:%u signSize:%u", request.hostPid,
+            static_cast<uint32_t>(request.procSign.size()));
+    ORV_LOG(ORV_INFO, "orvdaemon get qs init group name successfully, groupName:%s groupNameLen:%u",
+            request.qsGroupName.c_str(), static_cast<uint32_t>(request.qsGroupName.size()));
+    ORV_LOG(ORV_EVENT,
+            "[OrvEVENT]FmkToOrvMsg device index in os[%u] msg[%u] sessionId[%u] realDev[%u] fmkSignPid[%u] "
+            "profilingMode[%u] rankSize[%u] startZarn[%u] startCp[%u] checkCode[%u] logLevel[%s] vfid[%d]",
+            request.deviceId, static_cast<uint32_t>(msg.type()), sessionId, request.realDeviceId, request.hostPid,
+            request.profilingMode, request.rankSize, static_cast<uint32_t>(request.startZarn),
+            static_cast<uint32_t>(request.startCp), request.checkCode, request.logLevel.c_str(), request.vfId);
+    OrvDaemon::GetInstance()->FmkToOrvMsgProc(sessionId, msg.type(), request.deviceId, request.realDeviceId,
+                                              request.hostPid, request.procSign, request.profilingMode,
+                                              request.rankSize, request.startZarn, request.startCp,
+                                              request.checkCode, request.logLevel, request.vfId, request.deviceMode,
+                                              request.qsGroupName);
+}
+
+void OrvDaemon::FmkToOrvMsgProc(uint32_t sessionId, HDCMessage::MsgType type, uint32_t deviceId,
+                                uint32_t realDeviceId, uint32_t hostPid, const std::string& procSign,
+                                uint32_t profilingMode, uint32_t rankSize, bool startZarn, bool startCp,
+                                uint32_t checkCode, const std::string& logLevel, int32_t vfId, uint32_t deviceMode,
+                                const std::string& qsGroupName) {
+    switch (type) {
+        case HDCMessage::ORV_START_PROC_MSG:
+            OrvStartProcess(sessionId, deviceId, realDeviceId, hostPid, procSign, profilingMode, rankSize, startZarn,
+                            startCp, false, checkCode, logLevel, vfId, deviceMode, qsGroupName);
+            break;
+        case HDCMessage::ORV_START_QS_MSG:
+            // A queue-scheduler start never starts the other sub-processes.
+            OrvStartProcess(sessionId, deviceId, realDeviceId, hostPid, procSign, profilingMode, rankSize, false,
+                            false, true, checkCode, logLevel, vfId, deviceMode, qsGroupName);
+            break;
+        case HDCMessage::ORV_CLOSE_PROC_MSG:
+            OrvCloseProcess(sessionId, deviceId, realDeviceId, hostPid, rankSize, vfId);
+            break;
+        case HDCMessage::ORV_UPDATE_PROIFILING_MSG:
+            OrvUpdateProfiling(sessionId, deviceId, realDeviceId, hostPid, profilingMode, rankSize, vfId);
+            break;
+        default:
+            ORV_LOG(ORV_EVENT,
+                    "[OrvEVENT]From FMK unknown msg to ORV device index in os[%u] sessionId[%u] realDev[%u] "
+                    "fmkPid[%u] vfId[%d]",
+                    deviceId, sessionId, realDeviceId, hostPid, vfId);
+            break;
+    }
+}
+
+void OrvDaemon::OrvStartProcess(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                                const std::string& procSign, uint32_t profilingMode, uint32_t rankSize,
+                                bool startZarn, bool startCp, bool startQs, uint32_t checkCode,
+                                const std::string& logLevel, int32_t vfId, uint32_t deviceMode,
+                                const std::string& qsGroupName) {
+    ORV_LOG(ORV_EVENT,
+            "[OrvEVENT]From FMK Start >>>>>>>>>> deviceId[%u] sessionId[%u] realDev[%u] fmkPid[%u] rankSize[%u] "
+            "vfId[%d] startCp[%d] startZarn[%d] startQS[%d]",
+            deviceId, sessionId, realDeviceId, hostPid, rankSize, vfId, static_cast<int>(startCp),
+            static_cast<int>(startZarn), static_cast<int>(startQs));
+    std::shared_ptr<OrvImpl> session = CreateOrvImpl(deviceId, sessionId, rankSize, realDeviceId, hostPid,
+                                                     profilingMode, procSign, checkCode, logLevel, vfId, deviceMode,
+                                                     startQs, qsGroupName);
+    if (session != nullptr) {
+        session->SetStartStatus(startZarn, startCp, startQs);
+        session->StartSubProcess();
+        return;
+    }
+    ORV_LOG(ORV_ERROR, "Create OrvImpl is nullptr in deviceId[%u] sessionId[%u] fmkPid[%u] rankSize[%u] vfId[%d]",
+            deviceId, sessionId, hostPid, rankSize, vfId);
+    if (SendRspToFmk(deviceId, sessionId, realDeviceId, 1, HDCMessage::ORV_START_PROC_RSP) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc SendRspToFmk failed");
+    }
+}
+
+void OrvDaemon::OrvCloseProcess(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                                uint32_t rankSize, int32_t vfId) {
+    ORV_LOG(ORV_EVENT,
+            "[OrvEVENT]From FMK Close <<<<<<<<<<< deviceId[%u] sessionId[%u] realDev[%u] fmkPid[%u] vfId[%d]",
+            deviceId, sessionId, realDeviceId, hostPid, vfId);
+    std::shared_ptr<OrvImpl> session = GetOrvImpl(deviceId, vfId, hostPid);
+    if (session != nullptr) {
+        session->CloseSubProcess();
+        CleanResource(hostPid, vfId);
+        return;
+    }
+    ORV_LOG(ORV_ERROR, "Get OrvImpl is nullptr in deviceId[%u] sessionId[%u] fmkPid[%u] rankSize[%u] vfId[%d]",
+            deviceId, sessionId, hostPid, rankSize, vfId);
+    if (SendRspToFmk(deviceId, sessionId, realDeviceId, 1, HDCMessage::ORV_CLOSE_PROC_RSP) != 0) {
+        // Deliberately no clean-up when the host could not even be told.
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc SendRspToFmk failed");
+        return;
+    }
+    CleanResource(hostPid, vfId);
+}
+
+void OrvDaemon::OrvUpdateProfiling(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                                   uint32_t profilingMode, uint32_t rankSize, int32_t vfId) {
+    ORV_LOG(ORV_EVENT,
+            "[OrvEVENT]From FMK UpdateProfiling <<<<<<<<<<< deviceId[%u] sessionId[%u] realDev[%u] fmkPid[%u] "
+            "profilingMode[%u] vfId[%d]",
+            deviceId, sessionId, realDeviceId, hostPid, profilingMode, vfId);
+    std::shared_ptr<OrvImpl> session = GetOrvImpl(deviceId, vfId, hostPid);
+    if (session != nullptr) {
+        session->UpdateAicpuProfiling(profilingMode);
+        return;
+    }
+    ORV_LOG(ORV_ERROR, "Get OrvImpl is nullptr in deviceId[%u] sessionId[%u] fmkPid[%u] rankSize[%u] vfId[%d]",
+            deviceId, sessionId, hostPid, rankSize, vfId);
+    if (SendRspToFmk(deviceId, sessionId, realDeviceId, 1, HDCMessage::ORV_UPDATE_PROIFILING_RSP) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc SendRspToFmk failed");
+    }
+}
+
+uint32_t OrvDaemon::SendRspToFmk(uint32_t deviceId, uint32_t sessionId, uint32_t realDeviceId, uint32_t rspCode,
+                                 HDCMessage::MsgType type) {
+    HDCMessage msg;
+    msg.set_type(type);
+    msg.set_device_id(deviceId);
+    msg.set_real_device_id(realDeviceId);
+    msg.set_orv_rsp_code(rspCode);
+    ORV_LOG(ORV_EVENT,
+            "[OrvEVENT] #### Send rsp to fmk directly ORV->FMK device index in os[%u] sessionId[%u] "
+            "realDeviceId[%u] rspCode[%u] msgType[%u]####",
+            deviceId, sessionId, realDeviceId, rspCode, static_cast<uint32_t>(type));
+    return SendHdcMsg(deviceId, sessionId, msg);
+}
+
+void FmkToOrvAbnormalMsg(const uint32_t& sessionId, const HDCMessage& msg) {
+    uint32_t deviceId = msg.device_id();
+    int32_t vfId = msg.vf_id();
+    uint32_t hostPid = msg.proc_sign_pid().proc_pid();
+    ORV_LOG(ORV_INFO, "[OrvDaemon] FmkToOrvAbnormalMsg in deviceId[%u] session[%u] vfId[%d] hostPid[%u]", deviceId,
+            sessionId, vfId, hostPid);
+    OrvDaemon::GetInstance()->HDCAbnormalMsgProc(deviceId, vfId, hostPid, sessionId);
+}
+
+void OrvDaemon::HDCAbnormalMsgProc(uint32_t deviceId, int32_t vfId, uint32_t hostPid, uint32_t sessionId) {
+    ORV_LOG(ORV_INFO, "[OrvDaemon] HDCAbnormalMsgProc begin in deviceId[%u] vfId[%d] hostPid[%u]", deviceId, vfId,
+            hostPid);
+    std::shared_ptr<OrvImpl> session = EraseOrvImpl(deviceId, vfId, hostPid, sessionId);
+    if (session == nullptr) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Get OrvImpl in deviceId[%u] vfId[%d] hostPid[%u] is nullptr, skip HDCAbnormalMsgProc",
+                deviceId, vfId, hostPid);
+        return;
+    }
+    if (session->GetCloseHandle()) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] already receive close msg in deviceId[%u] vfId[%d] hostPid[%u], skip HDCAbnormalMsgProc.",
+                deviceId, vfId, hostPid);
+    } else {
+        session->AbnormalMsgProc(false, false);
+    }
+    ORV_LOG(ORV_INFO, "[OrvDaemon] HDCAbnormalMsgProc end in deviceId[%u] vfId[%d] hostPid[%u]", deviceId, vfId,
+            hostPid);
+}
+
+void ProcessTestMsg(const uint32_t& sessionId, const HDCMessage& msg) {
+    ORV_LOG(ORV_EVENT, "server has recv test data, hostPid[%u],sessionId[%u]", msg.proc_sign_pid().proc_pid(),
+            sessionId);
+    std::shared_ptr<HdcServer> server = HdcServer::GetInstance(msg.device_id(), HDC_SERVICE_TYPE_PROCESS_MANAGER);
+    if (server == nullptr) {
+        ORV_LOG(ORV_ERROR, "Get hdcserver failed.");
+        return;
+    }
+    std::shared_ptr<VersionVerify> version = server->GetVersionVerify(sessionId);
+    if (version == nullptr) {
+        ORV_LOG(ORV_ERROR, "VersionVerify is not exist");
+        return;
+    }
+    version->ParseVersionInfo(msg.version_info());
+    HDCMessage reply;
+    reply.set_type(HDCMessage::TEST_HDC_RSP);
+    version->SetVersionInfo(reply);
+    if (OrvDaemon::GetInstance()->SendHdcMsg(msg.device_id(), sessionId, reply) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Send test rsponse to client failed");
+    }
+}
+
+void OrvDaemon::ProcessPackageInfoMsg(const uint32_t& sessionId, const HDCMessage& msg) {
+    ORV_LOG(ORV_EVENT, "server has recv package info request, sessionId[%u]", sessionId);
+    std::shared_ptr<PackageWorker> worker = PackageWorker::GetInstance(msg.vf_id());
+    if (worker == nullptr) {
+        return;
+    }
+    HDCMessage reply;
+    reply.set_type(HDCMessage::ORV_CHECK_PACKAGE_RSP);
+    reply.set_check_code(worker->GetCheckCode());
+    reply.set_real_device_id(msg.real_device_id());
+    OrvDaemon* daemon = GetInstance();
+    uint32_t sent = daemon->SendHdcMsg(msg.device_id(), sessionId, reply);
+    // A package query is a one-shot session.
+    daemon->CloseHdcSession(msg.device_id(), sessionId);
+    if (sent != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Send package check result to client failed");
+    }
+}
+
 // ---- Session registry ------------------------------------------------------
 
 void OrvDaemon::SetMaxProcessPerDevice() {
@@ -308,6 +569,139 @@ void OrvDaemon::SetMaxProcessPerDevice() {
         return;
     }
     maxProcessPerDevice_ = limit;
+}
+
+std::shared_ptr<OrvImpl> OrvDaemon::CreateOrvImpl(uint32_t deviceId, uint32_t sessionId, uint32_t rankSize,
+                                                  uint32_t realDeviceId, uint32_t hostPid, uint32_t profilingMode,
+                                                  const std::string& procSign, uint32_t checkCode,
+                                                  const std::string& logLevel, int32_t vfId, uint32_t deviceMode,
+                                                  bool startQs, const std::string& qsGroupName) {
+    // Negative VF ids are refused by the same test.
+    if (static_cast<uint32_t>(vfId) > kMaxVfId) {
+        ORV_LOG(ORV_ERROR, "Invalid vfId[%d] in os[%u] session[%u]", vfId, deviceId, sessionId);
+        return nullptr;
+    }
+    if (deviceId >= MAX_DEVNUM_PER_OS) {
+        ORV_LOG(ORV_ERROR, "Invalid deviceId[%d] in session[%u]", static_cast<int32_t>(deviceId), sessionId);
+        return nullptr;
+    }
+    MutexLock lock(&orvImplMapMutex_);
+    std::map<uint32_t, std::shared_ptr<OrvImpl>>& sessions = orvImplMap_[{deviceId, vfId}];
+    std::string hostPids = JoinHostPids(sessions);
+    auto existing = sessions.find(hostPid);
+    if (existing != sessions.end()) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] OrvImpl with deviceId[%u] vfId[%d] hostPid[%u] has already exist!", deviceId,
+                vfId, hostPid);
+        if (!startQs) {
+            existing->second->UpdateOrvImpl(rankSize, profilingMode, checkCode, logLevel);
+        }
+        return existing->second;
+    }
+    if (sessions.size() < maxProcessPerDevice_) {
+        return MakeOrvImplNoThrow(deviceId, sessionId, rankSize, realDeviceId, hostPid, profilingMode, procSign,
+                                  checkCode, logLevel, vfId, deviceMode, qsGroupName);
+    }
+    ORV_LOG(ORV_ERROR,
+            "[OrvDaemon] OrvImpl with hostPid[%u] create failed on deviceId[%u] vfId[%d], reach max aicpu-runner per "
+            "device %u, hostPids[%s]",
+            hostPid, deviceId, vfId, maxProcessPerDevice_, hostPids.c_str());
+    return nullptr;
+}
+
+std::shared_ptr<OrvImpl> OrvDaemon::MakeOrvImplNoThrow(uint32_t deviceId, uint32_t sessionId, uint32_t rankSize,
+                                                       uint32_t realDeviceId, uint32_t hostPid,
+                                                       uint32_t profilingMode, const std::string& procSign,
+                                                       uint32_t checkCode, const std::string& logLevel,
+                                                       int32_t vfId, uint32_t deviceMode,
+                                                       const std::string& qsGroupName) {
+    std::shared_ptr<OrvImpl> session;
+    try {
+        session = std::make_shared<OrvImpl>(deviceId, sessionId, rankSize, realDeviceId, hostPid, profilingMode,
+                                            procSign, checkCode, logLevel, vfId, deviceMode, qsGroupName);
+    } catch (...) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Create OrvImpl failed on device index in os[%u] vfId[%d]", deviceId, vfId);
+        return nullptr;
+    }
+    orvImplMap_[{deviceId, vfId}][hostPid] = session;
+    ORV_LOG(ORV_INFO,
+            "[OrvDaemon] Insert OrvImpl device index in os[%u] sess[%u] rank size[%u] vfId[%d] hostPid[%u] in "
+            "OrvImpl map",
+            deviceId, sessionId, rankSize, vfId, hostPid);
+    return session;
+}
+
+std::shared_ptr<OrvImpl> OrvDaemon::GetOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid) {
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Begin to get orvImpl with deviceId[%u] vfId[%d] hostPid[%u]", deviceId, vfId,
+            hostPid);
+    std::shared_ptr<OrvImpl> session;
+    {
+        MutexLock lock(&orvImplMapMutex_);
+        auto entry = orvImplMap_.find({deviceId, vfId});
+        if (entry != orvImplMap_.end()) {
+            auto found = entry->second.find(hostPid);
+            if (found != entry->second.end()) {
+                session = found->second;
+            }
+        }
+    }
+    if (session == nullptr) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] orvImpl with deviceId[%u] vfId[%d] hostPid[%u] is not exist.", deviceId, vfId,
+                hostPid);
+    }
+    return session;
+}
+
+void OrvDaemon::DeleteOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid) {
+    std::shared_ptr<OrvImpl> removed;  // destroyed after the lock is released
+    MutexLock lock(&orvImplMapMutex_);
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Begin to delete OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId, vfId,
+            hostPid);
+    auto entry = orvImplMap_.find({deviceId, vfId});
+    if (entry == orvImplMap_.end()) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] orvImpl with deviceId[%u] vfId[%d] hostPid[%u] is not exist in orvImplMap_.",
+                deviceId, vfId, hostPid);
+        return;
+    }
+    auto found = entry->second.find(hostPid);
+    if (found != entry->second.end()) {
+        removed = std::move(found->second);
+        entry->second.erase(found);
+    }
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Success to delete OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId,
+            vfId, hostPid);
+}
+
+std::shared_ptr<OrvImpl> OrvDaemon::EraseOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid,
+                                                 uint32_t sessionId) {
+    MutexLock lock(&orvImplMapMutex_);
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Begin to erase OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId, vfId,
+            hostPid);
+    auto entry = orvImplMap_.find({deviceId, vfId});
+    if (entry == orvImplMap_.end()) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] orvImpl with deviceId[%u] vfId[%d] hostPid[%u] sessionId[%u] is not exist in "
+                "orvImplMap_.",
+                deviceId, vfId, hostPid, sessionId);
+        return nullptr;
+    }
+    auto found = entry->second.find(hostPid);
+    if (found == entry->second.end()) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] orvImpl with deviceId[%u] vfId[%d] hostPid[%u] sessionId[%u] is not exist.",
+                deviceId, vfId, hostPid, sessionId);
+        return nullptr;
+    }
+    if (found->second->GetSessionId() != sessionId) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] OrvImpl is not exist, the OrvImpl we got is with session of [%u], but what we want to "
+                "delete is with session of [%u], skip HDCAbnormalMsgProc",
+                found->second->GetSessionId(), sessionId);
+        return nullptr;
+    }
+    std::shared_ptr<OrvImpl> session = std::move(found->second);
+    entry->second.erase(found);
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Success to erase OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId, vfId,
+            hostPid);
+    return session;
 }
 
 void OrvDaemon::ClearOrvMap() {
@@ -548,11 +942,33 @@ uint32_t OrvDaemon::InitOrvHdcSer() {
 }
 
 uint32_t OrvDaemon::InitInotifyWatcher() const {
-    // Package watching comes with the kernel-package installer.
+    OrvEventServer* server = OrvEventServer::GetInstance();
+    uint32_t ret = server->CreatInotifyWatcher(0);
+    if (ret != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Creat physical inotify watcher failed.");
+        return ret;
+    }
+    ORV_LOG(ORV_EVENT, "[OrvEVENT] Creat physical inotify watcher success.");
+    std::vector<int> vfIds;
+    if (!server->CheckExistVf(vfIds)) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] ORV check exist vf failed");
+        return 1;
+    }
+    for (int vfId : vfIds) {
+        if (vfId < 1 || vfId > static_cast<int>(kMaxVfId)) {
+            ORV_LOG(ORV_ERROR, "Got invalid vfid[%u]", static_cast<uint32_t>(vfId));
+            return 1;
+        }
+        server->RemoveFile(vfId);
+        if (server->CreatInotifyWatcher(vfId) != 0) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon] Creat inotify watcher by vfid[%u] failed", static_cast<uint32_t>(vfId));
+            return 1;
+        }
+    }
     return 0;
 }
 
-// ---- Resources ---------------------------------------------------------------
+// ---- Events, alarms and resources --------------------------------------------
 
 void OrvDaemon::FreeProcessBuff(uint32_t subProcPid) {
     ORV_LOG(ORV_INFO, "[OrvDaemon] Begin clean process, subProcPid: %u", subProcPid);
@@ -562,6 +978,83 @@ void OrvDaemon::FreeProcessBuff(uint32_t subProcPid) {
         return;
     }
     ORV_LOG(ORV_INFO, "[OrvDaemon] Success to free aicpu-runner buff subProcPid[%u]", subProcPid);
+}
+
+void OrvDaemon::ProcessEventServerInfo(const void* info, uint32_t subEventId) {
+    if (subEventId != ORV_SUB_EVENT_START && subEventId != ORV_SUB_EVENT_CLOSE &&
+        subEventId != ORV_SUB_EVENT_CUST_START && subEventId != ORV_SUB_EVENT_LOAD_SO) {
+        ORV_LOG(ORV_EVENT, "[OrvDaemon] Error invalid subEvnetid[%u] recieved.", subEventId);
+        return;
+    }
+    OrvSubEventInfo event;
+    (void)memcpy_s(&event, sizeof(event), info, sizeof(event));
+    std::shared_ptr<OrvImpl> session = GetOrvImpl(event.deviceId, event.vfId, event.hostPid);
+    if (session == nullptr) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] Get OrvImpl in deviceId[%u] hostPid[%u] vfId[%d] is nullptr, skip ProcessEventServerInfo",
+                event.deviceId, event.hostPid, event.vfId);
+        return;
+    }
+    ORV_LOG(ORV_EVENT, "[ProcessEventServerInfo] deviceId[%u] srcPid[%u] type[%u]", event.deviceId, event.srcPid,
+            event.eventType);
+    if (event.eventType != ORV_SUB_EVENT_ABNORMAL) {
+        session->ProcessEventServerInfo(event.srcPid, event.eventType, event.procType, info);
+        return;
+    }
+    // The sub-process reports its own abnormal end; its process type word
+    // carries the status, and 2 (the custom process) ends only that one.
+    bool customOnly = event.procType == CUSTOM_COMPUTE;
+    session->AbnormalMsgProc(customOnly, true);
+    if (!customOnly) {
+        ORV_LOG(ORV_ERROR, "Subprocess[%u] kernel execute time out.", event.srcPid);
+        DeleteOrvImpl(event.deviceId, event.vfId, event.hostPid);
+    }
+}
+
+void OrvDaemon::CleanResource(uint32_t hostPid, int32_t vfId) {
+    ORV_LOG(ORV_INFO, "normal, clean custSoPath");
+    std::string path = std::string(kCustSoRoot) + kCustSoPrefix + std::to_string(vfId) + "_" + std::to_string(hostPid);
+    if (access(path.c_str(), F_OK) != 0) {
+        ORV_LOG(ORV_INFO, "custSoPath[%s] is invalid, skip clean", path.c_str());
+        return;
+    }
+    std::string command = "rm -rf " + path;
+    (void)PackSystem(command.c_str());
+}
+
+void OrvDaemon::GenerateAlarmMessage(uint32_t procType, uint32_t pid, uint32_t deviceId, AlarmReason reason) const {
+    ORV_LOG(ORV_INFO, "GenerateAlarmMessage start, procType: %d", static_cast<int32_t>(procType));
+    static const std::map<uint32_t, uint32_t> kModuleCodes = {
+        {ZARN, 3}, {COMPUTE, 2}, {CUSTOM_COMPUTE, 4}, {QUEUE_SCHEDULE, 1}};
+    auto module = kModuleCodes.find(procType);
+    if (module == kModuleCodes.end()) {
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Unknown alarm module");
+        return;
+    }
+    ORV_LOG(ORV_INFO, "Begin to get pid app name.");
+    std::string appName;
+    GetPidAppName(procType, pid, appName);
+    ORV_LOG(ORV_INFO, "Finish to get pid app name: %s", appName.c_str());
+    Orv2dmReqMsg request;
+    request.text = appName;
+    request.kind = kPexaKindAlarm;
+    request.moduleCode = module->second;
+    request.level = kAlarmLevel;
+    request.pid = pid;
+    request.reason = reason;
+    request.reserved = 0;
+    request.deviceId = deviceId;
+    ORV_LOG(ORV_INFO, "Begin to send to pexa server.");
+    OrvPexaClient::GetInstance()->SendMessageToPexaServer(request);
+    ORV_LOG(ORV_INFO, "Finish to send to pexa server.");
+    ORV_LOG(ORV_INFO, "GenerateAlarmMessage end");
+}
+
+void OrvDaemon::GetPidAppName(uint32_t procType, uint32_t pid, std::string& appName) const {
+    static const std::map<uint32_t, std::string> kPrefixes = {
+        {ZARN, "zarn_"}, {COMPUTE, "aicpu_rn_"}, {CUSTOM_COMPUTE, "aicpu_cust_rn_"}, {QUEUE_SCHEDULE, "queue_runner_"}};
+    auto prefix = kPrefixes.find(procType);
+    appName = prefix == kPrefixes.end() ? std::string(kAlarmUnknownApp) : prefix->second + std::to_string(pid);
 }
 
 uint32_t OrvDaemon::AttachBuffGroup(const std::string& groupName, int32_t timeout) {

@@ -22,6 +22,8 @@
 
 #include <hdc_server.h>
 
+#include "daemon/orv_pexa_client.h"
+#include "orv_message.pb.h"
 #include "platform/mutex.h"
 #include "platform/orv_drv_manager.h"
 #include "session/orv_common.h"
@@ -32,8 +34,18 @@ namespace orv {
 using OrvImplKey = std::pair<uint32_t, int32_t>;
 using OrvImplMap = std::map<OrvImplKey, std::map<uint32_t, std::shared_ptr<OrvImpl>>>;
 
-// The four sub-process executables, in the order start-up looks for leftovers.
-extern const std::vector<std::string> kSubProcessNames;
+// Largest VF id; 0 is the physical function.
+inline constexpr uint32_t kMaxVfId = 16;
+// Physical device ids lie below this.
+inline constexpr uint32_t kMaxRealDeviceId = 128;
+
+// Handlers of host requests, registered with the dispatch registry.
+// Start, close, profiling update and queue-scheduler start (6, 7, 30, 37).
+void FmkToOrvMsg(const uint32_t& sessionId, const HDCMessage& msg);
+// A host's HDC session went away (10).
+void FmkToOrvAbnormalMsg(const uint32_t& sessionId, const HDCMessage& msg);
+// Link and version test (32).
+void ProcessTestMsg(const uint32_t& sessionId, const HDCMessage& msg);
 
 class OrvDaemon {
 public:
@@ -64,8 +76,35 @@ public:
     // Joins both monitor threads.
     void JoinProcess();
 
+    // Sends one message to the host on one HDC session: 4 when the device has
+    // no HDC server, else the library's result.
+    uint32_t SendHdcMsg(uint32_t deviceId, uint32_t sessionId, const HDCMessage& msg);
+
     // Closes one HDC session of a device, if the device has a server.
     void CloseHdcSession(uint32_t deviceId, uint32_t sessionId);
+
+    // ---- Host requests ----
+
+    void FmkToOrvMsgProc(uint32_t sessionId, HDCMessage::MsgType type, uint32_t deviceId, uint32_t realDeviceId,
+                         uint32_t hostPid, const std::string& procSign, uint32_t profilingMode, uint32_t rankSize,
+                         bool startZarn, bool startCp, uint32_t checkCode, const std::string& logLevel, int32_t vfId,
+                         uint32_t deviceMode, const std::string& qsGroupName);
+    void OrvStartProcess(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                         const std::string& procSign, uint32_t profilingMode, uint32_t rankSize, bool startZarn,
+                         bool startCp, bool startQs, uint32_t checkCode, const std::string& logLevel, int32_t vfId,
+                         uint32_t deviceMode, const std::string& qsGroupName);
+    void OrvCloseProcess(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                         uint32_t rankSize, int32_t vfId);
+    void OrvUpdateProfiling(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId, uint32_t hostPid,
+                            uint32_t profilingMode, uint32_t rankSize, int32_t vfId);
+    // A response built here, when no session can answer.
+    uint32_t SendRspToFmk(uint32_t deviceId, uint32_t sessionId, uint32_t realDeviceId, uint32_t rspCode,
+                          HDCMessage::MsgType type);
+    // Tears down the session of a host whose HDC session went away, if that
+    // HDC session created it.
+    void HDCAbnormalMsgProc(uint32_t deviceId, int32_t vfId, uint32_t hostPid, uint32_t sessionId);
+    // Check-code query (35); answers and closes the query's HDC session.
+    static void ProcessPackageInfoMsg(const uint32_t& sessionId, const HDCMessage& msg);
 
     uint32_t GetDeviceNum() const { return deviceNum_; }
     bool GetZebFlag() const { return zebFlag_; }
@@ -75,6 +114,33 @@ public:
     // Reads the per-(device, vf) session limit from AICPU_MAX_NUM.
     void SetMaxProcessPerDevice();
     uint32_t GetMaxProcessPerDevice() const { return maxProcessPerDevice_; }
+
+    // The session of a host process, new or existing; null for an invalid
+    // device or VF id, or when the (device, vf) entry is full.
+    std::shared_ptr<OrvImpl> CreateOrvImpl(uint32_t deviceId, uint32_t sessionId, uint32_t rankSize,
+                                           uint32_t realDeviceId, uint32_t hostPid, uint32_t profilingMode,
+                                           const std::string& procSign, uint32_t checkCode,
+                                           const std::string& logLevel, int32_t vfId, uint32_t deviceMode,
+                                           bool startQs, const std::string& qsGroupName)
+        LOCKS_EXCLUDED(orvImplMapMutex_);
+
+    // Makes and registers a session; null when its construction throws.
+    std::shared_ptr<OrvImpl> MakeOrvImplNoThrow(uint32_t deviceId, uint32_t sessionId, uint32_t rankSize,
+                                                uint32_t realDeviceId, uint32_t hostPid, uint32_t profilingMode,
+                                                const std::string& procSign, uint32_t checkCode,
+                                                const std::string& logLevel, int32_t vfId, uint32_t deviceMode,
+                                                const std::string& qsGroupName)
+        EXCLUSIVE_LOCKS_REQUIRED(orvImplMapMutex_);
+
+    std::shared_ptr<OrvImpl> GetOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid)
+        LOCKS_EXCLUDED(orvImplMapMutex_);
+
+    // Forgets a session whose end the event path learnt of.
+    void DeleteOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid) LOCKS_EXCLUDED(orvImplMapMutex_);
+
+    // Forgets and returns a session, only if HDC session `sessionId` created it.
+    std::shared_ptr<OrvImpl> EraseOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid, uint32_t sessionId)
+        LOCKS_EXCLUDED(orvImplMapMutex_);
 
     // Empties the registry; sessions die with their last reference.
     void ClearOrvMap() LOCKS_EXCLUDED(orvImplMapMutex_);
@@ -115,10 +181,22 @@ public:
     // Starts the package watchers of the physical function and existing VFs.
     uint32_t InitInotifyWatcher() const;
 
-    // ---- Resources ----
+    // ---- Events, alarms and resources ----
+
+    // Routes one sub-process event (sub-events 0, 1, 2, 6 and kind 4) to its session.
+    void ProcessEventServerInfo(const void* info, uint32_t subEventId);
 
     // Returns a dead sub-process's buffers to the driver.
     static void FreeProcessBuff(uint32_t subProcPid);
+
+    // Removes a host process's custom-kernel directory, if it exists.
+    static void CleanResource(uint32_t hostPid, int32_t vfId);
+
+    // Raises an alarm for a sub-process with the device-management service.
+    void GenerateAlarmMessage(uint32_t procType, uint32_t pid, uint32_t deviceId, AlarmReason reason) const;
+
+    // "aicpu_rn_<pid>" and the like.
+    void GetPidAppName(uint32_t procType, uint32_t pid, std::string& appName) const;
 
     // Attaches the daemon to a buffer group, once per name. 0 or the driver's error.
     uint32_t AttachBuffGroup(const std::string& groupName, int32_t timeout) LOCKS_EXCLUDED(attachedGroupsMutex_);

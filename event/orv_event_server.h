@@ -1,38 +1,87 @@
-// OrvEventServer: the daemon's side of the driver's event scheduler. Worker
-// threads, one per device, wait for the sub-processes' and the driver's events
-// and hand them on; SubmitOrvEvent sends records to the sub-processes.
+// OrvEventServer: the daemon's side of the driver's event scheduler.
 //
-// This build carries the server's running state and shutdown only; its
-// workers come with the sub-process event traffic.
+// One worker thread per device owns one scheduler group and waits for events:
+// sub-process records go to the daemon (and on to their session), driver VF
+// notices are handled here. SubmitOrvEvent sends records to sub-processes.
 #ifndef ORV_EVENT_ORV_EVENT_SERVER_H
 #define ORV_EVENT_ORV_EVENT_SERVER_H
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
+#include <vector>
+
+#include <driver_hal.h>
+
+#include "event/orv_event_interface.h"
+#include "platform/mutex.h"
 
 namespace orv {
 
-class OrvEventServer {
+// Subscription and the wait-and-dispatch step of an event receiver.
+class OrvEventInterface {
+public:
+    // Handles one received event; 0 when it was handled.
+    virtual uint32_t ProcessEvent(event_info& event) = 0;
+
+    // Subscribes a thread of a group to EVENT_CCPU_CTRL_MSG. 0 on success.
+    uint32_t SubscribeEvent(uint32_t devId, uint32_t groupId, int32_t threadIndex);
+
+    // Waits up to 3 s for one event and processes it. 0 to keep waiting, 1
+    // when the scheduler says this waiter is done for.
+    uint32_t WaitAndProcessEvent(uint32_t devId, uint32_t groupId, int32_t threadIndex);
+
+protected:
+    OrvEventInterface() = default;
+    ~OrvEventInterface() = default;
+};
+
+class OrvEventServer : public OrvEventInterface {
 public:
     static OrvEventServer* GetInstance();
 
     OrvEventServer(const OrvEventServer&) = delete;
     OrvEventServer& operator=(const OrvEventServer&) = delete;
 
-    // Starts the event workers for `devNum` devices. 0 on success.
+    // Attaches to the scheduler, registers for VF notices and starts one
+    // worker per device. 0 on success.
     uint32_t Init(uint32_t devNum);
 
-    // Stops and joins the workers.
+    // Body of a worker; its index is its scheduler group.
+    void Work(uint32_t groupId);
+
+    uint32_t ProcessEvent(event_info& event) override;
+
+    // Sends one record to the sub-process it names. 0 on success.
+    uint32_t SubmitOrvEvent(OrvSubEventInfo& record) const;
+
+    // Stops and joins the workers (each within its current 3 s wait).
     void Destroy();
 
     // The daemon's monitor treats a server that stopped running as fatal.
     bool IsRunning() const { return running_.load(); }
     void SetRunningFlag(bool running) { running_.store(running); }
 
+    // ---- Driver and VF notices ----
+
+    // A VF was created (sub-event 100) or destroyed (101); acknowledges the
+    // driver unless the notice is malformed. 0 when handled.
+    uint32_t ProcessDrvEvent(event_info& event, uint32_t subEventId);
+    int ProcessCreatVfEvent(int vfId) LOCKS_EXCLUDED(vfMutex_);
+    int ProcessDestoryVfEvevt(int vfId) LOCKS_EXCLUDED(vfMutex_);
+    // The VFs that exist, from the per-VF custom compute programs in /var.
+    bool CheckExistVf(std::vector<int>& vfIds) const;
+    // Clears a VF's installed kernels and its custom-kernel user's files.
+    void RemoveFile(int vfId) const;
+    // Starts the package watcher of a VF. 0 on success.
+    uint32_t CreatInotifyWatcher(int vfId) const;
+
 private:
     OrvEventServer();
 
     std::atomic<bool> running_{true};
+    std::vector<std::thread> workers_;  // the thread of Init and Destroy only
+    Mutex vfMutex_;
 };
 
 }  // namespace orv

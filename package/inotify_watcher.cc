@@ -1,15 +1,41 @@
 #include "package/inotify_watcher.h"
 
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <new>
 
+#include <driver_hal.h>
+
+#include "package/internal_api.h"
+#include "package/package_worker.h"
 #include "platform/log.h"
 
 namespace orv {
+
+namespace {
+
+constexpr uint32_t kTrustedPathSize = 256;
+constexpr int kMaxEpollEvents = 512;
+constexpr int kEpollTimeoutMs = 250;
+constexpr size_t kReadBufferSize = 512;
+// The fixed part of an inotify event; the buffer is walked in steps of it.
+constexpr size_t kEventStep = sizeof(inotify_event);
+
+}  // namespace
 
 Mutex InotifyWatcher::mutexForInotifyWatcherMap_;
 std::map<int32_t, std::shared_ptr<InotifyWatcher>> InotifyWatcher::inotifyWatcherMap_;
 
 InotifyWatcher::InotifyWatcher(int32_t vfId) : vfId_(vfId) {}
+
+InotifyWatcher::~InotifyWatcher() {
+    if (running_) {
+        Stop();
+    }
+    packageWorker_.reset();
+}
 
 std::shared_ptr<InotifyWatcher> InotifyWatcher::GetInstance(int32_t vfId) {
     MutexLock lock(&mutexForInotifyWatcherMap_);
@@ -28,16 +54,199 @@ std::shared_ptr<InotifyWatcher> InotifyWatcher::FindInstance(int32_t vfId) {
     return it != inotifyWatcherMap_.end() ? it->second : nullptr;
 }
 
+uint32_t InotifyWatcher::Init(uint32_t deviceCount) {
+    if (initialized_) {
+        ORV_LOG(ORV_EVENT, "Inotify watcher in fd[%d] has been initialized.", vfId_);
+        return 0;
+    }
+    packageWorker_ = PackageWorker::GetInstance(vfId_);
+    if (packageWorker_ == nullptr) {
+        ORV_LOG(ORV_ERROR, "get package worker in vfId[%d] failed", vfId_);
+        return 1;
+    }
+    epollFd_ = epoll_create(1);
+    if (epollFd_ < 0) {
+        ORV_LOG(ORV_ERROR, "epoll_create in vfId[%d] failed, ret = %d.", vfId_, epollFd_);
+        return 1;
+    }
+    ORV_LOG(ORV_INFO, "epoll_create epoll_fd[%d] in vfId[%d] success", epollFd_, vfId_);
+    inotifyFd_ = inotify_init();
+    if (inotifyFd_ < 0) {
+        ORV_LOG(ORV_ERROR, "inotify_init in vfId[%d] failed, ret = %d", vfId_, inotifyFd_);
+        return 1;
+    }
+    ORV_LOG(ORV_INFO, "inotify_init inotify_fd[%d] in vfId[%d] epoll_fd[%d] success", inotifyFd_, vfId_, epollFd_);
+    uint32_t ret = StartWatch(deviceCount);
+    if (ret != 0) {
+        ORV_LOG(ORV_ERROR, "start watch thread in vfId[%d] failed, ret = %d", vfId_, inotifyFd_);
+        return ret;
+    }
+    initialized_ = true;
+    return 0;
+}
+
+uint32_t InotifyWatcher::StartWatch(const uint32_t& deviceCount) {
+    for (uint32_t deviceId = 0; deviceId < deviceCount; ++deviceId) {
+        char base[kTrustedPathSize] = {0};
+        drvError_t ret = drvHdcGetTrustedBasePath(HDC_LOCAL_PEER_NODE, deviceId, base, kTrustedPathSize);
+        if (ret != DRV_ERROR_NONE) {
+            ORV_LOG(ORV_ERROR, "drvHdcGetTrustedBasePath get hdc device path failed, ret = %d", ret);
+            return 1;
+        }
+        std::string dir = base;
+        if (vfId_ != 0) {
+            dir += "/vfid" + std::to_string(vfId_);
+        }
+        if (access(dir.c_str(), F_OK) != 0) {
+            ORV_LOG(ORV_ERROR, "access path[%s] failed", dir.c_str());
+            return 1;
+        }
+        ORV_LOG(ORV_INFO, "Inoitfy path on vfid[%d] is %s", vfId_, dir.c_str());
+        int32_t wd = inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE);
+        if (wd < 0) {
+            ORV_LOG(ORV_ERROR, "inotify_add_watch fd[%d] path[%s] wd[%d] failed", inotifyFd_, dir.c_str(), wd);
+            return 1;
+        }
+        if (!wdPathMap_.emplace(wd, dir).second) {
+            ORV_LOG(ORV_ERROR, "add wd[%d] path[%s] to map failed", wd, dir.c_str());
+            return 1;
+        }
+        ORV_LOG(ORV_EVENT, "inotify_add_watch fd[%d] path[%s] wd[%d] succ", inotifyFd_, dir.c_str(), wd);
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = inotifyFd_;
+    if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, inotifyFd_, &event) != 0) {
+        ORV_LOG(ORV_ERROR, "epoll_ctl epoll_fd[%d] add inotify_fd[%d] failed, %s", epollFd_, inotifyFd_,
+                SafeStrerror().c_str());
+        return 1;
+    }
+    try {
+        watchThread_ = std::thread([this] { Work(); });
+    } catch (const std::exception& e) {
+        ORV_LOG(ORV_ERROR, "create inotify watcher thread in vfId[%d] failed, %s", vfId_, e.what());
+        return 1;
+    }
+    return 0;
+}
+
+void InotifyWatcher::Work() {
+    epoll_event events[kMaxEpollEvents];
+    while (running_) {
+        int count = epoll_wait(epollFd_, events, kMaxEpollEvents, kEpollTimeoutMs);
+        if (count < 0) {
+            ORV_LOG(ORV_INFO, "epoll_wait epoll_fd[%d] inotify_fd[%d] vfId[%d] receive a terminal signal, err: %s.",
+                    epollFd_, inotifyFd_, vfId_, SafeStrerror().c_str());
+            continue;
+        }
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.fd != inotifyFd_) {
+                continue;
+            }
+            // One byte more than is read, always zero: a name read from a
+            // position inside another name ends inside the buffer.
+            alignas(inotify_event) char buffer[kReadBufferSize + 1] = {0};
+            ssize_t length = read(inotifyFd_, buffer, kReadBufferSize);
+            if (length < static_cast<ssize_t>(kEventStep)) {
+                ORV_LOG(ORV_ERROR, "read inotify_fd[%d] failed, buf = %d", inotifyFd_, static_cast<int>(length));
+                return;
+            }
+            // The buffer is walked in steps of the fixed header only, so that
+            // positions inside a name are looked at too; they fail the name
+            // pattern and are skipped.
+            for (size_t offset = 0; offset + kEventStep <= static_cast<size_t>(length); offset += kEventStep) {
+                HandleEvent(reinterpret_cast<const inotify_event*>(buffer + offset));
+            }
+        }
+    }
+    ORV_LOG(ORV_INFO, "exit epoll_wait thread epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+}
+
+void InotifyWatcher::HandleEvent(const inotify_event* event) {
+    if (event->len == 0) {
+        return;
+    }
+    std::string name(event->name, strnlen(event->name, event->len));
+    if (!ValidateStr(name, kPackageNamePattern)) {
+        ORV_LOG(ORV_INFO, "file[%s] not correct, skip", name.c_str());
+        return;
+    }
+    ORV_LOG(ORV_EVENT, "find file[%s], ready to load", name.c_str());
+    std::string dir;
+    if (!GetInotifyPath(event->wd, dir)) {
+        ORV_LOG(ORV_ERROR, "get inotify path map to wd[%d] faild", event->wd);
+        return;
+    }
+    ORV_LOG(ORV_INFO, "get inotify path[%s] map to wd[%d] success", dir.c_str(), event->wd);
+    dir += "/";
+    ORV_LOG(ORV_EVENT, "begin load aicpu package path[%s] file[%s]", dir.c_str(), name.c_str());
+    if (packageWorker_->LoadAICPUPackageForProcessMode(dir, name) != 0) {
+        ORV_LOG(ORV_ERROR, "Load aicpu package path[%s] file[%s] failed", dir.c_str(), name.c_str());
+    }
+}
+
+bool InotifyWatcher::GetInotifyPath(int32_t wd, std::string& path) {
+    auto it = wdPathMap_.find(wd);
+    if (it == wdPathMap_.end()) {
+        ORV_LOG(ORV_ERROR, "can not find path map to epoll_fd[%d] inotify_fd[%d] wd[%d].", epollFd_, inotifyFd_, wd);
+        return false;
+    }
+    path = it->second;
+    ORV_LOG(ORV_INFO, "find path[%s] map to epoll_fd[%d] inotify_fd[%d] wd[%d]", path.c_str(), epollFd_, inotifyFd_,
+            wd);
+    return CheckRealPath(path);
+}
+
+void InotifyWatcher::Stop() {
+    if (!running_) {
+        ORV_LOG(ORV_INFO, "vfId[%d] working thread has already stopped", vfId_);
+        return;
+    }
+    running_ = false;
+    if (watchThread_.joinable()) {
+        watchThread_.join();
+    }
+    ORV_LOG(ORV_INFO, "begin stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+    for (const auto& entry : wdPathMap_) {
+        inotify_rm_watch(inotifyFd_, entry.first);
+    }
+    wdPathMap_.clear();
+    // Descriptor 0 means "never opened" here; closing it would close the
+    // daemon's standard input.
+    if (epollFd_ > 0 && inotifyFd_ > 0) {
+        epoll_ctl(epollFd_, EPOLL_CTL_DEL, inotifyFd_, nullptr);
+    }
+    if (inotifyFd_ > 0) {
+        close(inotifyFd_);
+    }
+    inotifyFd_ = 0;
+    if (epollFd_ > 0) {
+        close(epollFd_);
+    }
+    epollFd_ = 0;
+    ORV_LOG(ORV_INFO, "finish stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+}
+
 uint32_t InotifyWatcher::Destory() {
-    return ClearWatcherPtr();
+    Stop();
+    if (packageWorker_ != nullptr) {
+        packageWorker_->Destory();
+    }
+    uint32_t ret = ClearWatcherPtr();
+    initialized_ = false;
+    return ret;
 }
 
 uint32_t InotifyWatcher::ClearWatcherPtr() {
+    std::shared_ptr<InotifyWatcher> self;  // let go outside the lock
     MutexLock lock(&mutexForInotifyWatcherMap_);
-    if (inotifyWatcherMap_.erase(vfId_) == 0) {
+    auto it = inotifyWatcherMap_.find(vfId_);
+    if (it == inotifyWatcherMap_.end()) {
         ORV_LOG(ORV_ERROR, "delete the %d inotifyWatcherPtr from inotifyWatcherMap_ failed", vfId_);
         return 1;
     }
+    self = std::move(it->second);
+    inotifyWatcherMap_.erase(it);
     return 0;
 }
 

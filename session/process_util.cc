@@ -1,11 +1,22 @@
 #include "session/process_util.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include <driver_hal.h>
+
 #include "platform/log.h"
 
 namespace orv {
 
 namespace {
 constexpr uint32_t kMaxCpuId = 1024;
+constexpr uint32_t kAllPermissions = 15;
+// Group grants the driver reports as already in place or not offered.
+constexpr drvError_t kGrantedAlready = 10;
+constexpr drvError_t kGrantNotSupported = 65534;
 }  // namespace
 
 uint32_t ProcessUtil::SetThreadAffinity(pthread_t threadId, const std::vector<uint32_t>& cpus) {
@@ -45,6 +56,79 @@ uint32_t ProcessUtil::SaveThreadAffinity(pthread_t threadId, cpu_set_t& saved) {
 
 uint32_t ProcessUtil::RestoreThreadAffinity(pthread_t threadId, const cpu_set_t& saved) {
     return pthread_setaffinity_np(threadId, sizeof(saved), &saved) == 0 ? 0 : 1;
+}
+
+int32_t ProcessUtil::StartAndBindSubProcess(const std::string& path, const std::vector<uint32_t>& ctrlCpus,
+                                            char* const argv[], char* const envp[], const bool& useExecv,
+                                            const std::vector<std::string>& groups,
+                                            const std::function<void()>& callback) {
+    pthread_t tid = pthread_self();
+    cpu_set_t saved;
+    if (SaveThreadAffinity(tid, saved) != 0) {
+        ORV_LOG(ORV_ERROR, "SaveThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        return -1;
+    }
+    if (SetThreadAffinity(tid, ctrlCpus) != 0) {
+        ORV_LOG(ORV_ERROR, "SetThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        return -1;
+    }
+    // Forked while bound: the child inherits the control CPUs.
+    int32_t pid = StartSubProcess(path, argv, envp, useExecv, groups, callback);
+    if (RestoreThreadAffinity(tid, saved) != 0) {
+        ORV_LOG(ORV_ERROR, "RestoreThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        return -1;
+    }
+    return pid;
+}
+
+int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[], char* const envp[],
+                                     const bool& useExecv, const std::vector<std::string>& groups,
+                                     const std::function<void()>& callback) {
+    if (callback) {
+        ORV_LOG(ORV_INFO, "[ProcessUtil] excute callback.");
+    } else {
+        ORV_LOG(ORV_INFO, "[ProcessUtil] will not excute callback");
+    }
+    ORV_LOG(ORV_INFO, "[ProcessUtil] execve path:%s.", path.c_str());
+    static char* const kEmptyEnvironment[] = {nullptr};
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (callback) {
+            callback();
+        }
+        if (useExecv) {
+            execv(path.c_str(), argv);
+        } else {
+            execve(path.c_str(), argv, envp != nullptr ? envp : kEmptyEnvironment);
+        }
+        // The caller's failure path runs in this child, which then ends there.
+        ORV_LOG(ORV_ERROR, "[ProcessUtil] StartSubProcess() execl compute process wrong.");
+        return -1;
+    }
+    if (pid < 0) {
+        ORV_LOG(ORV_ERROR,
+                "[ProcessUtil] StartSubProcess() process num > process max threshold or out of memory [pid=%d],"
+                "[errno=%d]",
+                pid, errno);
+        perror("[ProcessUtil] ############### StartSubProcess fork() error: ##################");
+        return -1;
+    }
+    if (AddSubProcessToGroups(pid, groups) != 0) {
+        return -1;
+    }
+    return pid;
+}
+
+uint32_t ProcessUtil::AddSubProcessToGroups(int32_t pid, const std::vector<std::string>& groups) {
+    for (const std::string& name : groups) {
+        drvError_t ret = halGrpAddProc(name.c_str(), pid, kAllPermissions);
+        if (ret != DRV_ERROR_NONE && ret != kGrantedAlready && ret != kGrantNotSupported) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon]Fail to add dstPid[%d] in group[%s] ret[%d]", pid, name.c_str(), ret);
+            return 1;
+        }
+        ORV_LOG(ORV_INFO, "[ProcessUtil] Add group[%s] authority to subProcPid[%d] end", name.c_str(), pid);
+    }
+    return 0;
 }
 
 }  // namespace orv

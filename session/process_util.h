@@ -7,6 +7,8 @@
 #include <sched.h>
 
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace orv {
@@ -21,6 +23,23 @@ public:
     // Saves and restores a thread's affinity around a temporary binding.
     static uint32_t SaveThreadAffinity(pthread_t threadId, cpu_set_t& saved);
     static uint32_t RestoreThreadAffinity(pthread_t threadId, const cpu_set_t& saved);
+
+    // Binds the calling thread to `ctrlCpus`, starts the sub-process (which
+    // inherits the binding) and restores the thread. The child's pid, or -1.
+    static int32_t StartAndBindSubProcess(const std::string& path, const std::vector<uint32_t>& ctrlCpus,
+                                          char* const argv[], char* const envp[], const bool& useExecv,
+                                          const std::vector<std::string>& groups,
+                                          const std::function<void()>& callback);
+
+    // Forks; the child runs `callback` and executes `path` with `argv` and
+    // (unless `useExecv`, which keeps the daemon's environment) exactly `envp`.
+    // The parent adds the child to `groups`. The child's pid, or -1.
+    static int32_t StartSubProcess(const std::string& path, char* const argv[], char* const envp[],
+                                   const bool& useExecv, const std::vector<std::string>& groups,
+                                   const std::function<void()>& callback);
+
+    // Grants `pid` every permission on each group, in order. 0 or 1.
+    static uint32_t AddSubProcessToGroups(int32_t pid, const std::vector<std::string>& groups);
 };
 
 }  // namespace orv

@@ -6,8 +6,8 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ clang pkg-config make
     protobuf-compiler libprotobuf-dev
+    libssl-dev openssl
     libgtest-dev libgmock-dev libbenchmark-dev
-    libssl-dev
     procps sysvinit-utils tar gzip
 )
 

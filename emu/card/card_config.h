@@ -28,9 +28,13 @@ struct DeviceConfig {
     int32_t chipId = 0;
 };
 
+// Where hosts drop files for device D: "<root>/dev<D>".
+inline constexpr char kDefaultTrustedRoot[] = "/home/hdc-trusted";
+
 struct CardConfig {
     std::vector<DeviceConfig> devices;
     int32_t chipType = kChipTypeStandard;
+    std::string trustedRoot = kDefaultTrustedRoot;
 
     // Bits 8..15 carry the chip type.
     int64_t HardwareVersion() const { return (int64_t{chipType} << 8) | 0x10; }

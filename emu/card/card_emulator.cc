@@ -1,6 +1,9 @@
 #include "emu/card/card_emulator.h"
 
 #include <errno.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <cstring>
 
@@ -30,6 +33,7 @@ CardEmulator::~CardEmulator() {
 }
 
 bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
+    runDir_ = sockets.control.substr(0, sockets.control.find_last_of('/'));
     driverServer_ = std::make_unique<UnixServer>(
         sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); });
     controlServer_ = std::make_unique<UnixServer>(
@@ -43,12 +47,15 @@ bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
         }
     }
     appMonitor_.Start();
+    scheduler_.Start();
     EmuLog("card up: %zu device(s), chip type %d", config_.devices.size(), config_.chipType);
     return true;
 }
 
 void CardEmulator::Stop() {
     appMonitor_.Stop();
+    // Waits end first, so that the servers' connection threads can be joined.
+    scheduler_.Stop();
     for (auto* server : {&appmonServer_, &controlServer_, &driverServer_}) {
         if (*server) {
             (*server)->Stop();
@@ -65,7 +72,7 @@ void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
             reply.set_code(DRV_ERROR_INVALID_VALUE);
         } else if (control) {
             reply = Control(request);
-        } else if (DriverCallName(request).empty()) {
+        } else if (!IsDriverSocketRequest(request)) {
             reply.set_code(DRV_ERROR_NO_PERMISSION);
         } else {
             reply = driver_.Handle(peer, request);
@@ -101,6 +108,45 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             return TextReply(DRV_ERROR_NONE, appMonitor_.Describe());
         case CardRequest::kShowProcesses:
             return TextReply(DRV_ERROR_NONE, processes_.Describe());
+        case CardRequest::kShowEvents:
+            return TextReply(DRV_ERROR_NONE, scheduler_.DescribeEvents());
+        case CardRequest::kShowStandins:
+            return TextReply(DRV_ERROR_NONE, standins_.Describe());
+        case CardRequest::kSetStandin: {
+            const SetStandin& set = request.set_standin();
+            if (!standins_.Set(set.kind(), set.behaviour(), set.delay_ms())) {
+                return TextReply(DRV_ERROR_INVALID_VALUE, "unknown stand-in kind or behaviour\n");
+            }
+            return TextReply(DRV_ERROR_NONE, standins_.Describe());
+        }
+        case CardRequest::kVfScriptFaults: {
+            const VfScriptFaults& faults = request.vf_script_faults();
+            for (const auto& [name, fail] : {std::pair<const char*, bool>{"/fail_create_vf", faults.fail_create()},
+                                             {"/fail_destroy_vf", faults.fail_destroy()}}) {
+                std::string marker = runDir_ + name;
+                if (fail) {
+                    std::fclose(std::fopen(marker.c_str(), "w"));
+                } else {
+                    ::unlink(marker.c_str());
+                }
+            }
+            return TextReply(DRV_ERROR_NONE, "");
+        }
+        case CardRequest::kVfChange: {
+            int32_t ack = 0;
+            int32_t rc = scheduler_.ChangeVf(request.vf_change(), &ack);
+            CardReply reply;
+            reply.set_code(rc);
+            reply.set_value(ack);
+            if (rc == DRV_ERROR_NONE) {
+                reply.set_text(std::to_string(ack) + "\n");
+            } else if (rc == DRV_ERROR_WAIT_TIMEOUT) {
+                reply.set_text("no acknowledgement\n");
+            } else {
+                reply.set_text("no VF management client\n");
+            }
+            return reply;
+        }
         default:
             return TextReply(DRV_ERROR_NO_PERMISSION, "not a control request\n");
     }

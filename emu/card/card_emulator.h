@@ -12,6 +12,7 @@
 #include "emu/card/app_monitor.h"
 #include "emu/card/card_config.h"
 #include "emu/card/driver_service.h"
+#include "emu/card/event_scheduler.h"
 #include "emu/card/fault_table.h"
 #include "emu/card/group_table.h"
 #include "emu/card/process_table.h"
@@ -43,12 +44,17 @@ private:
     // Serves one connection of framed CardRequests; `control` selects which kind is allowed.
     void ServeFrames(int fd, pid_t peer, bool control);
 
+    // Where the platform scripts look for injected failures (the directory of
+    // the control socket).
+    std::string runDir_;
     const CardConfig config_;
     FaultTable faults_;
     GroupTable groups_;
     ProcessTable processes_;
+    EventScheduler scheduler_;
+    StandinTable standins_;
     AppMonitor appMonitor_{&faults_};
-    DriverService driver_{&config_, &faults_, &groups_, &processes_};
+    DriverService driver_{&config_, &faults_, &groups_, &processes_, &scheduler_, &standins_};
     std::unique_ptr<UnixServer> driverServer_;
     std::unique_ptr<UnixServer> controlServer_;
     std::unique_ptr<UnixServer> appmonServer_;

@@ -9,7 +9,9 @@ namespace orv::emu {
 
 namespace {
 
-// Control requests are numbered from here on in the request's oneof.
+// In the request's oneof: the emulator's own requests from here on, and the
+// control requests from further on.
+constexpr int kFirstPrivateField = 90;
 constexpr int kFirstControlField = 100;
 
 // "hal_get_device_info" -> "halGetDeviceInfo".
@@ -34,16 +36,24 @@ CardReply Reply(int32_t code, int64_t value = 0) {
     return reply;
 }
 
+const google::protobuf::FieldDescriptor* CallField(const CardRequest& request) {
+    return request.GetReflection()->GetOneofFieldDescriptor(request,
+                                                             CardRequest::descriptor()->FindOneofByName("call"));
+}
+
 }  // namespace
 
 std::string DriverCallName(const CardRequest& request) {
-    const auto* reflection = request.GetReflection();
-    const auto* field =
-        reflection->GetOneofFieldDescriptor(request, CardRequest::descriptor()->FindOneofByName("call"));
-    if (field == nullptr || field->number() >= kFirstControlField) {
+    const auto* field = CallField(request);
+    if (field == nullptr || field->number() >= kFirstPrivateField) {
         return std::string();
     }
     return SnakeToCamel(field->name());
+}
+
+bool IsDriverSocketRequest(const CardRequest& request) {
+    const auto* field = CallField(request);
+    return field != nullptr && field->number() < kFirstControlField;
 }
 
 bool IsFaultableCall(const std::string& name) {
@@ -57,16 +67,64 @@ bool IsFaultableCall(const std::string& name) {
     const auto* oneof = CardRequest::descriptor()->FindOneofByName("call");
     for (int i = 0; i < oneof->field_count(); ++i) {
         const auto* field = oneof->field(i);
-        if (field->number() < kFirstControlField && SnakeToCamel(field->name()) == name) {
+        if (field->number() < kFirstPrivateField && SnakeToCamel(field->name()) == name) {
             return true;
         }
     }
     return false;
 }
 
+const char* const StandinTable::kBehaviours[] = {
+    "normal",             // reports start, closes on request
+    "no-start",           // never reports start
+    "delay-start",        // reports start after the delay
+    "crash",              // reports start, then dies after the delay
+    "stay-after-close",   // reports closed on request but does not exit
+    "ignore-close",       // never answers a close request
+    "kernel-timeout",     // reports start, then a kernel time-out after the delay
+    "ask-custom",         // (compute) reports start, then asks for the custom process after the delay
+    nullptr,
+};
+
+bool StandinTable::Set(uint32_t kind, const std::string& behaviour, uint32_t delayMs) {
+    bool known = false;
+    for (const char* const* b = kBehaviours; *b != nullptr; ++b) {
+        known = known || behaviour == *b;
+    }
+    if (kind >= kKinds || !known) {
+        return false;
+    }
+    MutexLock lock(&mutex_);
+    behaviour_[kind] = behaviour;
+    delayMs_[kind] = delayMs;
+    return true;
+}
+
+void StandinTable::Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const {
+    MutexLock lock(&mutex_);
+    *behaviour = kind < kKinds ? behaviour_[kind] : "normal";
+    *delayMs = kind < kKinds ? delayMs_[kind] : 0;
+}
+
+std::string StandinTable::Describe() const {
+    static const char* const kNames[] = {"zarn", "compute", "custom", "queue"};
+    MutexLock lock(&mutex_);
+    std::string out;
+    for (uint32_t kind = 0; kind < kKinds; ++kind) {
+        out += std::string("standin ") + kNames[kind] + " " + behaviour_[kind] + " delay_ms " +
+               std::to_string(delayMs_[kind]) + "\n";
+    }
+    return out;
+}
+
 DriverService::DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups,
-                             ProcessTable* processes)
-    : config_(config), faults_(faults), groups_(groups), processes_(processes) {}
+                             ProcessTable* processes, EventScheduler* scheduler, StandinTable* standins)
+    : config_(config),
+      faults_(faults),
+      groups_(groups),
+      processes_(processes),
+      scheduler_(scheduler),
+      standins_(standins) {}
 
 CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
     int32_t injected = 0;
@@ -116,6 +174,71 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
             return Reply(processes_->Bind(caller, call.host_pid(), call.vfid(), call.mode(), call.cp_type(),
                                           call.sign()));
         }
+        case CardRequest::kDrvHdcGetTrustedBasePath: {
+            const DrvHdcGetTrustedBasePath& call = request.drv_hdc_get_trusted_base_path();
+            if (call.dev_id() >= config_->devices.size()) {
+                return Reply(DRV_ERROR_INVALID_DEVICE);
+            }
+            std::string path = config_->trustedRoot + "/dev" + std::to_string(call.dev_id());
+            if (call.peer_node() != HDC_LOCAL_PEER_NODE || path.size() + 1 > call.path_len()) {
+                return Reply(DRV_ERROR_INVALID_VALUE);
+            }
+            CardReply reply = Reply(DRV_ERROR_NONE);
+            reply.set_text(path);
+            return reply;
+        }
+        case CardRequest::kStandinBehaviour: {
+            std::string behaviour;
+            uint32_t delayMs = 0;
+            standins_->Get(request.standin_behaviour().kind(), &behaviour, &delayMs);
+            CardReply reply = Reply(DRV_ERROR_NONE, delayMs);
+            reply.set_text(behaviour);
+            return reply;
+        }
+        case CardRequest::kHalEschedAttachDevice:
+        case CardRequest::kHalEschedDettachDevice:
+        case CardRequest::kHalEschedCreateGrp:
+        case CardRequest::kHalEschedSubscribeEvent:
+        case CardRequest::kHalEschedWaitEvent:
+        case CardRequest::kHalEschedSubmitEvent:
+        case CardRequest::kHalEschedAckEvent:
+        case CardRequest::kHalRegisterVmngClient:
+            return EventCall(caller, request);
+        default:
+            return Reply(DRV_ERROR_NOT_SUPPORT);
+    }
+}
+
+CardReply DriverService::EventCall(pid_t caller, const CardRequest& request) {
+    switch (request.call_case()) {
+        case CardRequest::kHalEschedAttachDevice:
+            return Reply(scheduler_->Attach(caller, request.hal_esched_attach_device().dev_id()));
+        case CardRequest::kHalEschedDettachDevice:
+            return Reply(scheduler_->Detach(caller, request.hal_esched_dettach_device().dev_id()));
+        case CardRequest::kHalEschedCreateGrp: {
+            const HalEschedCreateGrp& call = request.hal_esched_create_grp();
+            return Reply(scheduler_->CreateGroup(caller, call.dev_id(), call.grp_id(), call.type()));
+        }
+        case CardRequest::kHalEschedSubscribeEvent: {
+            const HalEschedSubscribeEvent& call = request.hal_esched_subscribe_event();
+            return Reply(scheduler_->Subscribe(caller, call.dev_id(), call.grp_id(), call.thread_id(),
+                                               call.event_bitmap()));
+        }
+        case CardRequest::kHalEschedWaitEvent: {
+            const HalEschedWaitEvent& call = request.hal_esched_wait_event();
+            CardReply reply;
+            reply.set_code(scheduler_->Wait(caller, call.dev_id(), call.grp_id(), call.thread_id(), call.timeout(),
+                                            reply.mutable_event()));
+            return reply;
+        }
+        case CardRequest::kHalEschedSubmitEvent:
+            return Reply(scheduler_->Submit(caller, request.hal_esched_submit_event()));
+        case CardRequest::kHalEschedAckEvent: {
+            const HalEschedAckEvent& call = request.hal_esched_ack_event();
+            return Reply(scheduler_->Ack(caller, call.dev_id(), call.event_id(), call.subevent_id(), call.msg()));
+        }
+        case CardRequest::kHalRegisterVmngClient:
+            return Reply(scheduler_->RegisterVmngClient(caller));
         default:
             return Reply(DRV_ERROR_NOT_SUPPORT);
     }

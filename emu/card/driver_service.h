@@ -8,6 +8,7 @@
 
 #include "card.pb.h"
 #include "emu/card/card_config.h"
+#include "emu/card/event_scheduler.h"
 #include "emu/card/fault_table.h"
 #include "emu/card/group_table.h"
 #include "emu/card/process_table.h"
@@ -15,15 +16,37 @@
 namespace orv::emu {
 
 // The driver HAL name of the call a request carries ("halGetDeviceInfo"), or
-// empty for a control request.
+// empty for a control request or one of the emulator's own.
 std::string DriverCallName(const CardRequest& request);
+
+// True when a request may come on the driver socket (driver calls and the
+// stand-ins' own requests).
+bool IsDriverSocketRequest(const CardRequest& request);
+
+// How the stand-ins of each kind behave.
+class StandinTable {
+public:
+    static constexpr uint32_t kKinds = 4;
+    static const char* const kBehaviours[];
+
+    // False for an unknown kind or behaviour.
+    bool Set(uint32_t kind, const std::string& behaviour, uint32_t delayMs);
+    void Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const;
+    std::string Describe() const;
+
+private:
+    mutable Mutex mutex_;
+    std::string behaviour_[kKinds] GUARDED_BY(mutex_) = {"normal", "normal", "normal", "normal"};
+    uint32_t delayMs_[kKinds] GUARDED_BY(mutex_) = {0, 0, 0, 0};
+};
 
 // True when `name` is a driver HAL or app-monitor call that faults can target.
 bool IsFaultableCall(const std::string& name);
 
 class DriverService {
 public:
-    DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups, ProcessTable* processes);
+    DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups, ProcessTable* processes,
+                  EventScheduler* scheduler, StandinTable* standins);
     DriverService(const DriverService&) = delete;
     DriverService& operator=(const DriverService&) = delete;
 
@@ -32,11 +55,14 @@ public:
 
 private:
     CardReply GetDeviceInfo(const HalGetDeviceInfo& call) const;
+    CardReply EventCall(pid_t caller, const CardRequest& request);
 
     const CardConfig* const config_;
     FaultTable* const faults_;
     GroupTable* const groups_;
     ProcessTable* const processes_;
+    EventScheduler* const scheduler_;
+    StandinTable* const standins_;
 };
 
 }  // namespace orv::emu

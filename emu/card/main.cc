@@ -27,8 +27,10 @@ void Usage() {
                  "                         CPU counts and OS-scheduling flags of device D\n"
                  "  --chip-id D=ID         chip id of device D (default D)\n"
                  "  --zeb                  report the ZEB chip type\n"
+                 "  --trusted-root DIR     trusted directories are DIR/dev<D> (default %s)\n"
                  "  --ready-fd FD          write one byte to FD once listening\n",
-                 orv::emu::kDefaultCardSocket, orv::emu::kDefaultControlSocket, orv::emu::kAppmonSocket);
+                 orv::emu::kDefaultCardSocket, orv::emu::kDefaultControlSocket, orv::emu::kAppmonSocket,
+                 orv::emu::kDefaultTrustedRoot);
 }
 
 }  // namespace
@@ -39,6 +41,7 @@ int main(int argc, char** argv) {
     uint32_t devices = 1;
     bool zeb = false;
     int readyFd = -1;
+    std::string trustedRoot = orv::emu::kDefaultTrustedRoot;
     std::vector<std::string> cpuSpecs;
     std::vector<std::string> chipSpecs;
 
@@ -68,6 +71,8 @@ int main(int argc, char** argv) {
             cpuSpecs.push_back(value());
         } else if (arg == "--chip-id") {
             chipSpecs.push_back(value());
+        } else if (arg == "--trusted-root") {
+            trustedRoot = value();
         } else if (arg == "--zeb") {
             zeb = true;
         } else if (arg == "--ready-fd") {
@@ -84,6 +89,7 @@ int main(int argc, char** argv) {
 
     orv::emu::CardConfig config = orv::emu::CardConfig::WithDevices(devices);
     config.chipType = zeb ? orv::emu::kChipTypeZeb : orv::emu::kChipTypeStandard;
+    config.trustedRoot = trustedRoot;
     std::string error;
     for (const std::string& spec : cpuSpecs) {
         if (!config.ApplyDeviceCpus(spec, &error)) {

@@ -51,6 +51,10 @@ void UnixServer::AcceptLoop() {
         ReapFinished();
         raw->thread = std::thread([this, raw, peer] {
             handler_(raw->fd.Get(), peer);
+            // The descriptor goes at once; the thread is joined at the next
+            // accept or at Stop.
+            MutexLock lock(&mutex_);
+            raw->fd.Reset();
             raw->done.store(true);
         });
         connections_.push_back(std::move(connection));
@@ -82,10 +86,12 @@ void UnixServer::Stop() {
     std::list<std::unique_ptr<Connection>> connections;
     {
         MutexLock lock(&mutex_);
+        for (auto& connection : connections_) {
+            if (connection->fd.Valid()) {
+                ::shutdown(connection->fd.Get(), SHUT_RDWR);
+            }
+        }
         connections.swap(connections_);
-    }
-    for (auto& connection : connections) {
-        ::shutdown(connection->fd.Get(), SHUT_RDWR);
     }
     for (auto& connection : connections) {
         if (connection->thread.joinable()) {

@@ -39,7 +39,7 @@ public:
 
 private:
     struct Connection {
-        UniqueFd fd;
+        UniqueFd fd;  // guarded by mutex_ once the handler runs
         std::thread thread;
         std::atomic<bool> done{false};
     };

@@ -20,7 +20,19 @@ void Usage() {
                  "  fail CALL CODE [COUNT]     make the next COUNT (default 1) calls of CALL return CODE;\n"
                  "                             CALL is a driver HAL function (drvGetDevNum, halGrpAttach, ...)\n"
                  "                             or an app-monitor call (appmon_client_register, ...)\n"
-                 "  clear-faults               disarm every fault\n");
+                 "  clear-faults               disarm every fault\n"
+                 "  vf create|destroy ID [--length N] [--timeout MS]\n"
+                 "                             the driver tells the daemon that VF ID was created or destroyed\n"
+                 "                             (a notice of N bytes; 16 by default) and prints the daemon's\n"
+                 "                             acknowledgement, 0 or -1, alone on the last line\n"
+                 "  vf-script-faults [create] [destroy]\n"
+                 "                             make those VF scripts fail; with neither, both work again\n"
+                 "  standin KIND BEHAVIOUR [DELAY_MS]\n"
+                 "                             how stand-ins of KIND (zarn, compute, custom, queue) behave from\n"
+                 "                             their next start: normal, no-start, delay-start, crash,\n"
+                 "                             stay-after-close, ignore-close, kernel-timeout, ask-custom\n"
+                 "  standins                   the stand-ins' behaviours\n"
+                 "  events                     the most recent event traffic\n");
 }
 
 bool ParseNumber(const std::string& text, long* value) {
@@ -64,6 +76,63 @@ int main(int argc, char** argv) {
         request.mutable_list_faults();
     } else if (command == "clear-faults" && words.size() == 1) {
         request.mutable_clear_faults();
+    } else if (command == "events" && words.size() == 1) {
+        request.mutable_show_events();
+    } else if (command == "standins" && words.size() == 1) {
+        request.mutable_show_standins();
+    } else if (command == "standin" && (words.size() == 3 || words.size() == 4)) {
+        static const char* const kKinds[] = {"zarn", "compute", "custom", "queue"};
+        long kind = -1;
+        for (long k = 0; k < 4; ++k) {
+            if (words[1] == kKinds[k]) {
+                kind = k;
+            }
+        }
+        long delay = 0;
+        if (kind < 0 || (words.size() == 4 && (!ParseNumber(words[3], &delay) || delay < 0))) {
+            std::fprintf(stderr, "orv-emu-ctl: KIND is zarn, compute, custom or queue; DELAY_MS a number\n");
+            return 2;
+        }
+        auto* set = request.mutable_set_standin();
+        set->set_kind(static_cast<uint32_t>(kind));
+        set->set_behaviour(words[2]);
+        set->set_delay_ms(static_cast<uint32_t>(delay));
+    } else if (command == "vf-script-faults" && words.size() <= 3) {
+        auto* faults = request.mutable_vf_script_faults();
+        for (size_t i = 1; i < words.size(); ++i) {
+            if (words[i] == "create") {
+                faults->set_fail_create(true);
+            } else if (words[i] == "destroy") {
+                faults->set_fail_destroy(true);
+            } else {
+                Usage();
+                return 2;
+            }
+        }
+    } else if (command == "vf" && words.size() >= 3 && (words[1] == "create" || words[1] == "destroy")) {
+        auto* change = request.mutable_vf_change();
+        change->set_create(words[1] == "create");
+        long id = 0;
+        if (!ParseNumber(words[2], &id)) {
+            std::fprintf(stderr, "orv-emu-ctl: ID must be a number\n");
+            return 2;
+        }
+        change->set_vf_id(id);
+        for (size_t i = 3; i + 1 < words.size() || i < words.size(); i += 2) {
+            long value = 0;
+            if (i + 1 >= words.size() || !ParseNumber(words[i + 1], &value) || value < 0) {
+                Usage();
+                return 2;
+            }
+            if (words[i] == "--length") {
+                change->set_msg_len(static_cast<uint32_t>(value));
+            } else if (words[i] == "--timeout") {
+                change->set_timeout_ms(static_cast<uint32_t>(value));
+            } else {
+                Usage();
+                return 2;
+            }
+        }
     } else if (command == "fail" && (words.size() == 3 || words.size() == 4)) {
         long code = 0;
         long count = 1;

@@ -1,46 +1,239 @@
 // Emulated HDC server library.
 //
-// Server objects exist per (device, service type) from GetInstance on, for
-// every device the card has. This build does not carry the transport yet:
-// Init succeeds without listening, and no session ever exists.
+// One Unix stream socket per device ("dev<N>.sock" in ORV_EMU_HDC_DIR, by
+// default /run/orv-hdc); each accepted connection is one HDC session with a
+// receive thread of its own. Frames are a 4-byte big-endian length and one
+// serialised HDCMessage. Session ids are unique within the process, from 1 up.
 #include <hdc_server.h>
 
 #include <driver_hal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <map>
-#include <mutex>
+#include <memory>
+#include <set>
+
+#include "emu/common/emu_paths.h"
+#include "emu/common/socket_io.h"
+#include "emu/common/unix_server.h"
+#include "message/message_parse_interface.h"
+#include "orv_message.pb.h"
+#include "platform/mutex.h"
 
 namespace orv {
 
+namespace {
+
+// A frame longer than this ends its session.
+constexpr uint32_t kMaxFrameLength = 1048576;
+
+// What this side announces in the version handshake.
+constexpr uint32_t kHdcVersion = 1;
+
+struct Feature {
+    HDCMessage::MsgType type;
+    std::vector<std::string> features;
+};
+
+const std::vector<Feature>& LocalFeatures() {
+    static const std::vector<Feature> features = {
+        {HDCMessage::ORV_START_PROC_MSG, {"start_zarn", "start_cp", "check_code", "log_level", "vf_id", "device_mode"}},
+        {HDCMessage::ORV_START_QS_MSG, {"qs_init_group_name"}},
+        {HDCMessage::ORV_CLOSE_PROC_MSG, {"vf_id"}},
+        {HDCMessage::ORV_UPDATE_PROIFILING_MSG, {"profiling_mode"}},
+        {HDCMessage::ORV_CHECK_PACKAGE, {"check_code"}},
+    };
+    return features;
+}
+
+bool IsFrameworkRequest(HDCMessage::MsgType type) {
+    return type == HDCMessage::ORV_START_PROC_MSG || type == HDCMessage::ORV_CLOSE_PROC_MSG ||
+           type == HDCMessage::ORV_UPDATE_PROIFILING_MSG || type == HDCMessage::ORV_START_QS_MSG;
+}
+
+// One connection of a host.
+struct HdcSession {
+    HdcSession(uint32_t id, uint32_t deviceId, int fd) : id(id), deviceId(deviceId), fd(fd) {}
+
+    const uint32_t id;
+    const uint32_t deviceId;
+    const int fd;  // owned by the server's connection; valid while `open`
+    const std::shared_ptr<VersionVerify> version = std::make_shared<VersionVerify>();
+
+    // Serialises writers and guards the descriptor's use by other threads.
+    Mutex writeMutex;
+    bool open GUARDED_BY(writeMutex) = true;      // the descriptor may be used
+    bool writable GUARDED_BY(writeMutex) = true;  // no ClearSingleSession yet
+
+    // The last framework request's identity; the receive thread's alone.
+    uint32_t lastDeviceId = 0;
+    int32_t lastVfId = 0;
+    uint32_t lastHostPid = 0;
+    bool sawRequest = false;
+};
+
+// Every live session of the process, for SendMsg, which names no device.
+class SessionTable {
+public:
+    static SessionTable& Instance() {
+        static SessionTable* const table = new SessionTable;
+        return *table;
+    }
+
+    uint32_t NextId() { return nextId_.fetch_add(1); }
+
+    void Add(const std::shared_ptr<HdcSession>& session) {
+        MutexLock lock(&mutex_);
+        sessions_[session->id] = session;
+    }
+
+    void Remove(uint32_t id) {
+        MutexLock lock(&mutex_);
+        sessions_.erase(id);
+    }
+
+    std::shared_ptr<HdcSession> Find(uint32_t id) {
+        MutexLock lock(&mutex_);
+        auto it = sessions_.find(id);
+        return it != sessions_.end() ? it->second : nullptr;
+    }
+
+private:
+    std::atomic<uint32_t> nextId_{1};
+    Mutex mutex_;
+    std::map<uint32_t, std::shared_ptr<HdcSession>> sessions_ GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+// ---- VersionVerify --------------------------------------------------------------
+
+struct VersionVerify::State {
+    Mutex mutex;
+    uint32_t peerVersion GUARDED_BY(mutex) = 0;
+    std::vector<std::string> peerFeatures GUARDED_BY(mutex);
+};
+
+VersionVerify::VersionVerify() : state_(std::make_unique<State>()) {}
+
+VersionVerify::~VersionVerify() = default;
+
+void VersionVerify::ParseVersionInfo(const HDCMessage_VersionInfo& peerInfo) {
+    MutexLock lock(&state_->mutex);
+    state_->peerVersion = peerInfo.version();
+    state_->peerFeatures.clear();
+    for (const auto& list : peerInfo.feature_list()) {
+        for (const std::string& feature : list.feature()) {
+            state_->peerFeatures.push_back(HDCMessage::MsgType_Name(list.msg_type()) + ":" + feature);
+        }
+    }
+}
+
+void VersionVerify::SetVersionInfo(HDCMessage& msg) const {
+    HDCMessage_VersionInfo* info = msg.mutable_version_info();
+    info->set_version(kHdcVersion);
+    info->clear_feature_list();
+    for (const Feature& feature : LocalFeatures()) {
+        auto* list = info->add_feature_list();
+        list->set_msg_type(feature.type);
+        for (const std::string& name : feature.features) {
+            list->add_feature(name);
+        }
+    }
+}
+
+uint32_t VersionVerify::GetPeerVersion() const {
+    MutexLock lock(&state_->mutex);
+    return state_->peerVersion;
+}
+
+std::vector<std::string> VersionVerify::GetPeerFeatures() const {
+    MutexLock lock(&state_->mutex);
+    return state_->peerFeatures;
+}
+
+// ---- HdcServer ------------------------------------------------------------------
+
 class HdcServer::Impl {
 public:
-    Impl(uint32_t deviceId, HDCServiceType type) : deviceId_(deviceId), type_(type) {}
+    Impl(uint32_t deviceId, HDCServiceType type) : deviceId(deviceId), type(type) {}
 
-    const uint32_t deviceId_;
-    const HDCServiceType type_;
-    bool initialized_ = false;
+    // Receives one session's frames until it ends.
+    void Serve(int fd);
+
+    const uint32_t deviceId;
+    const HDCServiceType type;
+    std::atomic<bool> destroying{false};
+
+    Mutex mutex;
+    std::unique_ptr<emu::UnixServer> listener GUARDED_BY(mutex);
+    std::string socketPath GUARDED_BY(mutex);
+    std::set<uint32_t> sessionIds GUARDED_BY(mutex);
 };
 
 namespace {
 
-std::mutex& RegistryMutex() {
-    static std::mutex mutex;
-    return mutex;
+Mutex& RegistryMutex() {
+    static Mutex* const mutex = new Mutex;
+    return *mutex;
 }
 
 std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>& Registry() {
-    static std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>> registry;
-    return registry;
+    static auto* const registry = new std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>;
+    return *registry;
 }
 
 }  // namespace
+
+void HdcServer::Impl::Serve(int fd) {
+    SessionTable& table = SessionTable::Instance();
+    auto session = std::make_shared<HdcSession>(table.NextId(), deviceId, fd);
+    table.Add(session);
+    {
+        MutexLock lock(&mutex);
+        sessionIds.insert(session->id);
+    }
+    MessageParseServer* dispatcher = MessageParseServer::GetInstance();
+    std::string payload;
+    while (emu::ReadFrame(fd, &payload, kMaxFrameLength) == emu::FrameStatus::kOk) {
+        HDCMessage msg;
+        if (!msg.ParseFromString(payload)) {
+            break;
+        }
+        if (IsFrameworkRequest(msg.type())) {
+            session->sawRequest = true;
+            session->lastDeviceId = msg.device_id();
+            session->lastVfId = msg.vf_id();
+            session->lastHostPid = msg.proc_sign_pid().proc_pid();
+        }
+        dispatcher->ProcessMessage(session->id, msg);
+    }
+    {
+        MutexLock lock(&session->writeMutex);
+        session->open = false;
+    }
+    table.Remove(session->id);
+    if (!destroying.load()) {
+        HDCMessage closed;
+        closed.set_type(HDCMessage::SOCKET_CLOSED);
+        closed.set_device_id(session->sawRequest ? session->lastDeviceId : deviceId);
+        closed.set_vf_id(session->lastVfId);
+        closed.mutable_proc_sign_pid()->set_proc_pid(session->lastHostPid);
+        dispatcher->ProcessMessage(session->id, closed);
+    }
+    MutexLock lock(&mutex);
+    sessionIds.erase(session->id);
+}
 
 std::shared_ptr<HdcServer> HdcServer::GetInstance(uint32_t deviceId, HDCServiceType type) {
     uint32_t deviceNum = 0;
     if (drvGetDevNum(&deviceNum) != DRV_ERROR_NONE || deviceId >= deviceNum) {
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(RegistryMutex());
+    MutexLock lock(&RegistryMutex());
     auto& slot = Registry()[{deviceId, type}];
     if (slot == nullptr) {
         slot.reset(new HdcServer(std::make_unique<Impl>(deviceId, type)));
@@ -50,30 +243,98 @@ std::shared_ptr<HdcServer> HdcServer::GetInstance(uint32_t deviceId, HDCServiceT
 
 HdcServer::HdcServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
-HdcServer::~HdcServer() = default;
+HdcServer::~HdcServer() {
+    Destroy();
+}
 
 uint32_t HdcServer::Init() {
-    impl_->initialized_ = true;
+    MutexLock lock(&impl_->mutex);
+    if (impl_->listener != nullptr) {
+        return 0;
+    }
+    std::string dir = emu::EnvOr(emu::kHdcDirEnv, emu::kDefaultHdcDir);
+    ::mkdir(dir.c_str(), 0755);
+    impl_->socketPath = dir + "/dev" + std::to_string(impl_->deviceId) + ".sock";
+    Impl* impl = impl_.get();
+    auto listener = std::make_unique<emu::UnixServer>(impl_->socketPath, [impl](int fd, pid_t) { impl->Serve(fd); });
+    if (!listener->Start()) {
+        return 1;
+    }
+    impl_->listener = std::move(listener);
     return 0;
 }
 
 uint32_t HdcServer::Destroy() {
-    impl_->initialized_ = false;
-    std::lock_guard<std::mutex> lock(RegistryMutex());
-    Registry().erase({impl_->deviceId_, impl_->type_});
+    std::unique_ptr<emu::UnixServer> listener;
+    std::string socketPath;
+    {
+        MutexLock lock(&impl_->mutex);
+        listener = std::move(impl_->listener);
+        socketPath = impl_->socketPath;
+    }
+    if (listener != nullptr) {
+        impl_->destroying.store(true);
+        listener->Stop();
+        ::unlink(socketPath.c_str());
+        impl_->destroying.store(false);
+    }
+    std::shared_ptr<HdcServer> registered;
+    {
+        MutexLock lock(&RegistryMutex());
+        auto it = Registry().find({impl_->deviceId, impl_->type});
+        if (it != Registry().end() && it->second.get() == this) {
+            registered = std::move(it->second);
+            Registry().erase(it);
+        }
+    }
+    // The registry's reference is let go outside its lock: it may be the last.
     return 0;
 }
 
-uint32_t HdcServer::ClearSingleSession(uint32_t /*sessionId*/) {
-    return 1;  // no such session
+uint32_t HdcServer::ClearSingleSession(uint32_t sessionId) {
+    std::shared_ptr<HdcSession> session = SessionTable::Instance().Find(sessionId);
+    if (session == nullptr) {
+        return 1;
+    }
+    MutexLock lock(&session->writeMutex);
+    session->writable = false;
+    if (session->open) {
+        // Everything sent before has been written whole; the receive thread
+        // sees the end and reports it.
+        ::shutdown(session->fd, SHUT_RDWR);
+    }
+    return 0;
 }
 
-std::shared_ptr<VersionVerify> HdcServer::GetVersionVerify(uint32_t /*sessionId*/) {
-    return nullptr;
+std::shared_ptr<VersionVerify> HdcServer::GetVersionVerify(uint32_t sessionId) {
+    {
+        MutexLock lock(&impl_->mutex);
+        if (impl_->sessionIds.count(sessionId) == 0) {
+            return nullptr;
+        }
+    }
+    std::shared_ptr<HdcSession> session = SessionTable::Instance().Find(sessionId);
+    return session != nullptr ? session->version : nullptr;
 }
 
 uint32_t HdcServer::GetDeviceId() const {
-    return impl_->deviceId_;
+    return impl_->deviceId;
+}
+
+uint32_t HdcCommon::SendMsg(uint32_t sessionId, const HDCMessage& msg) {
+    std::shared_ptr<HdcSession> session = SessionTable::Instance().Find(sessionId);
+    if (session == nullptr) {
+        return 1;
+    }
+    std::string payload;
+    if (!msg.SerializeToString(&payload)) {
+        return 1;
+    }
+    MutexLock lock(&session->writeMutex);
+    if (!session->open || !session->writable) {
+        return 1;
+    }
+    return emu::WriteFrame(session->fd, payload) ? 0 : 1;
 }
 
 }  // namespace orv

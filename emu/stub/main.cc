@@ -1,24 +1,59 @@
 // The sub-process stand-in: one program installed under the names of the four
 // sub-process programs. It records how it was started (argv, environment, CPU
-// affinity, buffer groups) in /run/orv-stub/<pid>.txt, where tests read it,
-// and then runs until it is signalled.
+// affinity, buffer groups) and what it receives in /run/orv-stub/<pid>.txt,
+// reports to its parent (the daemon) through the event scheduler, and behaves
+// as the card emulator says for its kind (orv-emu-ctl standin ...).
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include <driver_hal.h>
+
+#include "emu/driver/card_client.h"
+#include "event/orv_event_interface.h"
 
 extern char** environ;
 
 namespace {
 
-constexpr char kRecordDir[] = "/run/orv-stub";
+using orv::OrvCustStartEventInfo;
+using orv::OrvSubEventInfo;
 
-std::string OneLine(const char* text) {
+constexpr char kRecordDir[] = "/run/orv-stub";
+constexpr uint32_t kEventDevice = 0;
+// Where this process receives control events from the daemon, and tasks.
+constexpr uint32_t kControlGroup = 30;
+constexpr uint32_t kTaskGroup = 0;
+constexpr uint64_t kTaskMask = 1ULL << EVENT_CPU_TASK_MSG;
+constexpr int32_t kWaitMs = 1000;
+constexpr uint32_t kProfilingCompute = 4;
+constexpr uint32_t kProfilingCustom = 12;
+constexpr uint32_t kLoadSo = 11;
+
+struct Options {
+    uint32_t kind = 1;
+    uint32_t deviceId = 0;
+    int32_t vfId = 0;
+    uint32_t hostPid = 0;
+};
+
+std::mutex g_recordMutex;
+std::atomic<bool> g_customStarted{false};
+
+std::string RecordPath() {
+    return std::string(kRecordDir) + "/" + std::to_string(getpid()) + ".txt";
+}
+
+std::string OneLine(const std::string& text) {
     std::string s = text;
     for (char& c : s) {
         if (c == '\n') {
@@ -28,8 +63,43 @@ std::string OneLine(const char* text) {
     return s;
 }
 
-void WriteRecord(int argc, char** argv) {
-    std::string record = "pid " + std::to_string(getpid()) + "\nppid " + std::to_string(getppid()) + "\n";
+// Appends one line to the record.
+void Note(const std::string& line) {
+    std::lock_guard<std::mutex> lock(g_recordMutex);
+    if (FILE* out = std::fopen(RecordPath().c_str(), "a")) {
+        std::fprintf(out, "%s\n", OneLine(line).c_str());
+        std::fclose(out);
+    }
+}
+
+std::string Argument(int argc, char** argv, const std::string& flag) {
+    const std::string prefix = "--" + flag + "=";
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], prefix.c_str(), prefix.size()) == 0) {
+            return argv[i] + prefix.size();
+        }
+    }
+    return std::string();
+}
+
+uint32_t KindOf(const char* argv0) {
+    std::string name = argv0;
+    name = name.substr(name.find_last_of('/') + 1);
+    if (name == "zarn_service.bin") {
+        return 0;
+    }
+    if (name.compare(0, 19, "aicpu_custom_runner") == 0) {
+        return 2;
+    }
+    if (name == "queue_runner") {
+        return 3;
+    }
+    return 1;
+}
+
+void WriteStartRecord(int argc, char** argv, const Options& options) {
+    std::string record = "pid " + std::to_string(getpid()) + "\nppid " + std::to_string(getppid()) + "\nkind " +
+                         std::to_string(options.kind) + "\n";
     char exe[4096] = {0};
     if (readlink("/proc/self/exe", exe, sizeof(exe) - 1) > 0) {
         record += std::string("exe ") + exe + "\n";
@@ -58,12 +128,140 @@ void WriteRecord(int argc, char** argv) {
                       " " + std::to_string(entries[i].permissions) + "\n";
         }
     }
-    std::string path = std::string(kRecordDir) + "/" + std::to_string(getpid()) + ".txt";
+    std::string path = RecordPath();
     std::string tmp = path + ".tmp";
+    std::lock_guard<std::mutex> lock(g_recordMutex);
     if (FILE* out = std::fopen(tmp.c_str(), "w")) {
         std::fputs(record.c_str(), out);
         std::fclose(out);
         std::rename(tmp.c_str(), path.c_str());
+    }
+}
+
+// Sends one record to the parent (the daemon) on the group of this device.
+void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
+    OrvSubEventInfo record;
+    std::memset(&record, 0, sizeof(record));
+    record.deviceId = options.deviceId;
+    record.srcPid = static_cast<uint32_t>(getpid());
+    record.dstPid = static_cast<uint32_t>(getppid());
+    record.hostPid = options.hostPid;
+    record.vfId = options.vfId;
+    record.procType = procTypeWord;
+    record.eventType = eventType;
+    record.payloadWord = payloadWord;
+    event_summary summary{};
+    summary.dst_pid = static_cast<int32_t>(getppid());
+    summary.grp_id = options.deviceId;
+    summary.event_id = EVENT_CCPU_CTRL_MSG;
+    summary.subevent_id = eventType;
+    summary.msg = reinterpret_cast<const char*>(&record);
+    summary.msg_len = sizeof(record);
+    summary.dst_engine = EVENT_DST_ENGINE_CCPU;
+    drvError_t rc = halEschedSubmitEvent(kEventDevice, &summary);
+    Note("sent " + std::to_string(eventType) + " rc " + std::to_string(rc));
+}
+
+void AskForCustom(const Options& options) {
+    OrvCustStartEventInfo request;
+    std::memset(&request, 0, sizeof(request));
+    request.deviceId = options.deviceId;
+    request.srcPid = static_cast<uint32_t>(getpid());
+    request.dstPid = static_cast<uint32_t>(getppid());
+    request.hostPid = options.hostPid;
+    request.vfId = options.vfId;
+    request.procType = options.kind;
+    request.eventType = orv::ORV_SUB_EVENT_CUST_START;
+    request.groupNum = 0;
+    event_summary summary{};
+    summary.dst_pid = static_cast<int32_t>(getppid());
+    summary.grp_id = options.deviceId;
+    summary.event_id = EVENT_CCPU_CTRL_MSG;
+    summary.subevent_id = orv::ORV_SUB_EVENT_CUST_START;
+    summary.msg = reinterpret_cast<const char*>(&request);
+    summary.msg_len = sizeof(request);
+    summary.dst_engine = EVENT_DST_ENGINE_CCPU;
+    drvError_t rc = halEschedSubmitEvent(kEventDevice, &summary);
+    Note("asked for custom rc " + std::to_string(rc));
+}
+
+// Control events from the daemon: close requests and custom-start replies.
+void ControlLoop(const Options& options, const std::string& behaviour) {
+    for (;;) {
+        event_info event;
+        drvError_t rc = halEschedWaitEvent(kEventDevice, kControlGroup, 0, kWaitMs, &event);
+        if (rc == DRV_ERROR_WAIT_TIMEOUT) {
+            continue;
+        }
+        if (rc != DRV_ERROR_NONE) {
+            Note("control wait ended rc " + std::to_string(rc));
+            return;
+        }
+        if (event.msg_len < sizeof(OrvSubEventInfo)) {
+            continue;
+        }
+        OrvSubEventInfo record;
+        std::memcpy(&record, event.msg, sizeof(record));
+        if (event.subevent_id == orv::ORV_SUB_EVENT_CLOSE_REQ) {
+            Note("close_request");
+            if (behaviour == "ignore-close") {
+                continue;
+            }
+            Report(options, orv::ORV_SUB_EVENT_CLOSE, options.kind);
+            if (behaviour != "stay-after-close") {
+                _exit(0);
+            }
+        } else if (event.subevent_id == orv::ORV_SUB_EVENT_CUST_STARTED) {
+            g_customStarted = true;
+            Note("custom_started " + std::to_string(record.payloadWord));
+            // Have the custom process load a shared object, as a compute process would.
+            OrvSubEventInfo load;
+            std::memset(&load, 0, sizeof(load));
+            std::snprintf(load.payload, sizeof(load.payload), "libcust_op.so");
+            event_summary summary{};
+            load.deviceId = options.deviceId;
+            load.srcPid = static_cast<uint32_t>(getpid());
+            load.dstPid = static_cast<uint32_t>(getppid());
+            load.hostPid = options.hostPid;
+            load.vfId = options.vfId;
+            load.procType = options.kind;
+            load.eventType = orv::ORV_SUB_EVENT_LOAD_SO;
+            summary.dst_pid = static_cast<int32_t>(getppid());
+            summary.grp_id = options.deviceId;
+            summary.event_id = EVENT_CCPU_CTRL_MSG;
+            summary.subevent_id = orv::ORV_SUB_EVENT_LOAD_SO;
+            summary.msg = reinterpret_cast<const char*>(&load);
+            summary.msg_len = sizeof(load);
+            summary.dst_engine = EVENT_DST_ENGINE_CCPU;
+            Note("sent load_so rc " + std::to_string(halEschedSubmitEvent(kEventDevice, &summary)));
+        } else {
+            Note("control event " + std::to_string(event.subevent_id));
+        }
+    }
+}
+
+// Tasks for compute processes: profiling updates and shared-object loads.
+void TaskLoop() {
+    for (;;) {
+        event_info event;
+        drvError_t rc = halEschedWaitEvent(kEventDevice, kTaskGroup, 0, kWaitMs, &event);
+        if (rc == DRV_ERROR_WAIT_TIMEOUT) {
+            continue;
+        }
+        if (rc != DRV_ERROR_NONE) {
+            return;
+        }
+        if (event.subevent_id == kProfilingCompute || event.subevent_id == kProfilingCustom) {
+            uint32_t words[4] = {0, 0, 0, 0};
+            std::memcpy(words, event.msg, std::min<size_t>(event.msg_len, sizeof(words)));
+            Note("profiling " + std::to_string(words[3]) + " host_pid " + std::to_string(words[2]) + " sub " +
+                 std::to_string(event.subevent_id));
+        } else if (event.subevent_id == kLoadSo) {
+            Note("load_so " + std::string(event.msg, strnlen(event.msg, event.msg_len)) + " len " +
+                 std::to_string(event.msg_len));
+        } else {
+            Note("task event " + std::to_string(event.subevent_id));
+        }
     }
 }
 
@@ -73,7 +271,58 @@ int main(int argc, char** argv) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    WriteRecord(argc, argv);
+
+    Options options;
+    options.kind = KindOf(argv[0]);
+    options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));
+    options.vfId = static_cast<int32_t>(std::strtol(Argument(argc, argv, "vfId").c_str(), nullptr, 10));
+    options.hostPid = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "pid").c_str(), nullptr, 10));
+    WriteStartRecord(argc, argv, options);
+
+    orv::emu::CardRequest query;
+    query.mutable_standin_behaviour()->set_kind(options.kind);
+    orv::emu::CardReply answer;
+    std::string behaviour = "normal";
+    uint32_t delayMs = 0;
+    if (orv::emu::CardClient::Instance().Call(query, &answer) == DRV_ERROR_NONE) {
+        behaviour = answer.text();
+        delayMs = static_cast<uint32_t>(answer.value());
+    }
+    Note("behaviour " + behaviour + " delay_ms " + std::to_string(delayMs));
+
+    if (halEschedAttachDevice(kEventDevice) != DRV_ERROR_NONE ||
+        halEschedCreateGrp(kEventDevice, kControlGroup, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
+        halEschedCreateGrp(kEventDevice, kTaskGroup, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
+        halEschedSubscribeEvent(kEventDevice, kControlGroup, 0, 1ULL << EVENT_CCPU_CTRL_MSG) != DRV_ERROR_NONE ||
+        halEschedSubscribeEvent(kEventDevice, kTaskGroup, 0, kTaskMask) != DRV_ERROR_NONE) {
+        Note("event scheduler set-up failed");
+        return 1;
+    }
+    std::thread control([&] { ControlLoop(options, behaviour); });
+    std::thread tasks(TaskLoop);
+    control.detach();
+    tasks.detach();
+
+    auto sleepDelay = [delayMs] { std::this_thread::sleep_for(std::chrono::milliseconds(delayMs)); };
+    if (behaviour == "no-start") {
+        Note("not reporting start");
+    } else {
+        if (behaviour == "delay-start") {
+            sleepDelay();
+        }
+        Report(options, orv::ORV_SUB_EVENT_START, options.kind);
+        if (behaviour == "crash") {
+            sleepDelay();
+            Note("crashing");
+            raise(SIGSEGV);
+        } else if (behaviour == "kernel-timeout") {
+            sleepDelay();
+            Report(options, orv::ORV_SUB_EVENT_ABNORMAL, options.kind);
+        } else if (behaviour == "ask-custom" && options.kind == 1) {
+            sleepDelay();
+            AskForCustom(options);
+        }
+    }
     for (;;) {
         pause();
     }

@@ -1,0 +1,266 @@
+#include "emu/card/event_scheduler.h"
+
+#include <signal.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <sstream>
+#include <vector>
+
+#include <driver_hal.h>
+
+#include "emu/card/emu_log.h"
+
+namespace orv::emu {
+
+namespace {
+
+constexpr size_t kTraceLength = 512;
+constexpr auto kJanitorPeriod = std::chrono::seconds(1);
+constexpr uint32_t kDefaultVfTimeoutMs = 30000;
+// The driver's VF notice: 16 bytes, the VF id at offset 4.
+constexpr uint32_t kVfNoticeLength = 16;
+constexpr size_t kVfNoticeIdOffset = 4;
+constexpr uint32_t kVfCreateSubevent = 100;
+constexpr uint32_t kVfDestroySubevent = 101;
+constexpr uint32_t kVmngGroup = 0;
+
+bool Gone(pid_t pid) {
+    return ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace
+
+EventScheduler::EventScheduler() = default;
+
+EventScheduler::~EventScheduler() {
+    Stop();
+}
+
+void EventScheduler::Start() {
+    janitor_ = std::thread([this] { ForgetGoneProcesses(); });
+}
+
+void EventScheduler::Stop() {
+    {
+        MutexLock lock(&mutex_);
+        stopping_ = true;
+    }
+    changed_.SignalAll();
+    if (janitor_.joinable()) {
+        janitor_.join();
+    }
+}
+
+void EventScheduler::ForgetGoneProcesses() {
+    MutexLock lock(&mutex_);
+    while (!stopping_) {
+        changed_.WaitUntil(Clock::now() + kJanitorPeriod);
+        bool forgot = false;
+        for (auto it = processes_.begin(); it != processes_.end();) {
+            if (Gone(it->first)) {
+                it = processes_.erase(it);
+                forgot = true;
+            } else {
+                ++it;
+            }
+        }
+        if (vmngClient_ != 0 && Gone(vmngClient_)) {
+            vmngClient_ = 0;
+        }
+        if (forgot) {
+            changed_.SignalAll();
+        }
+    }
+}
+
+int32_t EventScheduler::Attach(pid_t pid, uint32_t devId) {
+    MutexLock lock(&mutex_);
+    ++processes_[pid].attachments;
+    Trace("attach pid " + std::to_string(pid) + " dev " + std::to_string(devId));
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::Detach(pid_t pid, uint32_t devId) {
+    MutexLock lock(&mutex_);
+    auto it = processes_.find(pid);
+    if (it == processes_.end() || it->second.attachments == 0) {
+        return DRV_ERROR_UNINIT;
+    }
+    --it->second.attachments;
+    Trace("detach pid " + std::to_string(pid) + " dev " + std::to_string(devId));
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::CreateGroup(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t type) {
+    MutexLock lock(&mutex_);
+    Process& process = processes_[pid];
+    if (process.groups.count(grpId) != 0) {
+        return DRV_ERROR_REPEATED_INIT;
+    }
+    process.groups[grpId].type = type;
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::Subscribe(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t threadId,
+                                  uint64_t eventBitmap) {
+    MutexLock lock(&mutex_);
+    auto process = processes_.find(pid);
+    if (process == processes_.end() || process->second.groups.count(grpId) == 0) {
+        return DRV_ERROR_UNINIT;
+    }
+    process->second.groups[grpId].subscriptions[threadId] = eventBitmap;
+    changed_.SignalAll();
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t threadId, int32_t timeoutMs,
+                             EventRecord* out) {
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+    MutexLock lock(&mutex_);
+    for (;;) {
+        if (stopping_) {
+            return DRV_ERROR_PROCESS_EXIT;
+        }
+        auto process = processes_.find(pid);
+        if (process == processes_.end()) {
+            return DRV_ERROR_PROCESS_EXIT;
+        }
+        auto group = process->second.groups.find(grpId);
+        if (group == process->second.groups.end()) {
+            return DRV_ERROR_UNINIT;
+        }
+        auto subscription = group->second.subscriptions.find(threadId);
+        if (subscription == group->second.subscriptions.end()) {
+            return DRV_ERROR_NO_SUBSCRIBE;
+        }
+        std::deque<EventRecord>& queue = group->second.queue;
+        for (auto it = queue.begin(); it != queue.end(); ++it) {
+            if (it->event_id() < 64 && ((subscription->second >> it->event_id()) & 1) != 0) {
+                *out = std::move(*it);
+                queue.erase(it);
+                return DRV_ERROR_NONE;
+            }
+        }
+        if (timeoutMs < 0) {
+            changed_.Wait();
+        } else if (!changed_.WaitUntil(deadline) && Clock::now() >= deadline) {
+            return DRV_ERROR_WAIT_TIMEOUT;
+        }
+    }
+}
+
+int32_t EventScheduler::Submit(pid_t pid, const HalEschedSubmitEvent& event) {
+    if (event.msg().size() > EVENT_MAX_MSG_LEN || event.event_id() >= EVENT_MAX_NUM) {
+        return DRV_ERROR_INVALID_VALUE;
+    }
+    MutexLock lock(&mutex_);
+    return Enqueue(pid, event.dst_pid(), event.grp_id(), event.event_id(), event.subevent_id(), event.msg());
+}
+
+int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId, uint32_t subeventId,
+                                const std::string& msg) {
+    auto process = processes_.find(dst);
+    std::string what = "event " + std::to_string(eventId) + "/" + std::to_string(subeventId) + " " +
+                       std::to_string(src) + " -> " + std::to_string(dst) + " group " + std::to_string(grpId) +
+                       " len " + std::to_string(msg.size());
+    if (process == processes_.end() || process->second.groups.count(grpId) == 0) {
+        Trace(what + " refused: no such group");
+        return DRV_ERROR_NOT_EXIST;
+    }
+    EventRecord record;
+    record.set_event_id(eventId);
+    record.set_subevent_id(subeventId);
+    record.set_src_pid(src);
+    record.set_grp_id(grpId);
+    record.set_msg(msg);
+    process->second.groups[grpId].queue.push_back(std::move(record));
+    Trace(what);
+    changed_.SignalAll();
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::Ack(pid_t pid, uint32_t /*devId*/, uint32_t eventId, uint32_t subeventId,
+                           const std::string& msg) {
+    MutexLock lock(&mutex_);
+    Trace("ack " + std::to_string(eventId) + "/" + std::to_string(subeventId) + " from " + std::to_string(pid) +
+          " len " + std::to_string(msg.size()));
+    if (!ackPending_ || subeventId != ackSubevent_ || pid != vmngClient_) {
+        return DRV_ERROR_NOT_EXIST;
+    }
+    int32_t value = 0;
+    std::memcpy(&value, msg.data(), std::min(msg.size(), sizeof(value)));
+    ackValue_ = value;
+    ackArrived_ = true;
+    changed_.SignalAll();
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::RegisterVmngClient(pid_t pid) {
+    MutexLock lock(&mutex_);
+    vmngClient_ = pid;
+    Trace("vmng client " + std::to_string(pid));
+    return DRV_ERROR_NONE;
+}
+
+int32_t EventScheduler::ChangeVf(const VfChange& change, int32_t* ack) {
+    MutexLock serial(&vfChangeMutex_);
+    uint32_t subevent = change.create() ? kVfCreateSubevent : kVfDestroySubevent;
+    std::string notice(change.msg_len() != 0 ? change.msg_len() : kVfNoticeLength, '\0');
+    uint32_t vfWord = static_cast<uint32_t>(change.vf_id());
+    if (notice.size() >= kVfNoticeIdOffset + sizeof(vfWord)) {
+        std::memcpy(&notice[kVfNoticeIdOffset], &vfWord, sizeof(vfWord));
+    }
+    uint32_t timeoutMs = change.timeout_ms() != 0 ? change.timeout_ms() : kDefaultVfTimeoutMs;
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+
+    MutexLock lock(&mutex_);
+    if (vmngClient_ == 0) {
+        return DRV_ERROR_NOT_EXIST;
+    }
+    ackPending_ = true;
+    ackSubevent_ = subevent;
+    ackArrived_ = false;
+    int32_t rc = Enqueue(0, vmngClient_, kVmngGroup, EVENT_CCPU_CTRL_MSG, subevent, notice);
+    if (rc != DRV_ERROR_NONE) {
+        ackPending_ = false;
+        return rc;
+    }
+    while (!ackArrived_ && !stopping_) {
+        if (!changed_.WaitUntil(deadline) && Clock::now() >= deadline) {
+            break;
+        }
+    }
+    ackPending_ = false;
+    if (!ackArrived_) {
+        return DRV_ERROR_WAIT_TIMEOUT;
+    }
+    *ack = ackValue_;
+    return DRV_ERROR_NONE;
+}
+
+void EventScheduler::Trace(const std::string& line) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    ::localtime_r(&now.tv_sec, &local);
+    char stamp[32];
+    std::snprintf(stamp, sizeof(stamp), "%02d:%02d:%02d.%03ld ", local.tm_hour, local.tm_min, local.tm_sec,
+                  now.tv_nsec / 1000000);
+    trace_.push_back(stamp + line);
+    if (trace_.size() > kTraceLength) {
+        trace_.pop_front();
+    }
+}
+
+std::string EventScheduler::DescribeEvents() const {
+    MutexLock lock(&mutex_);
+    std::ostringstream out;
+    for (const std::string& line : trace_) {
+        out << line << "\n";
+    }
+    return out.str();
+}
+
+}  // namespace orv::emu

@@ -1,0 +1,94 @@
+// The card's event scheduler: processes create groups, subscribe threads of a
+// group to event ids, and wait; a submitted event is queued for its
+// destination process and group and taken by a waiter subscribed to its id.
+// The driver's own notices (VF creation and destruction) go to the process
+// registered as VF management client, whose acknowledgement is handed back to
+// whoever asked for the change.
+#ifndef ORV_EMU_CARD_EVENT_SCHEDULER_H
+#define ORV_EMU_CARD_EVENT_SCHEDULER_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "card.pb.h"
+#include "platform/mutex.h"
+
+namespace orv::emu {
+
+class EventScheduler {
+public:
+    EventScheduler();
+    ~EventScheduler();
+    EventScheduler(const EventScheduler&) = delete;
+    EventScheduler& operator=(const EventScheduler&) = delete;
+
+    // Starts the thread that forgets processes that have gone.
+    void Start();
+    // Ends every wait (DRV_ERROR_PROCESS_EXIT) and stops that thread.
+    void Stop();
+
+    // Each returns a driver result code; `pid` is the calling process.
+    int32_t Attach(pid_t pid, uint32_t devId);
+    int32_t Detach(pid_t pid, uint32_t devId);
+    int32_t CreateGroup(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t type);
+    int32_t Subscribe(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId, uint64_t eventBitmap);
+    // Blocks up to `timeoutMs` (-1: no limit) for an event the thread is subscribed to.
+    int32_t Wait(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId, int32_t timeoutMs, EventRecord* out);
+    int32_t Submit(pid_t pid, const HalEschedSubmitEvent& event);
+    int32_t Ack(pid_t pid, uint32_t devId, uint32_t eventId, uint32_t subeventId, const std::string& msg);
+    int32_t RegisterVmngClient(pid_t pid);
+
+    // Tells the VF management client of a VF change and waits for its
+    // acknowledgement. DRV_ERROR_NONE with `ack` set when one came,
+    // DRV_ERROR_WAIT_TIMEOUT when none did, DRV_ERROR_NOT_EXIST without a client.
+    int32_t ChangeVf(const VfChange& change, int32_t* ack);
+
+    // The most recent events, oldest first, one per line.
+    std::string DescribeEvents() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Group {
+        uint32_t type = 0;
+        std::map<uint32_t, uint64_t> subscriptions;  // thread -> event bitmap
+        std::deque<EventRecord> queue;
+    };
+
+    struct Process {
+        uint32_t attachments = 0;
+        std::map<uint32_t, Group> groups;
+    };
+
+    // Queues an event for (dst, grp) and wakes the waiters.
+    int32_t Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId, uint32_t subeventId,
+                    const std::string& msg) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    void Trace(const std::string& line) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    void ForgetGoneProcesses();
+
+    mutable Mutex mutex_;
+    CondVar changed_{&mutex_};
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    std::map<pid_t, Process> processes_ GUARDED_BY(mutex_);
+    pid_t vmngClient_ GUARDED_BY(mutex_) = 0;
+    // The acknowledgement a VF change waits for.
+    bool ackPending_ GUARDED_BY(mutex_) = false;
+    uint32_t ackSubevent_ GUARDED_BY(mutex_) = 0;
+    bool ackArrived_ GUARDED_BY(mutex_) = false;
+    int32_t ackValue_ GUARDED_BY(mutex_) = 0;
+    std::deque<std::string> trace_ GUARDED_BY(mutex_);
+
+    Mutex vfChangeMutex_;  // one VF change at a time
+    std::thread janitor_;
+};
+
+}  // namespace orv::emu
+
+#endif  // ORV_EMU_CARD_EVENT_SCHEDULER_H

@@ -1,0 +1,22 @@
+// Emulated image verification library (/usr/lib64/libvelkan_imgverify.so on
+// the emulated card): checks a package's signature by the emulated vendor key.
+#include <img_verify.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "emu/pkg/package_signature.h"
+#include "vendor_public_key.h"
+
+extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, const char* path, uint32_t /*flags*/) {
+    if (path == nullptr) {
+        return 1;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in.is_open()) {
+        return 2;
+    }
+    std::stringstream content;
+    content << in.rdbuf();
+    return orv::emu::VerifyPackage(content.str(), kVendorPublicKey) ? 0 : 3;
+}

@@ -1,0 +1,165 @@
+// orv-emu-mkpkg: builds a compute-kernel package for the emulated card, signed
+// with the emulated vendor key.
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "emu/pkg/package_signature.h"
+#include "vendor_private_key.h"
+
+namespace {
+
+constexpr char kDefaultInnerName[] = "Velkan512-aicpu_syskernels.tar.gz";
+
+void Usage() {
+    std::fprintf(stderr,
+                 "usage: orv-emu-mkpkg --out FILE [options]\n"
+                 "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
+                 "                         of FILE's name, or %s)\n"
+                 "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are included\n"
+                 "  --pad-bytes N          an incompressible payload of N bytes\n"
+                 "  --unsigned             leave the package unsigned\n",
+                 kDefaultInnerName);
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, FTW*) {
+    return ::remove(path);
+}
+
+bool WriteFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    return static_cast<bool>(out);
+}
+
+std::string RandomBytes(size_t count) {
+    std::string bytes(count, '\0');
+    std::ifstream random("/dev/urandom", std::ios::binary);
+    random.read(bytes.data(), static_cast<std::streamsize>(count));
+    return bytes;
+}
+
+// The output of a shell pipeline, as bytes; false when it failed.
+bool RunCapture(const std::string& command, std::string* output) {
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return false;
+    }
+    output->clear();
+    char buffer[65536];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        output->append(buffer, n);
+    }
+    int status = pclose(pipe);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string InnerNameFor(const std::string& out) {
+    std::string base = out.substr(out.find_last_of('/') + 1);
+    std::smatch match;
+    static const std::regex kArchiveName("Velkan[0-9]{3}-aicpu_syskernels\\.tar\\.gz");
+    return std::regex_search(base, match, kArchiveName) ? match.str() : std::string(kDefaultInnerName);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string out;
+    std::string innerName;
+    std::vector<std::string> sandboxSo;
+    size_t padBytes = 0;
+    bool sign = true;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        bool hasValue = i + 1 < argc;
+        if (arg == "--out" && hasValue) {
+            out = argv[++i];
+        } else if (arg == "--inner-name" && hasValue) {
+            innerName = argv[++i];
+        } else if (arg == "--sandbox-so" && hasValue) {
+            std::stringstream list(argv[++i]);
+            for (std::string name; std::getline(list, name, ',');) {
+                if (!name.empty()) {
+                    sandboxSo.push_back(name);
+                }
+            }
+        } else if (arg == "--pad-bytes" && hasValue) {
+            padBytes = std::strtoull(argv[++i], nullptr, 10);
+        } else if (arg == "--unsigned") {
+            sign = false;
+        } else {
+            Usage();
+            return 2;
+        }
+    }
+    if (out.empty()) {
+        Usage();
+        return 2;
+    }
+    if (innerName.empty()) {
+        innerName = InnerNameFor(out);
+    }
+    for (const std::string& name : sandboxSo) {
+        if (name.find('/') != std::string::npos || name.find('\'') != std::string::npos) {
+            std::fprintf(stderr, "orv-emu-mkpkg: a shared object name is a plain file name: %s\n", name.c_str());
+            return 2;
+        }
+    }
+
+    char staging[] = "/tmp/orv-mkpkg.XXXXXX";
+    if (mkdtemp(staging) == nullptr) {
+        std::perror("orv-emu-mkpkg: mkdtemp");
+        return 1;
+    }
+    std::string root = staging;
+    std::string device = root + "/aicpu_kernels_device";
+    mkdir(device.c_str(), 0755);
+    std::string versionInfo = "Name=" + innerName + "\nVersion=1.0.0\n";
+    if (!sandboxSo.empty()) {
+        versionInfo += "SandBoxSo=";
+        for (size_t i = 0; i < sandboxSo.size(); ++i) {
+            versionInfo += (i == 0 ? "" : ",") + sandboxSo[i];
+        }
+        versionInfo += "\n";
+    }
+    bool ok = WriteFile(device + "/version.info", versionInfo) &&
+              WriteFile(device + "/libaicpu_demo_kernels.so", "emulated kernel library\n" + RandomBytes(4096));
+    for (const std::string& name : sandboxSo) {
+        ok = ok && WriteFile(device + "/" + name, "emulated sand-box library " + name + "\n" + RandomBytes(1024));
+    }
+    if (padBytes > 0) {
+        ok = ok && WriteFile(device + "/payload.bin", RandomBytes(padBytes));
+    }
+    std::string archive;
+    ok = ok && RunCapture("tar -C '" + root + "' -cf - aicpu_kernels_device | gzip -n -6", &archive);
+    nftw(root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    if (!ok) {
+        std::fprintf(stderr, "orv-emu-mkpkg: cannot build the archive\n");
+        return 1;
+    }
+    if (sign) {
+        archive = orv::emu::SignPackage(archive, kVendorPrivateKey);
+        if (archive.empty()) {
+            std::fprintf(stderr, "orv-emu-mkpkg: cannot sign the package\n");
+            return 1;
+        }
+    }
+    if (!WriteFile(out, archive)) {
+        std::fprintf(stderr, "orv-emu-mkpkg: cannot write %s\n", out.c_str());
+        return 1;
+    }
+    std::printf("%s %zu bytes%s\n", out.c_str(), archive.size(), sign ? "" : " (unsigned)");
+    return 0;
+}

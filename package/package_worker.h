@@ -1,0 +1,125 @@
+// PackageWorker verifies and installs the compute-kernel packages of one VF
+// (0 for the physical function): it unpacks them into the VF's kernel
+// directory, moves the shared objects a package names into a sand box, keeps
+// the VF's memory cgroup limit in step with the installed size, and remembers
+// the installed package's check code, which sessions wait for before they
+// start the compute process and which hosts query. One worker per VF id lives
+// in a class-wide map.
+#ifndef ORV_PACKAGE_PACKAGE_WORKER_H
+#define ORV_PACKAGE_PACKAGE_WORKER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <queue>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/mutex.h"
+
+namespace orv {
+
+using PackageNameMap = std::map<std::string, std::string>;
+
+// Files a process-mode install for VF 0 removes after it succeeded: shared
+// objects that now live in the package's sand box and must not be found at
+// their old, system-wide places.
+extern const std::vector<std::string> kSandBoxList;
+
+class PackageWorker {
+public:
+    // The worker of `vfId`, created when there is none; null when it cannot be
+    // allocated.
+    static std::shared_ptr<PackageWorker> GetInstance(int32_t vfId);
+
+    ~PackageWorker() = default;
+    PackageWorker(const PackageWorker&) = delete;
+    PackageWorker& operator=(const PackageWorker&) = delete;
+
+    // Removes this worker from the class map.
+    void ClearWorkerPtr();
+    // Wakes every CheckSum waiter for good.
+    void Stop();
+    // Stop, then leave the registry.
+    void Destory();
+
+    // Check code of the package last installed in process mode; 0 when none is.
+    uint32_t GetCheckCode();
+
+    // 0 once the installed package's check code is `hostCode` (at once for 0),
+    // 1 when that does not happen within 5 seconds or the worker stops.
+    uint32_t CheckSum(uint32_t hostCode);
+
+    // Installs the package `fileName` found in `dir` (ending in "/"). 0 on
+    // success, also when that package is installed already.
+    uint32_t LoadAICPUPackageForProcessMode(const std::string& dir, const std::string& fileName);
+
+    // Installs a package from `srcDir` into `dstDir`, keeping its check code
+    // in the shared install-info file. 0 on success.
+    uint32_t LoadAICPUPackageForThreadMode(const std::string& dstDir, const std::string& srcDir,
+                                           const std::string& fileName);
+
+    // ---- The steps of an install ----
+
+    // 0 when the package's signature holds, 14 otherwise.
+    uint32_t VerifyAicpuPackage(const std::string& packagePath) const;
+    // Verifies, unpacks, checks the inner name and fills the sand box; the
+    // package file is gone afterwards. 0, 1 or 14.
+    uint32_t DecompressionAicpuPackage(std::string& packagePath);
+    // Unpacks under the VF's memory-limit control. 0 on success.
+    uint32_t UnzipAndSetMemLimit(std::string& packagePath);
+    // The archive name from the package path and the name its version.info
+    // gives. 0, 1 or 14.
+    uint32_t GetPackageName(const std::string& packagePath, std::string& installDir, PackageNameMap& names) const;
+    // Moves the shared objects named by "SandBoxSo=" into sand_box/. 0 or 1.
+    uint32_t MoveSoToSandBox(const std::string& deviceDir) const;
+    // Renames a dropped package into the staging directory. 0 or 1.
+    uint32_t RenameAICPUPackage(const std::string& dir, const std::string& fileName, std::string& dst);
+    bool CopyAICPUPackage(const std::string& dstDir, const std::string& srcDir, const std::string& fileName) const;
+    uint32_t CheckOrMakeDirectory(const std::string& dir) const;
+    void RemoveFile(const std::string& path) const;
+
+    // ---- The install-info file of thread mode ----
+
+    bool ReadCheckCode(int fd, uint32_t& code) const;
+    uint32_t GetSavedCheckCode(const int& fd, uint32_t& code) const;
+    bool WriteCheckCode(int fd, uint32_t code) const;
+
+    // ---- Installed size ----
+
+    // Adds the installed size of `dir` to `size`.
+    void GetPackageSize(const std::string& dir, uint64_t& size);
+    void GetPackageSizeInSubdirectory(const std::string& dir, const uint32_t& depth, uint64_t& size,
+                                      std::queue<std::pair<std::string, uint32_t>>& pending) const;
+
+    // ---- Memory limit control ----
+
+    // 0 when the VF may take a new install (or this is an update).
+    uint32_t CheckMemoryLimit();
+    uint32_t CheckMemoryUsage(uint64_t& limit) const;
+    uint32_t ReadMemControlValue(const std::string& file, uint64_t& value) const;
+    uint32_t SetMemoryControlValue(uint64_t limit) const;
+    // Moves the VF's limit by the change from `oldSize` to `newSize`.
+    uint32_t RestoreMemUsage(uint64_t oldSize, uint64_t newSize);
+
+private:
+    explicit PackageWorker(int32_t vfId);
+
+    // The VF's install directory, "/usr/lib64/aicpu_kernels/<vfId>".
+    std::string InstallDir() const;
+
+    bool stopped_ GUARDED_BY(workerMutex_) = false;
+    const int32_t vfId_;
+    uint32_t checkCode_ GUARDED_BY(workerMutex_) = 0;
+    Mutex workerMutex_;
+    CondVar checkCodeCond_{&workerMutex_};
+
+    static Mutex mutexForPackageWorkerMap_;
+    static std::map<int32_t, std::shared_ptr<PackageWorker>> packageWorkerMap_
+        GUARDED_BY(mutexForPackageWorkerMap_);
+};
+
+}  // namespace orv
+
+#endif  // ORV_PACKAGE_PACKAGE_WORKER_H
