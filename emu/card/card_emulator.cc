@@ -132,6 +132,22 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             }
             return TextReply(DRV_ERROR_NONE, "");
         }
+        case CardRequest::kGroupSetup: {
+            const GroupSetup& setup = request.group_setup();
+            int32_t rc = DRV_ERROR_NONE;
+            if (setup.create()) {
+                rc = groups_.Create(0, setup.name(), 0);
+            }
+            if (rc == DRV_ERROR_NONE && setup.add_pid() != 0) {
+                rc = groups_.AddProc(setup.name(), setup.add_pid(),
+                                     setup.permissions() != 0 ? setup.permissions() : GRP_PERM_READ | GRP_PERM_WRITE);
+            }
+            return TextReply(rc, rc == DRV_ERROR_NONE ? groups_.Describe() : "refused\n");
+        }
+        case CardRequest::kInjectEvent: {
+            int32_t rc = scheduler_.Inject(request.inject_event());
+            return TextReply(rc, rc == DRV_ERROR_NONE ? "" : "refused\n");
+        }
         case CardRequest::kVfChange: {
             int32_t ack = 0;
             int32_t rc = scheduler_.ChangeVf(request.vf_change(), &ack);

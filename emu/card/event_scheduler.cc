@@ -240,6 +240,19 @@ int32_t EventScheduler::ChangeVf(const VfChange& change, int32_t* ack) {
     return DRV_ERROR_NONE;
 }
 
+int32_t EventScheduler::Inject(const InjectEvent& event) {
+    if (event.msg().size() > EVENT_MAX_MSG_LEN) {
+        return DRV_ERROR_INVALID_VALUE;
+    }
+    MutexLock lock(&mutex_);
+    pid_t dst = event.dst_pid() != 0 ? event.dst_pid() : vmngClient_;
+    if (dst == 0) {
+        return DRV_ERROR_NOT_EXIST;
+    }
+    return Enqueue(event.src_pid(), dst, event.grp_id(), event.event_id() != 0 ? event.event_id() : EVENT_CCPU_CTRL_MSG,
+                   event.subevent_id(), event.msg());
+}
+
 void EventScheduler::Trace(const std::string& line) {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);

@@ -50,6 +50,10 @@ public:
     // DRV_ERROR_WAIT_TIMEOUT when none did, DRV_ERROR_NOT_EXIST without a client.
     int32_t ChangeVf(const VfChange& change, int32_t* ack);
 
+    // Queues an event as the control socket asks (to the VF management client
+    // unless a destination is given).
+    int32_t Inject(const InjectEvent& event);
+
     // The most recent events, oldest first, one per line.
     std::string DescribeEvents() const;
 

@@ -1,6 +1,9 @@
 // orv-emu-ctl: drives a running card emulator through its control socket.
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,7 +35,13 @@ void Usage() {
                  "                             their next start: normal, no-start, delay-start, crash,\n"
                  "                             stay-after-close, ignore-close, kernel-timeout, ask-custom\n"
                  "  standins                   the stand-ins' behaviours\n"
-                 "  events                     the most recent event traffic\n");
+                 "  events                     the most recent event traffic\n"
+                 "  group create NAME          a buffer group owned by the card\n"
+                 "  group add NAME PID         grant process PID (a host process, say) access to group NAME\n"
+                 "  inject-event SUBEVENT [--length N] [--group G] [--host-pid P] [--device D] [--vf V]\n"
+                 "               [--proc-type T] [--event-type E] [--src-pid S]\n"
+                 "                             put a record of N bytes (default 128) into the daemon's queue of\n"
+                 "                             group G, as a sub-process would send it\n");
 }
 
 bool ParseNumber(const std::string& text, long* value) {
@@ -76,6 +85,50 @@ int main(int argc, char** argv) {
         request.mutable_list_faults();
     } else if (command == "clear-faults" && words.size() == 1) {
         request.mutable_clear_faults();
+    } else if (command == "group" && words.size() >= 3 && (words[1] == "create" || words[1] == "add")) {
+        auto* setup = request.mutable_group_setup();
+        setup->set_name(words[2]);
+        long pid = 0;
+        if (words[1] == "create" && words.size() == 3) {
+            setup->set_create(true);
+        } else if (words[1] == "add" && words.size() == 4 && ParseNumber(words[3], &pid)) {
+            setup->set_add_pid(static_cast<int32_t>(pid));
+        } else {
+            Usage();
+            return 2;
+        }
+    } else if (command == "inject-event" && words.size() >= 2) {
+        long subevent = 0;
+        if (!ParseNumber(words[1], &subevent)) {
+            Usage();
+            return 2;
+        }
+        std::map<std::string, long> values = {{"--length", 128}, {"--group", 0},     {"--host-pid", 0},
+                                              {"--device", 0},   {"--vf", 0},        {"--proc-type", 1},
+                                              {"--event-type", subevent},            {"--src-pid", 0}};
+        for (size_t i = 2; i < words.size(); i += 2) {
+            long value = 0;
+            if (values.count(words[i]) == 0 || i + 1 >= words.size() || !ParseNumber(words[i + 1], &value)) {
+                Usage();
+                return 2;
+            }
+            values[words[i]] = value;
+        }
+        // The record's leading words as a sub-process fills them.
+        std::vector<uint32_t> record = {static_cast<uint32_t>(values["--device"]),
+                                        static_cast<uint32_t>(values["--src-pid"]),
+                                        0,
+                                        static_cast<uint32_t>(values["--host-pid"]),
+                                        static_cast<uint32_t>(values["--vf"]),
+                                        static_cast<uint32_t>(values["--proc-type"]),
+                                        static_cast<uint32_t>(values["--event-type"])};
+        std::string msg(static_cast<size_t>(std::max(0L, values["--length"])), '\0');
+        std::memcpy(msg.data(), record.data(), std::min(msg.size(), record.size() * sizeof(uint32_t)));
+        auto* event = request.mutable_inject_event();
+        event->set_grp_id(static_cast<uint32_t>(values["--group"]));
+        event->set_subevent_id(static_cast<uint32_t>(subevent));
+        event->set_msg(msg);
+        event->set_src_pid(static_cast<int32_t>(values["--src-pid"]));
     } else if (command == "events" && words.size() == 1) {
         request.mutable_show_events();
     } else if (command == "standins" && words.size() == 1) {

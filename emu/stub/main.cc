@@ -321,6 +321,11 @@ int main(int argc, char** argv) {
         } else if (behaviour == "ask-custom" && options.kind == 1) {
             sleepDelay();
             AskForCustom(options);
+            // A second request once the custom process runs must change nothing.
+            while (!g_customStarted) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            AskForCustom(options);
         }
     }
     for (;;) {

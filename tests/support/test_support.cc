@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -436,6 +437,149 @@ std::vector<pid_t> ProcessesInNamespace(const std::string& ns) {
         ::closedir(proc);
     }
     return pids;
+}
+
+int RunProgram(const std::vector<std::string>& argv, std::string* output, const std::string& input) {
+    int out[2];
+    int in[2];
+    if (::pipe(out) != 0 || ::pipe(in) != 0) {
+        return -1;
+    }
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(in[0], STDIN_FILENO);
+        ::dup2(out[1], STDOUT_FILENO);
+        ::dup2(out[1], STDERR_FILENO);
+        for (int fd : {in[0], in[1], out[0], out[1]}) {
+            ::close(fd);
+        }
+        std::vector<char*> cargv = CStrings(argv);
+        ::execv(cargv[0], cargv.data());
+        ::_exit(127);
+    }
+    ::close(in[0]);
+    ::close(out[1]);
+    if (!input.empty()) {
+        ssize_t ignored = ::write(in[1], input.data(), input.size());
+        (void)ignored;
+    }
+    ::close(in[1]);
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(out[0], buffer, sizeof(buffer))) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(out[0]);
+    int status = WaitChild(pid, 120s);
+    if (output != nullptr) {
+        *output = text;
+    }
+    return status;
+}
+
+int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output,
+         const std::string& input) {
+    std::vector<std::string> argv = {BinDir() + "/orv-host", "--state", sandbox.StateDir()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(argv, output, input);
+}
+
+int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output) {
+    std::vector<std::string> argv = {BinDir() + "/orv-emu-ctl", "--state", sandbox.StateDir()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(argv, output);
+}
+
+bool StandinRecord::Has(const std::string& prefix) const {
+    return Count(prefix) > 0;
+}
+
+size_t StandinRecord::Count(const std::string& prefix) const {
+    size_t count = 0;
+    for (const std::string& note : notes) {
+        count += note.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox) {
+    std::vector<StandinRecord> records;
+    std::string dir = sandbox.StateDir() + "/run/orv-stub";
+    DIR* handle = ::opendir(dir.c_str());
+    while (dirent* entry = handle != nullptr ? ::readdir(handle) : nullptr) {
+        std::string name = entry->d_name;
+        if (name.size() < 5 || name.compare(name.size() - 4, 4, ".txt") != 0) {
+            continue;
+        }
+        StandinRecord record;
+        std::istringstream lines(ReadFile(dir + "/" + name));
+        for (std::string line; std::getline(lines, line);) {
+            std::string key = line.substr(0, line.find(' '));
+            std::string value = line.size() > key.size() ? line.substr(key.size() + 1) : std::string();
+            if (key == "pid") {
+                record.pid = static_cast<pid_t>(std::stol(value));
+            } else if (key == "kind") {
+                record.kind = static_cast<uint32_t>(std::stoul(value));
+            } else if (key == "argv") {
+                record.argv.push_back(value);
+            } else if (key == "env") {
+                record.env.push_back(value);
+            } else if (key == "affinity") {
+                record.affinity.push_back(std::stoi(value));
+            } else if (key == "group") {
+                record.groups.push_back(value);
+            } else if (key != "ppid" && key != "exe") {
+                record.notes.push_back(line);
+            }
+        }
+        records.push_back(record);
+    }
+    if (handle != nullptr) {
+        ::closedir(handle);
+    }
+    std::sort(records.begin(), records.end(),
+              [](const StandinRecord& a, const StandinRecord& b) { return a.pid < b.pid; });
+    return records;
+}
+
+std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind) {
+    std::vector<StandinRecord> ofKind;
+    for (const StandinRecord& record : StandinRecords(sandbox)) {
+        if (record.kind == kind) {
+            ofKind.push_back(record);
+        }
+    }
+    return ofKind;
+}
+
+namespace {
+
+size_t EntriesIn(const std::string& dir) {
+    size_t count = 0;
+    DIR* handle = ::opendir(dir.c_str());
+    while (dirent* entry = handle != nullptr ? ::readdir(handle) : nullptr) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    if (handle != nullptr) {
+        ::closedir(handle);
+    }
+    return count;
+}
+
+}  // namespace
+
+size_t ThreadCount(pid_t pid) {
+    return EntriesIn("/proc/" + std::to_string(pid) + "/task");
+}
+
+size_t DescriptorCount(pid_t pid) {
+    return EntriesIn("/proc/" + std::to_string(pid) + "/fd");
+}
+
+pid_t DaemonPid(const SandboxRun& sandbox) {
+    std::map<std::string, std::string> env = sandbox.Env();
+    return env.count("ORV_DAEMON_PID") != 0 ? static_cast<pid_t>(std::stol(env["ORV_DAEMON_PID"])) : -1;
 }
 
 }  // namespace orv::test

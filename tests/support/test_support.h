@@ -132,6 +132,37 @@ private:
 // Processes (outer pids) that live in the PID namespace `ns`.
 std::vector<pid_t> ProcessesInNamespace(const std::string& ns);
 
+// Runs a program to its end; its exit status, and its standard output (and
+// error, merged) when asked. `input` goes to its standard input.
+int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr, const std::string& input = "");
+
+// orv-host and orv-emu-ctl against a sandbox.
+int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr,
+         const std::string& input = "");
+int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr);
+
+// What a sub-process stand-in recorded (run/orv-stub/<pid>.txt).
+struct StandinRecord {
+    pid_t pid = 0;  // inside the sandbox
+    uint32_t kind = 0;
+    std::vector<std::string> argv;
+    std::vector<std::string> env;
+    std::vector<int> affinity;
+    std::vector<std::string> groups;  // "NAME PERMISSIONS"
+    std::vector<std::string> notes;   // everything it noted afterwards, in order
+    bool Has(const std::string& prefix) const;
+    size_t Count(const std::string& prefix) const;
+};
+std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox);
+std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind);
+
+// Threads and open descriptors of a process (outer pid).
+size_t ThreadCount(pid_t pid);
+size_t DescriptorCount(pid_t pid);
+
+// The daemon's outer pid from sandbox.env.
+pid_t DaemonPid(const SandboxRun& sandbox);
+
 }  // namespace orv::test
 
 #endif  // ORV_TESTS_SUPPORT_TEST_SUPPORT_H
