@@ -139,6 +139,9 @@ void WriteStartRecord(int argc, char** argv, const Options& options) {
 }
 
 // Sends one record to the parent (the daemon) on the group of this device.
+// The sub-event is the record's kind, except for a kernel time-out, which
+// rides the report channel (sub-event 0): the daemon routes sub-events 0, 1,
+// 2 and 6 and reads the kind from the record.
 void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
     OrvSubEventInfo record;
     std::memset(&record, 0, sizeof(record));
@@ -154,7 +157,7 @@ void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, u
     summary.dst_pid = static_cast<int32_t>(getppid());
     summary.grp_id = options.deviceId;
     summary.event_id = EVENT_CCPU_CTRL_MSG;
-    summary.subevent_id = eventType;
+    summary.subevent_id = eventType == orv::ORV_SUB_EVENT_ABNORMAL ? orv::ORV_SUB_EVENT_START : eventType;
     summary.msg = reinterpret_cast<const char*>(&record);
     summary.msg_len = sizeof(record);
     summary.dst_engine = EVENT_DST_ENGINE_CCPU;
