@@ -1,0 +1,93 @@
+// Runs inside a sandbox, against its card emulator's event scheduler.
+#include "event/orv_event_server.h"
+
+#include <cstring>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/orv_drv_manager.h"
+#include "tests/support/test_support.h"
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+using test::InjectFault;
+using test::InsideControlSocket;
+
+class OrvEventServerTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(OrvDrvManager::GetInstance()->Init(), 0u); }
+    void TearDown() override { server_->Destroy(); }
+    OrvEventServer* server_ = OrvEventServer::GetInstance();
+};
+
+TEST_F(OrvEventServerTest, EachDeviceGetsAWorkerWithAGroupOfItsOwn) {
+    test::LogCapture log;
+    ASSERT_EQ(server_->Init(3), 0u);
+    for (int group = 0; group < 3; ++group) {
+        EXPECT_TRUE(log.WaitFor("[OrvEventServer] subscribe event on dev[0] group[" + std::to_string(group) + "]", 5s));
+    }
+    EXPECT_TRUE(log.Contains("Dev[0] begin subscribe event mask[524288][19]."));
+    server_->Destroy();
+    EXPECT_FALSE(server_->IsRunning());
+    EXPECT_EQ(log.Count("The loop of getting event is exit in dev[0]"), 3u);
+}
+
+TEST_F(OrvEventServerTest, AWorkerGivesUpOnlyOnTheSchedulersFatalCodes) {
+    test::LogCapture log;
+    InjectFault(InsideControlSocket(), "halEschedWaitEvent", 5, 1);
+    ASSERT_EQ(server_->Init(1), 0u);
+    EXPECT_TRUE(log.WaitFor("Failed to call halEschedWaitEvent, error code[5], deviceId[0], groupId[0]", 5s));
+    InjectFault(InsideControlSocket(), "halEschedWaitEvent", 42, 1);
+    EXPECT_TRUE(log.WaitFor("Failed to call halEschedWaitEvent, error code=42, deviceId[0], groupId[0]", 10s));
+    EXPECT_TRUE(log.WaitFor("[OrvEventServer] Exit wait event thread on dev[0] group[0]", 5s));
+    EXPECT_TRUE(server_->IsRunning()) << "a worker that ends does not stop the server";
+    EXPECT_FALSE(log.Contains("error code[16]")) << "time-outs are quiet";
+}
+
+TEST_F(OrvEventServerTest, AFailedRegistrationUndoesTheAttachAndStartsNoWorker) {
+    test::LogCapture log;
+    InjectFault(InsideControlSocket(), "halRegisterVmngClient", 3, 1);
+    EXPECT_EQ(server_->Init(1), 1u);
+    EXPECT_TRUE(log.Contains("halRegisterVmngClient dev[0] failed, result[3]."));
+    emu::CardRequest request;
+    request.mutable_show_events();
+    EXPECT_THAT(test::Control(InsideControlSocket(), request).text(), ::testing::HasSubstr("detach pid"));
+    EXPECT_FALSE(log.Contains("OrvEventServer begin start thread"));
+}
+
+TEST_F(OrvEventServerTest, OnlyControlEventsOfTheRightLengthGoOn) {
+    test::LogCapture log;
+    event_info event;
+    std::memset(&event, 0, sizeof(event));
+    event.event_id = 4;
+    server_->ProcessEvent(event);
+    EXPECT_TRUE(log.Contains("Unknown event type, event_id[4]."));
+    event.event_id = EVENT_CCPU_CTRL_MSG;
+    event.subevent_id = 0;
+    for (uint32_t length : {127u, 129u, 0u}) {
+        event.msg_len = length;
+        EXPECT_EQ(server_->ProcessEvent(event), 1u);
+        EXPECT_TRUE(log.Contains("Incorrect msg length[" + std::to_string(length) + "], correct msg length[128]"));
+    }
+    // A driver notice is checked against its own length, 16.
+    event.subevent_id = ORV_SUB_EVENT_VF_CREATE;
+    event.msg_len = 128;
+    EXPECT_EQ(server_->ProcessDrvEvent(event, ORV_SUB_EVENT_VF_CREATE), 1u);
+    EXPECT_TRUE(log.Contains("Incorrect driver msg length[128], correct msg length[16]."));
+}
+
+TEST_F(OrvEventServerTest, ExistingVfsAreFoundFromTheirCustomPrograms) {
+    for (const char* name : {"aicpu_custom_runner0", "aicpu_custom_runner17", "aicpu_custom_runner12",
+                             "aicpu_custom_runner2", "aicpu_custom_runner2.bak"}) {
+        test::WriteFile(std::string("/var/") + name, "");
+    }
+    std::vector<int> vfs;
+    EXPECT_TRUE(server_->CheckExistVf(vfs));
+    EXPECT_THAT(vfs, ::testing::ElementsAre(12, 2)) << "in the order ls lists them";
+}
+
+}  // namespace
+}  // namespace orv
