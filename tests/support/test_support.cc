@@ -294,188 +294,18 @@ pid_t SpawnDetached(const std::vector<std::string>& argv) {
 
 // ---- SandboxRun ----------------------------------------------------------------
 
-SandboxRun::SandboxRun() : state_(MakeTempDir("orv-e2e")) {}
+SandboxRun::SandboxRun() : SandboxClient(test::BinDir(), test::MakeTempDir("orv-e2e")) {}
 
 SandboxRun::~SandboxRun() {
-    if (pid_ > 0) {
+    if (Running()) {
         Stop();
     }
     if (!::testing::Test::HasFailure()) {
-        RemoveTree(state_);
-        ::unlink((state_ + ".out").c_str());
+        RemoveTree(StateDir());
+        ::unlink((StateDir() + ".out").c_str());
     } else {
-        std::fprintf(stderr, "sandbox state kept in %s (output in %s.out)\n", state_.c_str(), state_.c_str());
+        std::fprintf(stderr, "sandbox state kept in %s (output in %s.out)\n", StateDir().c_str(), StateDir().c_str());
     }
-}
-
-bool SandboxRun::Boot(const std::vector<std::string>& args, std::chrono::milliseconds timeout) {
-    std::vector<std::string> argv = {BinDir() + "/orv-sandbox", "--state", state_, "--boot"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    std::string out = state_ + ".out";
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(fd, STDOUT_FILENO);
-        ::dup2(fd, STDERR_FILENO);
-        std::vector<char*> cargv = CStrings(argv);
-        ::execv(cargv[0], cargv.data());
-        ::_exit(127);
-    }
-    bool exited = false;
-    bool ready = WaitFor(
-        [&] {
-            if (Env().count("ORV_DAEMON_PID") != 0) {
-                return true;
-            }
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                exited = true;
-                exitStatus_ = ExitStatusOf(status);
-                pid_ = -1;
-                return true;
-            }
-            return false;
-        },
-        timeout);
-    if (!ready || exited) {
-        return false;
-    }
-    char link[PATH_MAX] = {0};
-    std::string nsPath = "/proc/" + Env()["ORV_SANDBOX_PID"] + "/ns/pid";
-    if (::readlink(nsPath.c_str(), link, sizeof(link) - 1) > 0) {
-        pidNamespace_ = link;
-    }
-    return true;
-}
-
-int SandboxRun::Stop(std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) {
-        return exitStatus_;
-    }
-    ::kill(pid_, SIGTERM);
-    return WaitExit(timeout);
-}
-
-int SandboxRun::WaitExit(std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) {
-        return exitStatus_;
-    }
-    int status = WaitChild(pid_, timeout);
-    if (status >= 0) {
-        pid_ = -1;
-        exitStatus_ = status;
-    }
-    return status;
-}
-
-int SandboxRun::Enter(const std::vector<std::string>& command, std::string* output, bool detach) const {
-    std::vector<std::string> argv = {BinDir() + "/orv-sandbox", "--state", state_, "--enter"};
-    if (detach) {
-        argv.push_back("--detach");
-    }
-    argv.push_back("--");
-    argv.insert(argv.end(), command.begin(), command.end());
-    int out[2];
-    if (::pipe(out) != 0) {
-        return -1;
-    }
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out[1], STDOUT_FILENO);
-        ::close(out[0]);
-        ::close(out[1]);
-        std::vector<char*> cargv = CStrings(argv);
-        ::execv(cargv[0], cargv.data());
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(out[0], buffer, sizeof(buffer))) > 0) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(out[0]);
-    int status = WaitChild(pid, 30s);
-    if (output != nullptr) {
-        *output = text;
-    }
-    return status;
-}
-
-std::map<std::string, std::string> SandboxRun::Env() const {
-    std::map<std::string, std::string> env;
-    std::ifstream in(state_ + "/sandbox.env");
-    for (std::string line; std::getline(in, line);) {
-        size_t eq = line.find('=');
-        if (eq != std::string::npos) {
-            env[line.substr(0, eq)] = line.substr(eq + 1);
-        }
-    }
-    return env;
-}
-
-std::vector<pid_t> ProcessesInNamespace(const std::string& ns) {
-    std::vector<pid_t> pids;
-    if (ns.empty()) {
-        return pids;
-    }
-    DIR* proc = ::opendir("/proc");
-    while (dirent* entry = proc != nullptr ? ::readdir(proc) : nullptr) {
-        char* end = nullptr;
-        long pid = std::strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name || *end != '\0') {
-            continue;
-        }
-        char link[PATH_MAX] = {0};
-        std::string path = std::string("/proc/") + entry->d_name + "/ns/pid";
-        if (::readlink(path.c_str(), link, sizeof(link) - 1) > 0 && ns == link) {
-            pids.push_back(static_cast<pid_t>(pid));
-        }
-    }
-    if (proc != nullptr) {
-        ::closedir(proc);
-    }
-    return pids;
-}
-
-int RunProgram(const std::vector<std::string>& argv, std::string* output, const std::string& input) {
-    int out[2];
-    int in[2];
-    if (::pipe(out) != 0 || ::pipe(in) != 0) {
-        return -1;
-    }
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(in[0], STDIN_FILENO);
-        ::dup2(out[1], STDOUT_FILENO);
-        ::dup2(out[1], STDERR_FILENO);
-        for (int fd : {in[0], in[1], out[0], out[1]}) {
-            ::close(fd);
-        }
-        std::vector<char*> cargv = CStrings(argv);
-        ::execv(cargv[0], cargv.data());
-        ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    if (!input.empty()) {
-        ssize_t ignored = ::write(in[1], input.data(), input.size());
-        (void)ignored;
-    }
-    ::close(in[1]);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(out[0], buffer, sizeof(buffer))) > 0) {
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(out[0]);
-    int status = WaitChild(pid, 120s);
-    if (output != nullptr) {
-        *output = text;
-    }
-    return status;
 }
 
 int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output,
@@ -491,56 +321,8 @@ int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args, std:
     return RunProgram(argv, output);
 }
 
-bool StandinRecord::Has(const std::string& prefix) const {
-    return Count(prefix) > 0;
-}
-
-size_t StandinRecord::Count(const std::string& prefix) const {
-    size_t count = 0;
-    for (const std::string& note : notes) {
-        count += note.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
-    return count;
-}
-
 std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox) {
-    std::vector<StandinRecord> records;
-    std::string dir = sandbox.StateDir() + "/run/orv-stub";
-    DIR* handle = ::opendir(dir.c_str());
-    while (dirent* entry = handle != nullptr ? ::readdir(handle) : nullptr) {
-        std::string name = entry->d_name;
-        if (name.size() < 5 || name.compare(name.size() - 4, 4, ".txt") != 0) {
-            continue;
-        }
-        StandinRecord record;
-        std::istringstream lines(ReadFile(dir + "/" + name));
-        for (std::string line; std::getline(lines, line);) {
-            std::string key = line.substr(0, line.find(' '));
-            std::string value = line.size() > key.size() ? line.substr(key.size() + 1) : std::string();
-            if (key == "pid") {
-                record.pid = static_cast<pid_t>(std::stol(value));
-            } else if (key == "kind") {
-                record.kind = static_cast<uint32_t>(std::stoul(value));
-            } else if (key == "argv") {
-                record.argv.push_back(value);
-            } else if (key == "env") {
-                record.env.push_back(value);
-            } else if (key == "affinity") {
-                record.affinity.push_back(std::stoi(value));
-            } else if (key == "group") {
-                record.groups.push_back(value);
-            } else if (key != "ppid" && key != "exe") {
-                record.notes.push_back(line);
-            }
-        }
-        records.push_back(record);
-    }
-    if (handle != nullptr) {
-        ::closedir(handle);
-    }
-    std::sort(records.begin(), records.end(),
-              [](const StandinRecord& a, const StandinRecord& b) { return a.pid < b.pid; });
-    return records;
+    return emu::ReadStandinRecords(sandbox.StateDir());
 }
 
 std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind) {
@@ -551,35 +333,6 @@ std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint3
         }
     }
     return ofKind;
-}
-
-namespace {
-
-size_t EntriesIn(const std::string& dir) {
-    size_t count = 0;
-    DIR* handle = ::opendir(dir.c_str());
-    while (dirent* entry = handle != nullptr ? ::readdir(handle) : nullptr) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    if (handle != nullptr) {
-        ::closedir(handle);
-    }
-    return count;
-}
-
-}  // namespace
-
-size_t ThreadCount(pid_t pid) {
-    return EntriesIn("/proc/" + std::to_string(pid) + "/task");
-}
-
-size_t DescriptorCount(pid_t pid) {
-    return EntriesIn("/proc/" + std::to_string(pid) + "/fd");
-}
-
-pid_t DaemonPid(const SandboxRun& sandbox) {
-    std::map<std::string, std::string> env = sandbox.Env();
-    return env.count("ORV_DAEMON_PID") != 0 ? static_cast<pid_t>(std::stol(env["ORV_DAEMON_PID"])) : -1;
 }
 
 }  // namespace orv::test

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "card.pb.h"
+#include "emu/sandbox/sandbox_client.h"
 
 namespace orv::test {
 
@@ -92,76 +93,37 @@ std::string InsideControlSocket();
 // whoever adopts it); returns its pid, or -1.
 pid_t SpawnDetached(const std::vector<std::string>& argv);
 
-// An orv-sandbox run from outside: --boot, or a command.
-class SandboxRun {
+// A booted sandbox in a temporary state directory, kept for inspection when
+// the test failed.
+class SandboxRun : public emu::SandboxClient {
 public:
     SandboxRun();
     ~SandboxRun();
-    SandboxRun(const SandboxRun&) = delete;
-    SandboxRun& operator=(const SandboxRun&) = delete;
 
-    // Starts `orv-sandbox --state DIR --boot ARGS...`. True once the daemon is
-    // ready (sandbox.env published); false when the sandbox exited first.
-    bool Boot(const std::vector<std::string>& args, std::chrono::milliseconds timeout = 30s);
-
-    // Sends SIGTERM and waits; returns the exit status, -1 on time-out.
-    int Stop(std::chrono::milliseconds timeout = 60s);
-    // Waits for the sandbox to exit by itself; returns its status, -1 on time-out.
-    int WaitExit(std::chrono::milliseconds timeout);
-
-    // Runs a command inside (--enter); returns its exit status and, when
-    // asked, its standard output. A detached command is left running.
-    int Enter(const std::vector<std::string>& command, std::string* output = nullptr, bool detach = false) const;
-
-    // sandbox.env as a map.
-    std::map<std::string, std::string> Env() const;
-    const std::string& StateDir() const { return state_; }
-    std::string LogPath() const { return state_ + "/var/log/orv/system.log"; }
+    bool Boot(const std::vector<std::string>& args, std::chrono::milliseconds timeout = 30s) {
+        return SandboxClient::Boot(args, timeout);
+    }
     LogCapture Log() const { return LogCapture(LogPath(), true); }
-    std::string ControlSocket() const { return state_ + "/run/orv-card/control.sock"; }
-    // The PID namespace's identity (readlink of ns/pid), while it runs.
-    const std::string& PidNamespace() const { return pidNamespace_; }
-
-private:
-    std::string state_;
-    pid_t pid_ = -1;
-    int exitStatus_ = -1;
-    std::string pidNamespace_;
 };
 
-// Processes (outer pids) that live in the PID namespace `ns`.
-std::vector<pid_t> ProcessesInNamespace(const std::string& ns);
-
-// Runs a program to its end; its exit status, and its standard output (and
-// error, merged) when asked. `input` goes to its standard input.
-int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr, const std::string& input = "");
+using emu::DescriptorCount;
+using emu::ProcessesInNamespace;
+using emu::RunProgram;
+using emu::StandinRecord;
+using emu::ThreadCount;
 
 // orv-host and orv-emu-ctl against a sandbox.
 int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr,
          const std::string& input = "");
 int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr);
 
-// What a sub-process stand-in recorded (run/orv-stub/<pid>.txt).
-struct StandinRecord {
-    pid_t pid = 0;  // inside the sandbox
-    uint32_t kind = 0;
-    std::vector<std::string> argv;
-    std::vector<std::string> env;
-    std::vector<int> affinity;
-    std::vector<std::string> groups;  // "NAME PERMISSIONS"
-    std::vector<std::string> notes;   // everything it noted afterwards, in order
-    bool Has(const std::string& prefix) const;
-    size_t Count(const std::string& prefix) const;
-};
 std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox);
 std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind);
 
-// Threads and open descriptors of a process (outer pid).
-size_t ThreadCount(pid_t pid);
-size_t DescriptorCount(pid_t pid);
-
 // The daemon's outer pid from sandbox.env.
-pid_t DaemonPid(const SandboxRun& sandbox);
+inline pid_t DaemonPid(const SandboxRun& sandbox) {
+    return sandbox.DaemonPid();
+}
 
 }  // namespace orv::test
 
