@@ -24,7 +24,7 @@ test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(TEST_JOBS)
 
 demo: build
-	@tools/demo.sh $(BUILD_DIR)
+	@$(BUILD_DIR)/bin/orv-demo
 
 emulate: build
 	@tools/emulate.sh $(BUILD_DIR)

@@ -8,7 +8,10 @@
 namespace orv::emu {
 
 namespace {
-constexpr size_t kMaxIdle = 16;
+// Connections kept for the next call. More than one would let a burst of
+// concurrent calls leave descriptors behind; threads that call at once get
+// connections of their own for the call's duration.
+constexpr size_t kMaxIdle = 1;
 }  // namespace
 
 CardClient& CardClient::Instance() {
