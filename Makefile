@@ -7,7 +7,7 @@ CMAKE_FLAGS ?=
 # The tests mostly wait on the daemon's fixed periods, so they run wide.
 TEST_JOBS ?= 8
 
-.PHONY: all build deps test demo emulate clean
+.PHONY: all build deps test demo emulate bench clean
 
 all: build
 
@@ -25,6 +25,9 @@ test: build
 
 demo: build
 	@$(BUILD_DIR)/bin/orv-demo
+
+bench: build
+	@$(BUILD_DIR)/bin/orv-bench all
 
 emulate: build
 	@tools/emulate.sh $(BUILD_DIR)

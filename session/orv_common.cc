@@ -1,5 +1,7 @@
 #include "session/orv_common.h"
 
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,6 +71,32 @@ std::vector<char*> CStrings(const std::vector<std::string>& strings) {
     out.push_back(nullptr);
     return out;
 }
+
+// Pauses between polls for a child's exit that end as soon as it exits,
+// where the kernel can say so (a pidfd); plain pauses elsewhere.
+class ExitWatch {
+public:
+    explicit ExitWatch(pid_t pid) : fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
+    ~ExitWatch() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    ExitWatch(const ExitWatch&) = delete;
+    ExitWatch& operator=(const ExitWatch&) = delete;
+
+    void Pause(uint32_t ms) const {
+        if (fd_ < 0) {
+            mmSleep(ms);
+            return;
+        }
+        pollfd pfd{fd_, POLLIN, 0};
+        (void)poll(&pfd, 1, static_cast<int>(ms));
+    }
+
+private:
+    const int fd_;
+};
 
 std::string ThreadIdText(const std::thread& thread) {
     std::ostringstream text;
@@ -853,6 +881,8 @@ uint32_t OrvImpl::CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type) {
     if (subPid == 0) {
         return 0;
     }
+    // Each pause between polls ends early when the child exits.
+    ExitWatch exitWatch(static_cast<pid_t>(subPid));
     for (uint32_t tryTimes = 0; tryTimes < kExitPolls; ++tryTimes) {
         int status = 0;
         pid_t ret = waitpid(static_cast<pid_t>(subPid), &status, WNOHANG);
@@ -868,7 +898,7 @@ uint32_t OrvImpl::CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type) {
                     deviceIdInOs_, tryTimes);
             return 0;
         }
-        mmSleep(kExitPollMs);
+        exitWatch.Pause(kExitPollMs);
     }
     ORV_LOG(ORV_ERROR, "[OrvDaemon] subProcessPid[%u] exit failed on device index in os[%u], need to be killed", subPid,
             deviceIdInOs_);

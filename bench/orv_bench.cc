@@ -1,0 +1,498 @@
+// orv-bench: measures the daemon on the emulated card, each figure against a
+// baseline taken in the same run.
+//
+//   orv-bench latency [--sessions N]     start and close latency against the
+//                                        floor of a bare fork + exec + handshake
+//   orv-bench concurrent [--per-device N] N hosts per device starting at once
+//   orv-bench package [--runs N]         package install against tar + signature check
+//   orv-bench resources                  RSS and threads, idle and under load
+//   orv-bench log-rate                   log statements per second
+//   orv-bench all                        all of the above
+//
+// `orv-bench floor` is the baseline's own half: it runs inside the sandbox.
+#include <dlfcn.h>
+#include <limits.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <driver_hal.h>
+#include <img_verify.h>
+
+#include "emu/host/host_link.h"
+#include "emu/sandbox/sandbox_client.h"
+#include "emu/slog/slog_emu.h"
+#include "event/orv_event_interface.h"
+#include "platform/log.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using orv::HDCMessage;
+using orv::emu::SandboxClient;
+using orv::host::HostLink;
+using orv::host::Received;
+using Clock = std::chrono::steady_clock;
+
+std::string g_binDir;
+
+double Micros(Clock::duration d) {
+    return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double Percentile(std::vector<double> samples, double p) {
+    if (samples.empty()) {
+        return 0;
+    }
+    std::sort(samples.begin(), samples.end());
+    size_t index = static_cast<size_t>(p * static_cast<double>(samples.size() - 1) + 0.5);
+    return samples[std::min(index, samples.size() - 1)];
+}
+
+void Report(const std::string& what, const std::vector<double>& micros) {
+    std::printf("  %-52s p50 %9.1f us   p99 %9.1f us   (n=%zu)\n", what.c_str(), Percentile(micros, 0.5),
+                Percentile(micros, 0.99), micros.size());
+}
+
+std::string MakeState(const std::string& name) {
+    std::string dir = "/tmp/orv-bench-" + name + "." + std::to_string(getpid());
+    orv::emu::RunProgram({"/bin/rm", "-rf", dir});
+    orv::emu::RunProgram({"/bin/mkdir", "-p", dir});
+    return dir;
+}
+
+std::unique_ptr<HostLink> Connect(SandboxClient& sandbox, uint32_t device) {
+    std::string error;
+    auto link = HostLink::Connect(sandbox.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
+    if (link == nullptr) {
+        std::fprintf(stderr, "orv-bench: %s\n", error.c_str());
+    }
+    return link;
+}
+
+// Sends a request and waits for its reply; the reply's code, or -1.
+int Ask(HostLink& link, HDCMessage::MsgType type, uint32_t device, uint32_t hostPid, bool zarn,
+        HDCMessage::MsgType replyType, std::chrono::milliseconds timeout = 30s) {
+    HDCMessage request;
+    request.set_type(type);
+    request.set_device_id(device);
+    request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+    request.set_start_cp(true);
+    request.set_start_zarn(zarn);
+    if (!link.Send(request)) {
+        return -1;
+    }
+    HDCMessage reply;
+    auto deadline = Clock::now() + timeout;
+    while (Clock::now() < deadline) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (link.Next(&reply, left) != Received::kMessage) {
+            return -1;
+        }
+        if (reply.type() == replyType) {
+            return static_cast<int>(reply.orv_rsp_code());
+        }
+    }
+    return -1;
+}
+
+// ---- The floor, run inside the sandbox -------------------------------------------
+
+// Forks and executes the compute stand-in and waits for its start report, as
+// the daemon does minus everything else; then closes it the same way.
+int RunFloor(int count) {
+    if (halEschedAttachDevice(0) != DRV_ERROR_NONE || halEschedCreateGrp(0, 0, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
+        halEschedSubscribeEvent(0, 0, 0, 1ULL << EVENT_CCPU_CTRL_MSG) != DRV_ERROR_NONE) {
+        std::fprintf(stderr, "orv-bench floor: event scheduler set-up failed\n");
+        return 1;
+    }
+    signal(SIGCHLD, SIG_DFL);
+    for (int i = 0; i < count; ++i) {
+        std::string pidArg = "--pid=" + std::to_string(900000 + i);
+        auto started = Clock::now();
+        pid_t child = fork();
+        if (child == 0) {
+            char* const argv[] = {const_cast<char*>("aicpu_runner"), const_cast<char*>("--deviceId=0"),
+                                  const_cast<char*>(pidArg.c_str()), const_cast<char*>("--vfId=0"), nullptr};
+            char* const envp[] = {nullptr};
+            execve("/var/aicpu_runner", argv, envp);
+            _exit(127);
+        }
+        event_info event;
+        bool reported = false;
+        while (!reported && halEschedWaitEvent(0, 0, 0, 10000, &event) == DRV_ERROR_NONE) {
+            reported = event.subevent_id == orv::ORV_SUB_EVENT_START && event.src_pid == child;
+        }
+        auto handshaken = Clock::now();
+        orv::OrvSubEventInfo close;
+        std::memset(&close, 0, sizeof(close));
+        close.srcPid = static_cast<uint32_t>(getpid());
+        close.dstPid = static_cast<uint32_t>(child);
+        close.procType = 1;
+        close.eventType = orv::ORV_SUB_EVENT_CLOSE_REQ;
+        event_summary summary{};
+        summary.dst_pid = child;
+        summary.grp_id = 30;
+        summary.event_id = EVENT_CCPU_CTRL_MSG;
+        summary.subevent_id = orv::ORV_SUB_EVENT_CLOSE_REQ;
+        summary.msg = reinterpret_cast<const char*>(&close);
+        summary.msg_len = sizeof(close);
+        auto closing = Clock::now();
+        halEschedSubmitEvent(0, &summary);
+        while (halEschedWaitEvent(0, 0, 0, 10000, &event) == DRV_ERROR_NONE &&
+               !(event.subevent_id == orv::ORV_SUB_EVENT_CLOSE && event.src_pid == child)) {
+        }
+        waitpid(child, nullptr, 0);
+        auto closed = Clock::now();
+        std::printf("%.1f %.1f\n", reported ? Micros(handshaken - started) : -1.0, Micros(closed - closing));
+    }
+    return 0;
+}
+
+// ---- Latency ----------------------------------------------------------------------
+
+int Latency(int sessions) {
+    std::printf("\nStart and close latency (%d sessions, compute + collective service, device 0)\n", sessions);
+    SandboxClient sandbox(g_binDir, MakeState("latency"));
+    if (!sandbox.Boot({}, 30s)) {
+        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+        return 1;
+    }
+    std::string output;
+    sandbox.Enter({g_binDir + "/orv-bench", "floor", std::to_string(sessions)}, &output);
+    std::vector<double> floorStart;
+    std::vector<double> floorClose;
+    std::istringstream lines(output);
+    for (double start, close; lines >> start >> close;) {
+        if (start >= 0) {
+            floorStart.push_back(start);
+            floorClose.push_back(close);
+        }
+    }
+    std::vector<double> start;
+    std::vector<double> close;
+    int failures = 0;
+    for (int i = 0; i < sessions; ++i) {
+        std::unique_ptr<HostLink> link = Connect(sandbox, 0);
+        if (link == nullptr) {
+            return 1;
+        }
+        uint32_t hostPid = 10000 + static_cast<uint32_t>(i);
+        auto t0 = Clock::now();
+        int code = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 0, hostPid, true, HDCMessage::ORV_START_PROC_RSP);
+        auto t1 = Clock::now();
+        int closed = Ask(*link, HDCMessage::ORV_CLOSE_PROC_MSG, 0, hostPid, false, HDCMessage::ORV_CLOSE_PROC_RSP);
+        auto t2 = Clock::now();
+        if (code != 0 || closed != 0) {
+            ++failures;
+            continue;
+        }
+        start.push_back(Micros(t1 - t0));
+        close.push_back(Micros(t2 - t1));
+    }
+    sandbox.Stop();
+    Report("floor: fork + exec + start handshake of one stand-in", floorStart);
+    Report("floor: close request to exit of one stand-in", floorClose);
+    Report("daemon start (request -> type-8 reply)", start);
+    Report("daemon close (request -> type-9 reply)", close);
+    double ratio = Percentile(start, 0.5) / std::max(1.0, Percentile(floorStart, 0.5));
+    std::printf("  start p50 / floor p50 = %.2fx (target: within 3x); close p50 = %.2f ms (target: under 5 ms)%s\n",
+                ratio, Percentile(close, 0.5) / 1000.0, failures != 0 ? "; FAILED SESSIONS" : "");
+    return failures == 0 ? 0 : 1;
+}
+
+// ---- Concurrency ----------------------------------------------------------------------
+
+struct ResourceSample {
+    size_t threads = 0;
+    size_t rssKb = 0;
+};
+
+ResourceSample Sample(pid_t pid) {
+    ResourceSample sample;
+    sample.threads = orv::emu::ThreadCount(pid);
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) {
+            sample.rssKb = std::stoul(line.substr(6));
+        }
+    }
+    return sample;
+}
+
+int Concurrent(int perDevice, bool reportResources) {
+    uint32_t devices = std::max(1u, std::min(4u, std::thread::hardware_concurrency()));
+    std::printf("\n%d host processes on each of %u device(s) starting at once (compute + collective service)\n",
+                perDevice, devices);
+    SandboxClient sandbox(g_binDir, MakeState("concurrent"));
+    if (!sandbox.Boot({"--devices", std::to_string(devices)}, 30s)) {
+        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+        return 1;
+    }
+    pid_t daemon = sandbox.DaemonPid();
+    std::this_thread::sleep_for(500ms);
+    ResourceSample idle = Sample(daemon);
+    int hosts = perDevice * static_cast<int>(devices);
+    std::vector<std::unique_ptr<HostLink>> links(static_cast<size_t>(hosts));
+    std::vector<double> latency(static_cast<size_t>(hosts), -1);
+    std::atomic<int> answered{0};
+    std::atomic<bool> sampling{true};
+    ResourceSample peak;
+    std::thread sampler([&] {
+        while (sampling) {
+            ResourceSample now = Sample(daemon);
+            peak.threads = std::max(peak.threads, now.threads);
+            peak.rssKb = std::max(peak.rssKb, now.rssKb);
+            std::this_thread::sleep_for(5ms);
+        }
+    });
+    auto t0 = Clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < hosts; ++i) {
+        threads.emplace_back([&, i] {
+            uint32_t device = static_cast<uint32_t>(i) % devices;
+            links[static_cast<size_t>(i)] = Connect(sandbox, device);
+            auto start = Clock::now();
+            if (links[static_cast<size_t>(i)] != nullptr &&
+                Ask(*links[static_cast<size_t>(i)], HDCMessage::ORV_START_PROC_MSG, device,
+                    20000 + static_cast<uint32_t>(i), true, HDCMessage::ORV_START_PROC_RSP, 60s) == 0) {
+                latency[static_cast<size_t>(i)] = Micros(Clock::now() - start);
+                ++answered;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    double all = Micros(Clock::now() - t0);
+    sampling = false;
+    sampler.join();
+    threads.clear();
+    for (int i = 0; i < hosts; ++i) {
+        threads.emplace_back([&, i] {
+            if (links[static_cast<size_t>(i)] != nullptr) {
+                Ask(*links[static_cast<size_t>(i)], HDCMessage::ORV_CLOSE_PROC_MSG, static_cast<uint32_t>(i) % devices,
+                    20000 + static_cast<uint32_t>(i), false, HDCMessage::ORV_CLOSE_PROC_RSP, 60s);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    links.clear();
+    auto settle = Clock::now() + 30s;
+    while (Sample(daemon).threads > idle.threads && Clock::now() < settle) {
+        std::this_thread::sleep_for(50ms);
+    }
+    ResourceSample after = Sample(daemon);
+    std::vector<double> answeredLatency;
+    for (double l : latency) {
+        if (l >= 0) {
+            answeredLatency.push_back(l);
+        }
+    }
+    std::printf("  answered %d of %d in %.1f ms\n", answered.load(), hosts, all / 1000.0);
+    Report("start latency under that load", answeredLatency);
+    std::printf("  daemon threads: idle %zu, peak %zu, after closing %zu (%s)\n", idle.threads, peak.threads,
+                after.threads, after.threads <= idle.threads ? "back to idle" : "NOT back to idle");
+    if (reportResources) {
+        std::printf("\nResources of the daemon\n");
+        std::printf("  idle:        RSS %6zu KiB, %3zu threads\n", idle.rssKb, idle.threads);
+        std::printf("  under load:  RSS %6zu KiB, %3zu threads (peak while %d hosts started)\n", peak.rssKb,
+                    peak.threads, hosts);
+        std::printf("  afterwards:  RSS %6zu KiB, %3zu threads\n", after.rssKb, after.threads);
+    }
+    sandbox.Stop();
+    return answered == hosts && after.threads <= idle.threads ? 0 : 1;
+}
+
+// ---- Packages ---------------------------------------------------------------------------
+
+int32_t VerifyWithLibrary(const std::string& path) {
+    static void* library = dlopen((g_binDir + "/../lib/liborv_emu_imgverify.so").c_str(), RTLD_NOW);
+    static auto verify =
+        library != nullptr ? reinterpret_cast<HalVerifyImgFunc>(dlsym(library, IMG_VERIFY_SYMBOL)) : nullptr;
+    return verify != nullptr ? verify(0, 0, path.c_str(), 1) : -1;
+}
+
+uint32_t QueryCheckCode(SandboxClient& sandbox) {
+    std::unique_ptr<HostLink> link = Connect(sandbox, 0);
+    if (link == nullptr) {
+        return 0;
+    }
+    HDCMessage request;
+    request.set_type(HDCMessage::ORV_CHECK_PACKAGE);
+    HDCMessage reply;
+    if (!link->Send(request) || link->Next(&reply, 5s) != Received::kMessage) {
+        return 0;
+    }
+    return reply.check_code();
+}
+
+bool CopyInto(const std::string& from, const std::string& to) {
+    std::ifstream in(from, std::ios::binary);
+    std::ofstream out(to, std::ios::binary | std::ios::trunc);
+    out << in.rdbuf();
+    out.close();  // the close after writing is what the watcher reacts to
+    return static_cast<bool>(out);
+}
+
+int Packages(int runs) {
+    std::printf("\nPackage install: close in the trusted directory -> check code published, against\n"
+                "tar -xzf of the same package plus its signature check\n");
+    SandboxClient sandbox(g_binDir, MakeState("package"));
+    if (!sandbox.Boot({}, 30s)) {
+        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+        return 1;
+    }
+    std::string work = sandbox.StateDir() + ".work";
+    orv::emu::RunProgram({"/bin/mkdir", "-p", work});
+    std::string trusted = sandbox.Env()["ORV_TRUSTED_DIR_0"];
+    int status = 0;
+    struct Size {
+        const char* label;
+        size_t pad;
+        int runs;
+    };
+    for (const Size& size : {Size{"small package", 0, runs * 4}, Size{"50 MB package", 50u << 20, runs}}) {
+        // Two packages of different sizes, so that each install changes the check code.
+        std::string packages[2];
+        for (int v = 0; v < 2; ++v) {
+            packages[v] = work + "/v" + std::to_string(v) + "/3_Velkan512-aicpu_syskernels.tar.gz";
+            orv::emu::RunProgram({"/bin/mkdir", "-p", work + "/v" + std::to_string(v)});
+            orv::emu::RunProgram({g_binDir + "/orv-emu-mkpkg", "--out", packages[v], "--pad-bytes",
+                                  std::to_string(size.pad + static_cast<size_t>(v) * 4096)});
+        }
+        std::vector<double> daemon;
+        std::vector<double> baseline;
+        for (int i = 0; i < size.runs; ++i) {
+            const std::string& package = packages[i % 2];
+            std::ifstream in(package, std::ios::binary | std::ios::ate);
+            uint32_t code = static_cast<uint32_t>(in.tellg());
+            std::string target = trusted + "/3_Velkan512-aicpu_syskernels.tar.gz";
+            // Copy under another name first, so that only the final close counts.
+            std::string staged = trusted + "/staged.tmp";
+            CopyInto(package, staged);
+            auto t0 = Clock::now();
+            rename(staged.c_str(), target.c_str());
+            // A rename is no close after writing: touch the file with one to start the install.
+            { std::ofstream(target, std::ios::binary | std::ios::app).close(); }
+            while (QueryCheckCode(sandbox) != code && Clock::now() - t0 < 60s) {
+                std::this_thread::sleep_for(1ms);
+            }
+            daemon.push_back(Micros(Clock::now() - t0));
+
+            std::string scratch = work + "/unpack";
+            orv::emu::RunProgram({"/bin/rm", "-rf", scratch});
+            orv::emu::RunProgram({"/bin/mkdir", "-p", scratch});
+            auto b0 = Clock::now();
+            bool verified = VerifyWithLibrary(package) == 0;
+            int untarred = orv::emu::RunProgram({"/bin/tar", "-xzf", package, "-C", scratch});
+            baseline.push_back(Micros(Clock::now() - b0));
+            if (!verified || untarred != 0) {
+                status = 1;
+            }
+        }
+        Report(std::string(size.label) + ": daemon install", daemon);
+        Report(std::string(size.label) + ": tar -xzf + signature check", baseline);
+        std::printf("  %s: daemon p50 / baseline p50 = %.2fx%s\n", size.label,
+                    Percentile(daemon, 0.5) / std::max(1.0, Percentile(baseline, 0.5)),
+                    size.pad != 0 ? " (target: within 1.3x)" : "");
+    }
+    sandbox.Stop();
+    orv::emu::RunProgram({"/bin/rm", "-rf", work});
+    return status;
+}
+
+// ---- Logging --------------------------------------------------------------------------
+
+int LogRate() {
+    std::printf("\nLog statements per second (one thread, into a file)\n");
+    std::string dir = MakeState("log");
+    setenv("ORV_EMU_LOG_FILE", (dir + "/system.log").c_str(), 1);
+    setenv("ORV_EMU_LOG_LEVEL", "info", 1);
+    OrvEmuSlogReconfigure();
+    struct Kind {
+        const char* label;
+        uint32_t level;
+    };
+    for (const Kind& kind : {Kind{"written (info)", orv::ORV_INFO}, Kind{"gated off (debug)", orv::ORV_DEBUG},
+                             Kind{"error (kept for the host too)", orv::ORV_ERROR}}) {
+        const int count = 100000;
+        auto t0 = Clock::now();
+        for (int i = 0; i < count; ++i) {
+            orv::ORVLog::GetInstance().OrvImplLog("LogRate", "orv_bench.cc", 1, orv::Log{kind.level},
+                                                  "[OrvDaemon] statement %d of %s", i, kind.label);
+        }
+        double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+        std::printf("  %-32s %10.0f statements/s\n", kind.label, count / seconds);
+    }
+    (void)orv::ORVLog::GetInstance().GetErrorMsg();
+    orv::emu::RunProgram({"/bin/rm", "-rf", dir});
+    return 0;
+}
+
+std::string SelfDir() {
+    char path[PATH_MAX] = {0};
+    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    std::string self = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string(".");
+    return self.substr(0, self.find_last_of('/'));
+}
+
+int Option(int argc, char** argv, const char* name, int fallback) {
+    for (int i = 2; i + 1 < argc; ++i) {
+        if (std::strcmp(argv[i], name) == 0) {
+            return std::atoi(argv[i + 1]);
+        }
+    }
+    return fallback;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    g_binDir = SelfDir();
+    std::string command = argc > 1 ? argv[1] : "all";
+    if (command == "floor") {
+        return RunFloor(argc > 2 ? std::atoi(argv[2]) : 200);
+    }
+    if (command == "latency") {
+        return Latency(Option(argc, argv, "--sessions", 200));
+    }
+    if (command == "concurrent") {
+        return Concurrent(Option(argc, argv, "--per-device", 32), false);
+    }
+    if (command == "resources") {
+        return Concurrent(Option(argc, argv, "--per-device", 32), true);
+    }
+    if (command == "package") {
+        return Packages(Option(argc, argv, "--runs", 5));
+    }
+    if (command == "log-rate") {
+        return LogRate();
+    }
+    if (command == "all") {
+        int status = 0;
+        status |= Latency(200);
+        status |= Concurrent(32, true);
+        status |= Packages(5);
+        status |= LogRate();
+        return status;
+    }
+    std::fprintf(stderr, "usage: orv-bench [latency|concurrent|resources|package|log-rate|all]\n");
+    return 2;
+}
