@@ -54,7 +54,6 @@ constexpr int32_t kChipZeb = 2;
 constexpr uint32_t kGroupEntrySize = 36;
 constexpr uint32_t kGroupEntryMax = 1024;
 constexpr uint32_t kGroupQueryProcess = 1;
-constexpr uint32_t kAllGroupPermissions = 15;
 constexpr uint32_t kProfilingMsgLength = 16;
 constexpr uint32_t kSoLoadMsgOffset = 32;
 constexpr uint32_t kSoLoadMsgLength = 96;

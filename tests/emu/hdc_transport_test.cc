@@ -132,7 +132,7 @@ TEST_F(HdcTransportTest, ASessionWithoutRequestsReportsItsServersDeviceAndZeros)
     auto link = Connect(1);
     link->Drop();
     ASSERT_TRUE(test::WaitFor([] { return CountOf(HDCMessage::SOCKET_CLOSED) == 1; }, 5s));
-    const HDCMessage& closed = Deliveries()[0].msg;
+    const HDCMessage closed = Deliveries()[0].msg;
     EXPECT_EQ(closed.device_id(), 1u);
     EXPECT_EQ(closed.vf_id(), 0);
     EXPECT_EQ(closed.proc_sign_pid().proc_pid(), 0u);
