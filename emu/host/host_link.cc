@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -62,6 +63,18 @@ Received HostLink::Next(HDCMessage* msg, std::chrono::milliseconds timeout) {
         default:
             fd_.Reset();
             return Received::kError;
+    }
+}
+
+Received HostLink::Await(HDCMessage::MsgType type, HDCMessage* msg, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        Received received = Next(msg, std::max(left, std::chrono::milliseconds(0)));
+        if (received != Received::kMessage || msg->type() == type) {
+            return received;
+        }
     }
 }
 

@@ -35,6 +35,9 @@ public:
 
     // The next message, waiting up to `timeout`.
     Received Next(HDCMessage* msg, std::chrono::milliseconds timeout);
+    // The next message of `type`, passing over others, waiting up to `timeout`
+    // in all: kMessage once it came.
+    Received Await(HDCMessage::MsgType type, HDCMessage* msg, std::chrono::milliseconds timeout);
 
     // Closes the link at once, whatever is in flight.
     void Drop();

@@ -279,12 +279,48 @@ std::vector<pid_t> ProcessesInNamespace(const std::string& ns) {
     return pids;
 }
 
+std::vector<SandboxProcess> ProcessStates(const std::string& ns) {
+    std::vector<SandboxProcess> processes;
+    for (pid_t pid : ProcessesInNamespace(ns)) {
+        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+        SandboxProcess process;
+        process.outer = pid;
+        bool complete = false;
+        for (std::string line; std::getline(status, line);) {
+            if (line.compare(0, 6, "State:") == 0) {
+                std::istringstream(line.substr(6)) >> process.state;
+            } else if (line.compare(0, 6, "NSpid:") == 0) {
+                // Outermost first, the sandbox's own last.
+                std::istringstream ids(line.substr(6));
+                for (pid_t id; ids >> id;) {
+                    process.inner = id;
+                }
+                complete = true;
+            }
+        }
+        if (complete) {
+            processes.push_back(process);
+        }
+    }
+    return processes;
+}
+
 size_t ThreadCount(pid_t pid) {
     return EntriesIn("/proc/" + std::to_string(pid) + "/task");
 }
 
 size_t DescriptorCount(pid_t pid) {
     return EntriesIn("/proc/" + std::to_string(pid) + "/fd");
+}
+
+size_t ResidentKb(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) {
+            return std::stoul(line.substr(6));
+        }
+    }
+    return 0;
 }
 
 }  // namespace orv::emu

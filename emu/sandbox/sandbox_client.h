@@ -79,9 +79,22 @@ std::vector<StandinRecord> ReadStandinRecords(const std::string& stateDir);
 // Processes (outer pids) that live in the PID namespace `ns`.
 std::vector<pid_t> ProcessesInNamespace(const std::string& ns);
 
-// Threads and open descriptors of a process.
+// A process of a sandbox: its pid outside and inside, and its state letter
+// (R, S, Z, ...).
+struct SandboxProcess {
+    pid_t outer = 0;
+    pid_t inner = 0;
+    char state = '?';
+};
+// The processes of PID namespace `ns`, read from /proc; those that end while
+// it reads are left out.
+std::vector<SandboxProcess> ProcessStates(const std::string& ns);
+
+// Threads, open descriptors and resident memory (KiB) of a process; 0 when it
+// is gone.
 size_t ThreadCount(pid_t pid);
 size_t DescriptorCount(pid_t pid);
+size_t ResidentKb(pid_t pid);
 
 }  // namespace orv::emu
 

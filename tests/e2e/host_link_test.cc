@@ -150,6 +150,9 @@ TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
         "sleep 300\n"
         "send owner profiling --pid 300 --profiling 6\n"
         "expect owner 31 --code 0\n"
+        // The reply means the record was sent; the compute process notes it
+        // when it reads it, and the drop below kills it outright.
+        "sleep 1000\n"
         "drop owner\n"
         "sleep 500\n"
         "open late\n"

@@ -1,0 +1,503 @@
+// orv-soak: a long run of start/close cycles from several host processes at
+// once on a two-device card, with sub-process crashes and dropped links mixed
+// in. Afterwards the daemon must be back where it was at rest: its threads,
+// descriptors and memory, no session left in its registry, and no zombie or
+// stray sub-process in the sandbox. Exits non-zero when any cycle went wrong
+// or anything leaked.
+//
+//   orv-soak [--cycles 1000] [--hosts 6] [--devices 2] [--limit 16] [--seed 1]
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits.h>
+#include <mutex>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "emu/host/host_link.h"
+#include "emu/sandbox/sandbox_client.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using orv::HDCMessage;
+using orv::emu::SandboxClient;
+using orv::host::HostLink;
+using orv::host::Received;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kReplyTimeout = 30s;
+// Crash detection runs on the daemon's one-second monitor tick.
+constexpr auto kCrashNoticeTimeout = 15s;
+constexpr uint32_t kFirstSoakHostPid = 100000;
+constexpr uint32_t kFirstLimitHostPid = 900000;
+constexpr size_t kMaxReportedFailures = 20;
+// Memory the daemon may keep after the run beyond its level at rest (the
+// allocator keeps some of what the peak used): a quarter, and at least 4 MiB.
+constexpr double kRssGrowthFraction = 0.25;
+constexpr size_t kRssGrowthFloorKb = 4096;
+
+enum class Cycle { kClose, kDropMidStart, kDropAfterStart, kCrashCollective, kCrashCompute };
+
+const char* CycleName(Cycle cycle) {
+    switch (cycle) {
+        case Cycle::kClose:
+            return "start and close";
+        case Cycle::kDropMidStart:
+            return "link dropped mid-start";
+        case Cycle::kDropAfterStart:
+            return "link dropped after start";
+        case Cycle::kCrashCollective:
+            return "collective service killed";
+        case Cycle::kCrashCompute:
+            return "compute process killed";
+    }
+    return "?";
+}
+
+constexpr Cycle kAllCycles[] = {Cycle::kClose, Cycle::kDropMidStart, Cycle::kDropAfterStart, Cycle::kCrashCollective,
+                                Cycle::kCrashCompute};
+
+// Seven cycles in ten start and close; the rest drop their link or lose a
+// sub-process. Fixed by the cycle's number and the seed, so a failing run can
+// be repeated.
+Cycle CycleOf(uint32_t index, uint32_t seed) {
+    std::mt19937 rng(seed * 1000003u + index);
+    switch (rng() % 20) {
+        case 0:
+        case 1:
+            return Cycle::kDropMidStart;
+        case 2:
+            return Cycle::kDropAfterStart;
+        case 3:
+        case 4:
+            return Cycle::kCrashCollective;
+        case 5:
+            return Cycle::kCrashCompute;
+        default:
+            return Cycle::kClose;
+    }
+}
+
+struct Options {
+    uint32_t cycles = 1000;
+    uint32_t hosts = 6;
+    uint32_t devices = 2;
+    uint32_t limit = 16;
+    uint32_t seed = 1;
+};
+
+struct Levels {
+    size_t threads = 0;
+    size_t descriptors = 0;
+    size_t rssKb = 0;
+    size_t processes = 0;
+};
+
+class Soak {
+public:
+    Soak(const std::string& binDir, Options options)
+        : options_(options), sandbox_(binDir, "/tmp/orv-soak." + std::to_string(getpid())) {}
+
+    int Run();
+
+private:
+    bool Boot();
+    Levels Measure() const;
+    bool RunCycle(uint32_t index, Cycle cycle, std::string* why);
+    bool KillSubProcess(uint32_t hostPid, const std::string& program, std::string* why) const;
+    void Worker();
+    bool StandinsGone() const;
+    bool Settle(const Levels& rest, Levels* now) const;
+    bool CheckNoSessionLeft(uint32_t device, std::string* why);
+    void Failure(const std::string& text);
+
+    const Options options_;
+    SandboxClient sandbox_;
+    std::vector<std::string> sockets_;
+    pid_t daemon_ = -1;
+
+    std::atomic<uint32_t> next_{0};
+    std::atomic<uint32_t> done_{0};
+    std::atomic<uint32_t> counts_[5] = {};
+    std::atomic<uint32_t> failed_{0};
+    std::mutex failuresMutex_;
+    std::vector<std::string> failures_;
+    size_t peakThreads_ = 0;
+    size_t peakRssKb_ = 0;
+};
+
+void Soak::Failure(const std::string& text) {
+    failed_.fetch_add(1);
+    std::lock_guard<std::mutex> lock(failuresMutex_);
+    if (failures_.size() < kMaxReportedFailures) {
+        failures_.push_back(text);
+        std::fprintf(stderr, "orv-soak: %s\n", text.c_str());
+    }
+}
+
+bool Soak::Boot() {
+    std::vector<std::string> args = {"--devices", std::to_string(options_.devices), "--env",
+                                     "AICPU_MAX_NUM=" + std::to_string(options_.limit)};
+    if (!sandbox_.Boot(args, 60s)) {
+        std::fprintf(stderr, "orv-soak: the sandbox did not boot; see %s.out\n", sandbox_.StateDir().c_str());
+        return false;
+    }
+    auto env = sandbox_.Env();
+    for (uint32_t device = 0; device < options_.devices; ++device) {
+        sockets_.push_back(env["ORV_HDC_SOCKET_" + std::to_string(device)]);
+    }
+    daemon_ = sandbox_.DaemonPid();
+    return daemon_ > 0;
+}
+
+Levels Soak::Measure() const {
+    Levels levels;
+    levels.threads = orv::emu::ThreadCount(daemon_);
+    levels.descriptors = orv::emu::DescriptorCount(daemon_);
+    levels.rssKb = orv::emu::ResidentKb(daemon_);
+    levels.processes = orv::emu::ProcessStates(sandbox_.PidNamespace()).size();
+    return levels;
+}
+
+// Kills, from outside, the sub-process `program` that the daemon started for
+// `hostPid`, as a crash would end it.
+bool Soak::KillSubProcess(uint32_t hostPid, const std::string& program, std::string* why) const {
+    const std::string pidArg = "--pid=" + std::to_string(hostPid);
+    pid_t inner = 0;
+    for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
+        if (!record.argv.empty() && record.argv[0] == program &&
+            std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end()) {
+            inner = record.pid;
+        }
+    }
+    for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
+        if (inner != 0 && process.inner == inner && process.state != 'Z') {
+            return ::kill(process.outer, SIGKILL) == 0;
+        }
+    }
+    *why = program + " of host " + std::to_string(hostPid) + " not found running";
+    return false;
+}
+
+bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
+    const uint32_t device = index % options_.devices;
+    const uint32_t hostPid = kFirstSoakHostPid + index;
+    std::string error;
+    std::unique_ptr<HostLink> link = HostLink::Connect(sockets_[device], &error);
+    if (link == nullptr) {
+        *why = "connect: " + error;
+        return false;
+    }
+    HDCMessage request;
+    request.set_type(HDCMessage::ORV_START_PROC_MSG);
+    request.set_device_id(device);
+    request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+    request.set_start_cp(true);
+    request.set_start_zarn(cycle == Cycle::kCrashCollective || index % 2 == 0);
+    if (!link->Send(request)) {
+        *why = "start not sent";
+        return false;
+    }
+    if (cycle == Cycle::kDropMidStart) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(index % 7));
+        link->Drop();
+        return true;
+    }
+    HDCMessage reply;
+    if (link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage ||
+        reply.orv_rsp_code() != 0) {
+        *why = "start not answered with success";
+        return false;
+    }
+    switch (cycle) {
+        case Cycle::kDropAfterStart:
+            link->Drop();
+            return true;
+        case Cycle::kCrashCollective:
+        case Cycle::kCrashCompute: {
+            const char* program = cycle == Cycle::kCrashCollective ? "zarn_service.bin" : "aicpu_runner";
+            if (!KillSubProcess(hostPid, program, why)) {
+                return false;
+            }
+            // The daemon notices at its next monitor tick and drops the link.
+            if (link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kCrashNoticeTimeout) != Received::kClosed) {
+                *why = std::string("link not dropped after ") + program + " was killed";
+                return false;
+            }
+            return true;
+        }
+        default:
+            break;
+    }
+    request.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
+    if (!link->Send(request) ||
+        link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+        *why = "close not answered";
+        return false;
+    }
+    if (link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kClosed) {
+        *why = "link not ended after the close";
+        return false;
+    }
+    return true;
+}
+
+void Soak::Worker() {
+    for (uint32_t index = next_.fetch_add(1); index < options_.cycles; index = next_.fetch_add(1)) {
+        Cycle cycle = CycleOf(index, options_.seed);
+        std::string why;
+        if (!RunCycle(index, cycle, &why)) {
+            Failure("cycle " + std::to_string(index) + " (" + CycleName(cycle) + "): " + why);
+        }
+        counts_[static_cast<int>(cycle)].fetch_add(1);
+        done_.fetch_add(1);
+    }
+}
+
+// Waits up to 30 s for every sub-process the daemon started to end.
+bool Soak::StandinsGone() const {
+    auto deadline = Clock::now() + 30s;
+    for (;;) {
+        std::set<pid_t> standins;
+        for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
+            standins.insert(record.pid);
+        }
+        bool running = false;
+        for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
+            running = running || standins.count(process.inner) != 0;
+        }
+        if (!running || Clock::now() >= deadline) {
+            return !running;
+        }
+        std::this_thread::sleep_for(200ms);
+    }
+}
+
+// Waits for the daemon and the sandbox to come back to their levels at rest;
+// `now` gets the levels at the end of the wait.
+bool Soak::Settle(const Levels& rest, Levels* now) const {
+    auto deadline = Clock::now() + 30s;
+    for (;;) {
+        *now = Measure();
+        bool settled = now->threads <= rest.threads && now->descriptors <= rest.descriptors &&
+                       now->processes <= rest.processes;
+        if (settled || Clock::now() >= deadline) {
+            return settled;
+        }
+        std::this_thread::sleep_for(200ms);
+    }
+}
+
+// Fills device `device` up to the session limit with new hosts, then asks for
+// one more: it must be refused, and the refusal's list of live sessions must
+// hold exactly the new hosts. A session the run left behind would take a place.
+bool Soak::CheckNoSessionLeft(uint32_t device, std::string* why) {
+    std::vector<std::unique_ptr<HostLink>> links;
+    std::set<uint32_t> expected;
+    bool ok = true;
+    for (uint32_t i = 0; i <= options_.limit && ok; ++i) {
+        const uint32_t hostPid = kFirstLimitHostPid + device * 1000 + i;
+        std::string error;
+        links.push_back(HostLink::Connect(sockets_[device], &error));
+        HDCMessage request;
+        request.set_type(HDCMessage::ORV_START_PROC_MSG);
+        request.set_device_id(device);
+        request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+        request.set_start_cp(true);
+        HDCMessage reply;
+        if (links.back() == nullptr || !links.back()->Send(request) ||
+            links.back()->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+            *why = "no answer to host " + std::to_string(hostPid);
+            return false;
+        }
+        const bool last = i == options_.limit;
+        if ((reply.orv_rsp_code() == 0) == last) {
+            *why = last ? "a start beyond the session limit was accepted"
+                        : "host " + std::to_string(hostPid) + " refused below the session limit";
+            ok = false;
+        }
+        if (!last) {
+            expected.insert(hostPid);
+        }
+    }
+    if (!ok) {
+        return false;
+    }
+    // The refusal names the sessions that fill the device.
+    const std::string line = "reach max aicpu-runner per device " + std::to_string(options_.limit);
+    std::string log;
+    orv::emu::RunProgram({"/bin/grep", "-F", line, sandbox_.LogPath()}, &log);
+    std::string lastLine = log.substr(log.rfind('\n', log.size() - 2) + 1);
+    std::string listed = lastLine.substr(lastLine.find("hostPids[") + 9);
+    listed = listed.substr(0, listed.find(']'));
+    std::replace(listed.begin(), listed.end(), ',', ' ');
+    std::set<uint32_t> held;
+    std::istringstream pids(listed);
+    for (uint32_t pid; pids >> pid;) {
+        held.insert(pid);
+    }
+    if (held != expected) {
+        *why = "device " + std::to_string(device) + " holds sessions of hosts [" + listed + "], expected only the " +
+               std::to_string(expected.size()) + " just started";
+        return false;
+    }
+    for (uint32_t i = 0; i < options_.limit; ++i) {
+        HDCMessage close;
+        close.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
+        close.set_device_id(device);
+        close.mutable_proc_sign_pid()->set_proc_pid(kFirstLimitHostPid + device * 1000 + i);
+        HDCMessage reply;
+        if (!links[i]->Send(close) ||
+            links[i]->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+            *why = "a session of the limit check did not close";
+            return false;
+        }
+    }
+    return true;
+}
+
+int Soak::Run() {
+    std::printf("orv-soak: %u cycles from %u hosts at once on %u devices (seed %u); state in %s\n", options_.cycles,
+                options_.hosts, options_.devices, options_.seed, sandbox_.StateDir().c_str());
+    if (!Boot()) {
+        return 1;
+    }
+    // One cycle of every kind on every device first, so that the levels at
+    // rest include what the daemon keeps once it has done each thing once.
+    for (uint32_t device = 0; device < options_.devices; ++device) {
+        for (Cycle cycle : kAllCycles) {
+            std::string why;
+            if (!RunCycle(kFirstLimitHostPid / 2 + device * 10 + static_cast<uint32_t>(cycle), cycle, &why)) {
+                Failure(std::string("warm-up (") + CycleName(cycle) + "): " + why);
+            }
+        }
+    }
+    Levels rest;
+    if (!StandinsGone()) {
+        Failure("warm-up: sub-processes still running");
+    }
+    std::this_thread::sleep_for(1s);
+    rest = Measure();
+    std::printf("at rest: %zu threads, %zu descriptors, %zu KiB resident; %zu processes in the sandbox\n",
+                rest.threads, rest.descriptors, rest.rssKb, rest.processes);
+
+    auto start = Clock::now();
+    std::vector<std::thread> hosts;
+    for (uint32_t i = 0; i < options_.hosts; ++i) {
+        hosts.emplace_back([this] { Worker(); });
+    }
+    for (uint32_t reported = 0; done_.load() < options_.cycles;) {
+        std::this_thread::sleep_for(250ms);
+        peakThreads_ = std::max(peakThreads_, orv::emu::ThreadCount(daemon_));
+        peakRssKb_ = std::max(peakRssKb_, orv::emu::ResidentKb(daemon_));
+        uint32_t done = done_.load();
+        if (done >= reported + options_.cycles / 10 || done == options_.cycles) {
+            reported = done;
+            std::printf("  %4u/%u cycles, %u failed, %.0f s\n", done, options_.cycles, failed_.load(),
+                        std::chrono::duration<double>(Clock::now() - start).count());
+            std::fflush(stdout);
+        }
+    }
+    for (auto& host : hosts) {
+        host.join();
+    }
+    double took = std::chrono::duration<double>(Clock::now() - start).count();
+    std::printf("%u cycles in %.1f s:", options_.cycles, took);
+    for (Cycle cycle : kAllCycles) {
+        std::printf(" %u %s;", counts_[static_cast<int>(cycle)].load(), CycleName(cycle));
+    }
+    std::printf("\npeak: %zu threads, %zu KiB resident\n", peakThreads_, peakRssKb_);
+
+    bool leaked = false;
+    Levels now;
+    if (!Settle(rest, &now)) {
+        std::printf("LEAK: %zu threads, %zu descriptors, %zu processes against %zu, %zu, %zu at rest\n", now.threads,
+                    now.descriptors, now.processes, rest.threads, rest.descriptors, rest.processes);
+        leaked = true;
+    }
+    size_t allowedRss = rest.rssKb + std::max(kRssGrowthFloorKb, static_cast<size_t>(rest.rssKb * kRssGrowthFraction));
+    if (now.rssKb > allowedRss) {
+        std::printf("LEAK: %zu KiB resident against %zu KiB at rest (at most %zu allowed)\n", now.rssKb, rest.rssKb,
+                    allowedRss);
+        leaked = true;
+    }
+    size_t zombies = 0;
+    for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
+        zombies += process.state == 'Z' ? 1 : 0;
+    }
+    if (zombies != 0) {
+        std::printf("LEAK: %zu zombie process(es) in the sandbox\n", zombies);
+        leaked = true;
+    }
+    for (uint32_t device = 0; device < options_.devices; ++device) {
+        std::string why;
+        if (!CheckNoSessionLeft(device, &why)) {
+            std::printf("LEAK: %s\n", why.c_str());
+            leaked = true;
+        }
+    }
+    std::printf("after: %zu threads, %zu descriptors, %zu KiB resident, %zu processes, %zu zombies; "
+                "no session left on any device: %s\n",
+                now.threads, now.descriptors, now.rssKb, now.processes, zombies, leaked ? "see above" : "yes");
+    int stopped = sandbox_.Stop();
+    if (stopped != 0) {
+        std::printf("the sandbox stopped with status %d\n", stopped);
+    }
+    bool ok = failed_.load() == 0 && !leaked && stopped == 0;
+    std::printf("orv-soak: %s\n", ok ? "passed" : "FAILED");
+    if (ok) {
+        orv::emu::RunProgram({"/bin/rm", "-rf", sandbox_.StateDir(), sandbox_.StateDir() + ".out"});
+    } else {
+        std::printf("state kept in %s\n", sandbox_.StateDir().c_str());
+    }
+    return ok ? 0 : 1;
+}
+
+std::string SelfDir() {
+    char path[PATH_MAX] = {0};
+    ssize_t n = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
+    std::string self(path, n > 0 ? static_cast<size_t>(n) : 0);
+    return self.substr(0, self.rfind('/'));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        uint32_t value = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+        if (std::strcmp(argv[i], "--cycles") == 0) {
+            options.cycles = value;
+        } else if (std::strcmp(argv[i], "--hosts") == 0) {
+            options.hosts = std::max(1u, value);
+        } else if (std::strcmp(argv[i], "--devices") == 0) {
+            options.devices = std::max(1u, value);
+        } else if (std::strcmp(argv[i], "--limit") == 0) {
+            options.limit = std::max(1u, value);
+        } else if (std::strcmp(argv[i], "--seed") == 0) {
+            options.seed = value;
+        } else {
+            std::fprintf(stderr,
+                         "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N]\n");
+            return 2;
+        }
+    }
+    if (argc % 2 == 0) {
+        std::fprintf(stderr, "orv-soak: %s needs a value\n", argv[argc - 1]);
+        return 2;
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    return Soak(SelfDir(), options).Run();
+}
