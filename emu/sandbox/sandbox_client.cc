@@ -1,5 +1,7 @@
 #include "emu/sandbox/sandbox_client.h"
 
+#include "emu/sandbox/sandbox_paths.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -198,6 +200,22 @@ std::map<std::string, std::string> SandboxClient::Env() const {
         }
     }
     return env;
+}
+
+std::string SandboxClient::SanitizerReport() const {
+    static const char* const kMarkers[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                           "WARNING: ThreadSanitizer", "runtime error:"};
+    for (const std::string& path : {state_ + kDaemonOutput, state_ + kCardLog, state_ + ".out"}) {
+        std::ifstream in(path);
+        for (std::string line; std::getline(in, line);) {
+            for (const char* marker : kMarkers) {
+                if (line.find(marker) != std::string::npos) {
+                    return path + ": " + line;
+                }
+            }
+        }
+    }
+    return std::string();
 }
 
 pid_t SandboxClient::DaemonPid() const {

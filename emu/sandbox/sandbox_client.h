@@ -47,6 +47,10 @@ public:
     const std::string& BinDir() const { return binDir_; }
     std::string LogPath() const { return state_ + "/var/log/orv/system.log"; }
     std::string ControlSocket() const { return state_ + "/run/orv-card/control.sock"; }
+    // The first line of a sanitizer report that a program of the sandbox
+    // wrote (the daemon, its sub-processes, the card), with the file it is
+    // in; empty when there is none. Sanitized builds count any as a failure.
+    std::string SanitizerReport() const;
     // The daemon's pid as seen from outside, -1 when it is not ready.
     pid_t DaemonPid() const;
     // The PID namespace's identity (readlink of ns/pid), while it runs.

@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 
 #include "emu/ctl/control_client.h"
-#include "emu/sandbox/sandbox_paths.h"
 #include "emu/slog/slog_emu.h"
 
 namespace orv::test {
@@ -295,27 +294,6 @@ pid_t SpawnDetached(const std::vector<std::string>& argv) {
 
 // ---- SandboxRun ----------------------------------------------------------------
 
-namespace {
-
-// The first line of a sanitizer report in a file the sandbox's programs write
-// their standard error to, or an empty string. Sanitized builds make every
-// report fatal to the test that provoked it, wherever in the sandbox it came from.
-std::string FirstSanitizerReport(const std::string& path) {
-    static const char* const kMarkers[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                                           "WARNING: ThreadSanitizer", "runtime error:"};
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        for (const char* marker : kMarkers) {
-            if (line.find(marker) != std::string::npos) {
-                return line;
-            }
-        }
-    }
-    return std::string();
-}
-
-}  // namespace
 
 SandboxRun::SandboxRun() : SandboxClient(test::BinDir(), test::MakeTempDir("orv-e2e")) {}
 
@@ -323,11 +301,9 @@ SandboxRun::~SandboxRun() {
     if (Running()) {
         Stop();
     }
-    for (const std::string& path : {StateDir() + emu::kDaemonOutput, StateDir() + emu::kCardLog, StateDir() + ".out"}) {
-        std::string report = FirstSanitizerReport(path);
-        if (!report.empty()) {
-            ADD_FAILURE() << "sanitizer report in " << path << ": " << report;
-        }
+    std::string report = SanitizerReport();
+    if (!report.empty()) {
+        ADD_FAILURE() << "sanitizer report: " << report;
     }
     if (!::testing::Test::HasFailure()) {
         RemoveTree(StateDir());
