@@ -134,6 +134,8 @@ private:
     bool Standin(uint32_t kind, const std::string& behaviour, uint32_t delayMs = 0);
     bool Running(const std::string& program) const { return sandbox_.Enter({"pidof", program}) == 0; }
     bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+    // The pids, inside the sandbox, of its processes that have not ended.
+    std::set<pid_t> AliveInSandbox() const;
 
     SandboxClient sandbox_;
     const std::string binDir_;
@@ -157,6 +159,16 @@ bool Demo::WaitUntil(const std::function<bool()>& condition, std::chrono::millis
     return true;
 }
 
+std::set<pid_t> Demo::AliveInSandbox() const {
+    std::set<pid_t> alive;
+    for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
+        if (process.state != 'Z') {
+            alive.insert(process.inner);
+        }
+    }
+    return alive;
+}
+
 std::unique_ptr<HostLink> Demo::Connect(uint32_t device) {
     std::string error;
     std::unique_ptr<HostLink> link =
@@ -174,19 +186,12 @@ bool Demo::Ask(Host& host, const HDCMessage& request, HDCMessage::MsgType replyT
         Fail(host.name + ": cannot send");
         return false;
     }
-    auto deadline = Clock::now() + timeout;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        Received received = host.link->Next(reply, left.count() > 0 ? left : 0ms);
-        if (received != Received::kMessage) {
-            Fail(host.name + ": no reply of type " + std::to_string(replyType));
-            return false;
-        }
-        if (reply->type() == replyType) {
-            Count(&Tally::replies);
-            return true;
-        }
+    if (host.link->Await(replyType, reply, timeout) != Received::kMessage) {
+        Fail(host.name + ": no reply of type " + std::to_string(replyType));
+        return false;
     }
+    Count(&Tally::replies);
+    return true;
 }
 
 bool Demo::Control(const orv::emu::CardRequest& request, orv::emu::CardReply* reply) {
@@ -494,13 +499,7 @@ void Demo::DroppedLink() {
     const std::string pidArg = "--pid=" + std::to_string(host.pid);
     bool cleaned = WaitUntil(
         [&] {
-            std::string pids;
-            sandbox_.Enter({"ps", "-eo", "pid="}, &pids);
-            std::set<pid_t> alive;
-            std::istringstream list(pids);
-            for (pid_t pid; list >> pid;) {
-                alive.insert(pid);
-            }
+            std::set<pid_t> alive = AliveInSandbox();
             for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
                 bool ofHost = std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end();
                 if (ofHost && alive.count(record.pid) != 0) {
@@ -537,20 +536,13 @@ void Demo::CheckLeaks() {
         Fail("leak: " + std::to_string(threads) + " threads, " + std::to_string(descriptors) +
              " descriptors against " + std::to_string(idleThreads_) + ", " + std::to_string(idleDescriptors_));
     }
-    std::string states;
-    sandbox_.Enter({"ps", "-eo", "stat="}, &states);
-    if (states.find('Z') != std::string::npos) {
+    const auto processes = orv::emu::ProcessStates(sandbox_.PidNamespace());
+    if (std::any_of(processes.begin(), processes.end(), [](const auto& p) { return p.state == 'Z'; })) {
         Fail("zombie processes in the sandbox");
     } else {
         Ok("no zombie process in the sandbox");
     }
-    std::string pids;
-    sandbox_.Enter({"ps", "-eo", "pid="}, &pids);
-    std::set<pid_t> alive;
-    std::istringstream list(pids);
-    for (pid_t pid; list >> pid;) {
-        alive.insert(pid);
-    }
+    std::set<pid_t> alive = AliveInSandbox();
     std::vector<orv::emu::StandinRecord> records = orv::emu::ReadStandinRecords(sandbox_.StateDir());
     for (const auto& record : records) {
         reaped_ += alive.count(record.pid) == 0 ? 1 : 0;
