@@ -3,6 +3,7 @@
 //
 //   orv-bench latency [--sessions N]     start and close latency against the
 //                                        floor of a bare fork + exec + handshake
+//   orv-bench supervisord [--cycles N]   the same against supervisord on the same stand-in
 //   orv-bench concurrent [--per-device N] N hosts per device starting at once
 //   orv-bench package [--runs N]         package install against tar + signature check
 //   orv-bench resources                  RSS and threads, idle and under load
@@ -12,7 +13,9 @@
 // `orv-bench floor` is the baseline's own half: it runs inside the sandbox.
 #include <dlfcn.h>
 #include <limits.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +36,7 @@
 #include <driver_hal.h>
 #include <img_verify.h>
 
+#include "bench/xmlrpc_client.h"
 #include "emu/host/host_link.h"
 #include "emu/sandbox/sandbox_client.h"
 #include "emu/slog/slog_emu.h"
@@ -43,6 +47,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using orv::HDCMessage;
+using orv::bench::XmlRpcClient;
+using orv::bench::XmlRpcValue;
 using orv::emu::SandboxClient;
 using orv::host::HostLink;
 using orv::host::Received;
@@ -75,7 +81,7 @@ std::string MakeState(const std::string& name) {
     return dir;
 }
 
-std::unique_ptr<HostLink> Connect(SandboxClient& sandbox, uint32_t device) {
+std::unique_ptr<HostLink> Connect(const SandboxClient& sandbox, uint32_t device) {
     std::string error;
     auto link = HostLink::Connect(sandbox.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
     if (link == nullptr) {
@@ -165,35 +171,39 @@ int RunFloor(int count) {
 
 // ---- Latency ----------------------------------------------------------------------
 
-int Latency(int sessions) {
-    std::printf("\nStart and close latency (%d sessions, compute + collective service, device 0)\n", sessions);
-    SandboxClient sandbox(g_binDir, MakeState("latency"));
-    if (!sandbox.Boot({}, 30s)) {
-        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
-        return 1;
-    }
+struct Samples {
+    std::vector<double> start;
+    std::vector<double> close;
+};
+
+// Runs the floor inside the sandbox: `count` stand-ins started and closed one after another.
+Samples MeasureFloor(const SandboxClient& sandbox, int count) {
     std::string output;
-    sandbox.Enter({g_binDir + "/orv-bench", "floor", std::to_string(sessions)}, &output);
-    std::vector<double> floorStart;
-    std::vector<double> floorClose;
+    sandbox.Enter({g_binDir + "/orv-bench", "floor", std::to_string(count)}, &output);
+    Samples floor;
     std::istringstream lines(output);
     for (double start, close; lines >> start >> close;) {
         if (start >= 0) {
-            floorStart.push_back(start);
-            floorClose.push_back(close);
+            floor.start.push_back(start);
+            floor.close.push_back(close);
         }
     }
-    std::vector<double> start;
-    std::vector<double> close;
+    return floor;
+}
+
+// `sessions` host processes (pids from `firstHostPid`) one after another on
+// device 0, each on a new link: start the compute process (and the collective
+// service when `zarn`), then close. Adds to `samples`; the failed sessions.
+int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_t firstHostPid, Samples* samples) {
     int failures = 0;
     for (int i = 0; i < sessions; ++i) {
         std::unique_ptr<HostLink> link = Connect(sandbox, 0);
         if (link == nullptr) {
-            return 1;
+            return failures + sessions - i;
         }
-        uint32_t hostPid = 10000 + static_cast<uint32_t>(i);
+        uint32_t hostPid = firstHostPid + static_cast<uint32_t>(i);
         auto t0 = Clock::now();
-        int code = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 0, hostPid, true, HDCMessage::ORV_START_PROC_RSP);
+        int code = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 0, hostPid, zarn, HDCMessage::ORV_START_PROC_RSP);
         auto t1 = Clock::now();
         int closed = Ask(*link, HDCMessage::ORV_CLOSE_PROC_MSG, 0, hostPid, false, HDCMessage::ORV_CLOSE_PROC_RSP);
         auto t2 = Clock::now();
@@ -201,18 +211,275 @@ int Latency(int sessions) {
             ++failures;
             continue;
         }
-        start.push_back(Micros(t1 - t0));
-        close.push_back(Micros(t2 - t1));
+        samples->start.push_back(Micros(t1 - t0));
+        samples->close.push_back(Micros(t2 - t1));
     }
+    return failures;
+}
+
+int Latency(int sessions) {
+    std::printf("\nStart and close latency (%d sessions, compute + collective service, device 0)\n", sessions);
+    SandboxClient sandbox(g_binDir, MakeState("latency"));
+    if (!sandbox.Boot({}, 30s)) {
+        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+        return 1;
+    }
+    Samples floor = MeasureFloor(sandbox, sessions);
+    Samples daemon;
+    int failures = MeasureDaemon(sandbox, sessions, true, 10000, &daemon);
     sandbox.Stop();
-    Report("floor: fork + exec + start handshake of one stand-in", floorStart);
-    Report("floor: close request to exit of one stand-in", floorClose);
-    Report("daemon start (request -> type-8 reply)", start);
-    Report("daemon close (request -> type-9 reply)", close);
-    double ratio = Percentile(start, 0.5) / std::max(1.0, Percentile(floorStart, 0.5));
+    Report("floor: fork + exec + start handshake of one stand-in", floor.start);
+    Report("floor: close request to exit of one stand-in", floor.close);
+    Report("daemon start (request -> type-8 reply)", daemon.start);
+    Report("daemon close (request -> type-9 reply)", daemon.close);
+    double ratio = Percentile(daemon.start, 0.5) / std::max(1.0, Percentile(floor.start, 0.5));
     std::printf("  start p50 / floor p50 = %.2fx (target: within 3x); close p50 = %.2f ms (target: under 5 ms)%s\n",
-                ratio, Percentile(close, 0.5) / 1000.0, failures != 0 ? "; FAILED SESSIONS" : "");
+                ratio, Percentile(daemon.close, 0.5) / 1000.0, failures != 0 ? "; FAILED SESSIONS" : "");
     return failures == 0 ? 0 : 1;
+}
+
+// ---- A general-purpose supervisor on the same stand-in --------------------------------
+
+// supervisord's files, inside the sandbox (/var is the state directory's var/).
+constexpr char kSupervisordDir[] = "/var/supervisord";
+constexpr char kSupervisordProgram[] = "standin";
+constexpr char kSupervisordProgramStartsecs[] = "standin-startsecs1";
+
+// supervisord runs the stand-in as the floor does (same program, same
+// arguments). It adds its own SUPERVISOR_* variables to an environment it is
+// given empty. TERM is the stop signal: the stand-in keeps its default action.
+std::string SupervisordConfig() {
+    std::string dir = kSupervisordDir;
+    std::string program = "command=/var/aicpu_runner --deviceId=0 --pid=900000 --vfId=0\n"
+                          "autostart=false\nautorestart=false\nstartretries=0\n"
+                          "stopsignal=TERM\nstopwaitsecs=10\nredirect_stderr=true\n"
+                          "stdout_logfile=" + dir + "/standin.out\n";
+    return "[unix_http_server]\nfile=" + dir + "/supervisor.sock\nchmod=0700\n\n"
+           "[supervisord]\nnodaemon=true\nlogfile=" + dir + "/supervisord.log\npidfile=" + dir +
+           "/supervisord.pid\nchildlogdir=" + dir + "\n\n"
+           "[rpcinterface:supervisor]\nsupervisor.rpcinterface_factory = supervisor.rpcinterface:make_main_rpcinterface\n\n"
+           "[program:" + kSupervisordProgram + "]\nstartsecs=0\n" + program + "\n"
+           "[program:" + kSupervisordProgramStartsecs + "]\nstartsecs=1\n" + program;
+}
+
+// Sees from outside, in the stand-ins' records (run/orv-stub/<pid>.txt), when
+// a stand-in has sent its start report through the event scheduler: the
+// moment it is as far as a sub-process the daemon declares started.
+class StartReportWatch {
+public:
+    explicit StartReportWatch(std::string dir) : dir_(std::move(dir)) {
+        fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        if (fd_ >= 0 && inotify_add_watch(fd_, dir_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~StartReportWatch() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    StartReportWatch(const StartReportWatch&) = delete;
+    StartReportWatch& operator=(const StartReportWatch&) = delete;
+
+    bool Valid() const { return fd_ >= 0; }
+
+    // Forgets what was written so far.
+    void Drain() {
+        std::vector<std::string> ignored;
+        ReadNames(&ignored);
+    }
+
+    // Waits until a stand-in whose record changed since the last Drain() has
+    // sent its start report; false at the deadline.
+    bool Wait(Clock::time_point deadline) {
+        const std::string marker = "\nsent " + std::to_string(orv::ORV_SUB_EVENT_START) + " rc ";
+        while (Clock::now() < deadline) {
+            std::vector<std::string> names;
+            ReadNames(&names);
+            for (const std::string& name : names) {
+                std::ifstream in(dir_ + "/" + name);
+                std::stringstream record;
+                record << in.rdbuf();
+                if (record.str().find(marker) != std::string::npos) {
+                    return true;
+                }
+            }
+            pollfd p{fd_, POLLIN, 0};
+            poll(&p, 1, 100);
+        }
+        return false;
+    }
+
+private:
+    void ReadNames(std::vector<std::string>* names) {
+        alignas(inotify_event) char buffer[16384];
+        for (ssize_t n; (n = read(fd_, buffer, sizeof(buffer))) > 0;) {
+            for (ssize_t at = 0; at < n;) {
+                auto* event = reinterpret_cast<inotify_event*>(buffer + at);
+                std::string name = event->len > 0 ? std::string(event->name) : std::string();
+                if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
+                    names->push_back(name);
+                }
+                at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+            }
+        }
+    }
+
+    const std::string dir_;
+    int fd_ = -1;
+};
+
+// Starts supervisord inside the sandbox and waits until it answers RUNNING.
+bool StartSupervisord(const SandboxClient& sandbox, XmlRpcClient* rpc) {
+    std::string dir = sandbox.StateDir() + kSupervisordDir;
+    orv::emu::RunProgram({"/bin/mkdir", "-p", dir});
+    {
+        std::ofstream config(dir + "/supervisord.conf", std::ios::trunc);
+        config << SupervisordConfig();
+    }
+    // With an empty environment, as the floor gives the stand-in.
+    if (sandbox.Enter({"/usr/bin/env", "-i", "/usr/bin/python3", "/usr/bin/supervisord", "--nodaemon",
+                       "--configuration", std::string(kSupervisordDir) + "/supervisord.conf"},
+                      nullptr, true) != 0) {
+        std::fprintf(stderr, "orv-bench: cannot start supervisord in the sandbox\n");
+        return false;
+    }
+    std::string error;
+    auto deadline = Clock::now() + 30s;
+    while (Clock::now() < deadline) {
+        XmlRpcValue state;
+        if (rpc->Call("supervisor.getState", {}, &state, &error) && state.Member("statename").text == "RUNNING") {
+            return true;
+        }
+        rpc->Close();
+        std::this_thread::sleep_for(20ms);
+    }
+    std::fprintf(stderr, "orv-bench: supervisord did not come up (%s; see %s/supervisord.log)\n", error.c_str(),
+                 dir.c_str());
+    return false;
+}
+
+// Starts and stops `program` through supervisord; false on the first fault.
+bool SupervisordCycle(XmlRpcClient& rpc, const char* program, StartReportWatch* watch, double* started,
+                      double* ready, double* stopped, std::string* error) {
+    XmlRpcValue result;
+    if (watch != nullptr) {
+        watch->Drain();
+    }
+    auto t0 = Clock::now();
+    if (!rpc.Call("supervisor.startProcess", {XmlRpcValue::String(program), XmlRpcValue::Bool(true)}, &result,
+                  error)) {
+        return false;
+    }
+    auto t1 = Clock::now();
+    if (!result.IsTrue()) {
+        *error = "startProcess did not answer true";
+        return false;
+    }
+    if (watch != nullptr && !watch->Wait(t1 + 10s)) {
+        *error = "the stand-in did not report its start";
+        return false;
+    }
+    auto t2 = Clock::now();
+    if (!rpc.Call("supervisor.stopProcess", {XmlRpcValue::String(program), XmlRpcValue::Bool(true)}, &result,
+                  error)) {
+        return false;
+    }
+    auto t3 = Clock::now();
+    if (!result.IsTrue()) {
+        *error = "stopProcess did not answer true";
+        return false;
+    }
+    *started = Micros(t1 - t0);
+    *ready = Micros(t2 - t0);
+    *stopped = Micros(t3 - t2);
+    return true;
+}
+
+int Supervisord(int cycles) {
+    std::printf("\nAgainst supervisord (XML-RPC over its Unix socket), the same stand-in, %d cycles, device 0\n",
+                cycles);
+    SandboxClient sandbox(g_binDir, MakeState("supervisord"));
+    if (!sandbox.Boot({}, 30s)) {
+        std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+        return 1;
+    }
+    XmlRpcClient rpc(sandbox.StateDir() + kSupervisordDir + "/supervisor.sock");
+    StartReportWatch watch(sandbox.Env()["ORV_STANDIN_RECORDS"]);
+    if (!watch.Valid() || !StartSupervisord(sandbox, &rpc)) {
+        return 1;
+    }
+    Samples floor = MeasureFloor(sandbox, cycles);
+    // One session of each kind per round, so that the machine's other load
+    // falls on all of them alike.
+    Samples daemonOne;
+    Samples daemonTwo;
+    Samples supervisord;
+    std::vector<double> supervisordReady;
+    std::vector<double> roundTrip;
+    int failures = 0;
+    std::string error;
+    for (int i = 0; i < cycles && error.empty(); ++i) {
+        failures += MeasureDaemon(sandbox, 1, false, 30000 + static_cast<uint32_t>(i), &daemonOne);
+        failures += MeasureDaemon(sandbox, 1, true, 40000 + static_cast<uint32_t>(i), &daemonTwo);
+        double started = 0;
+        double ready = 0;
+        double stopped = 0;
+        if (SupervisordCycle(rpc, kSupervisordProgram, &watch, &started, &ready, &stopped, &error)) {
+            supervisord.start.push_back(started);
+            supervisordReady.push_back(ready);
+            supervisord.close.push_back(stopped);
+        }
+        XmlRpcValue state;
+        auto t0 = Clock::now();
+        if (rpc.Call("supervisor.getState", {}, &state, &error)) {
+            roundTrip.push_back(Micros(Clock::now() - t0));
+        }
+    }
+    // supervisord's own readiness rule: RUNNING once the process has lived
+    // startsecs. Each cycle lasts over a second, so only a few.
+    Samples startsecs;
+    for (int i = 0; i < std::max(3, cycles / 20) && error.empty(); ++i) {
+        double started = 0;
+        double ready = 0;
+        double stopped = 0;
+        if (SupervisordCycle(rpc, kSupervisordProgramStartsecs, nullptr, &started, &ready, &stopped, &error)) {
+            startsecs.start.push_back(started);
+            startsecs.close.push_back(stopped);
+        }
+    }
+    XmlRpcValue ignored;
+    std::string shutdownError;
+    rpc.Call("supervisor.shutdown", {}, &ignored, &shutdownError);
+    rpc.Close();
+    sandbox.Stop();
+    if (!error.empty()) {
+        std::fprintf(stderr, "orv-bench: supervisord: %s\n", error.c_str());
+    }
+
+    Report("floor: fork + exec + start handshake of one stand-in", floor.start);
+    Report("floor: close request to exit of one stand-in", floor.close);
+    Report("daemon start, compute process only (-> type-8 reply)", daemonOne.start);
+    Report("daemon start, compute + collective service", daemonTwo.start);
+    Report("supervisord startProcess, startsecs=0 (-> RUNNING)", supervisord.start);
+    Report("supervisord startProcess + stand-in's start report", supervisordReady);
+    Report("supervisord startProcess, startsecs=1 (-> RUNNING)", startsecs.start);
+    Report("daemon close, compute process only (-> type-9 reply)", daemonOne.close);
+    Report("daemon close, compute + collective service", daemonTwo.close);
+    Report("supervisord stopProcess, SIGTERM (-> STOPPED)", supervisord.close);
+    Report("supervisord XML-RPC round trip (getState)", roundTrip);
+    auto ratio = [](const std::vector<double>& a, const std::vector<double>& b) {
+        return Percentile(a, 0.5) / std::max(1.0, Percentile(b, 0.5));
+    };
+    std::printf("  start p50, daemon / supervisord: compute only %.2fx against RUNNING, %.2fx against the start "
+                "report; compute + collective service %.2fx, %.2fx\n",
+                ratio(daemonOne.start, supervisord.start), ratio(daemonOne.start, supervisordReady),
+                ratio(daemonTwo.start, supervisord.start), ratio(daemonTwo.start, supervisordReady));
+    std::printf("  close p50, daemon / supervisord: compute only %.2fx, compute + collective service %.2fx%s\n",
+                ratio(daemonOne.close, supervisord.close), ratio(daemonTwo.close, supervisord.close),
+                failures != 0 || !error.empty() ? "; FAILURES" : "");
+    return failures == 0 && error.empty() ? 0 : 1;
 }
 
 // ---- Concurrency ----------------------------------------------------------------------
@@ -473,6 +740,9 @@ int main(int argc, char** argv) {
     if (command == "latency") {
         return Latency(Option(argc, argv, "--sessions", 200));
     }
+    if (command == "supervisord") {
+        return Supervisord(Option(argc, argv, "--cycles", 200));
+    }
     if (command == "concurrent") {
         return Concurrent(Option(argc, argv, "--per-device", 32), false);
     }
@@ -488,11 +758,12 @@ int main(int argc, char** argv) {
     if (command == "all") {
         int status = 0;
         status |= Latency(200);
+        status |= Supervisord(200);
         status |= Concurrent(32, true);
         status |= Packages(5);
         status |= LogRate();
         return status;
     }
-    std::fprintf(stderr, "usage: orv-bench [latency|concurrent|resources|package|log-rate|all]\n");
+    std::fprintf(stderr, "usage: orv-bench [latency|supervisord|concurrent|resources|package|log-rate|all]\n");
     return 2;
 }
