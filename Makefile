@@ -7,7 +7,7 @@ CMAKE_FLAGS ?=
 # The tests mostly wait on the daemon's fixed periods, so they run wide.
 TEST_JOBS ?= 8
 
-.PHONY: all build deps test demo emulate bench clean
+.PHONY: all build deps test test-asan test-tsan soak fuzz demo emulate bench card card-test clean
 
 all: build
 
@@ -27,10 +27,60 @@ demo: build
 	@$(BUILD_DIR)/bin/orv-demo
 
 bench: build
+	@tools/install-deps.sh base bench
 	@$(BUILD_DIR)/bin/orv-bench all
 
 emulate: build
 	@tools/emulate.sh $(BUILD_DIR)
+
+# The whole suite again under AddressSanitizer with UndefinedBehaviorSanitizer
+# (build-asan/), and under ThreadSanitizer (build-tsan/); any report, from the
+# test itself or from a program of its sandbox, fails the test.
+test-asan: deps
+	@if [ ! -f build-asan/build.ninja ]; then cmake --preset asan >/dev/null; fi
+	@cmake --build --preset asan
+	cd build-asan && ctest --output-on-failure -j $(TEST_JOBS)
+
+test-tsan: deps
+	@if [ ! -f build-tsan/build.ninja ]; then cmake --preset tsan >/dev/null; fi
+	@cmake --build --preset tsan
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j $(TEST_JOBS)
+
+# 1,000 start/close cycles with crashes and dropped links, then the leak checks;
+# SOAK_BUILD=build-asan runs it on the sanitized build (after make test-asan).
+SOAK_BUILD ?= $(BUILD_DIR)
+SOAK_CYCLES ?= 1000
+soak: build
+	@cmake --build $(SOAK_BUILD) --target orv-soak
+	$(SOAK_BUILD)/bin/orv-soak --cycles $(SOAK_CYCLES)
+
+# The card build: liborvdaemon.so and orvdaemon for AArch64 in build-aarch64/,
+# without the emulated card, then checked (tools/check-card-build.sh). The
+# platform calls are left to the card's loader unless ORV_PLATFORM_SYSROOT names
+# a card sysroot holding the platform libraries; each run configures with the
+# value given (or none), and looks the libraries up again.
+card:
+	@tools/install-deps.sh base cross
+	@cmake --preset aarch64 -DORV_PLATFORM_SYSROOT="$(ORV_PLATFORM_SYSROOT)" -U 'ORV_PLATFORM_LIB_*' >/dev/null
+	@cmake --build --preset aarch64
+	@tools/check-card-build.sh build-aarch64
+	@tools/check-card-build.sh --self-test build-aarch64
+
+# The unit tests built for AArch64 with the emulated card (build-aarch64-emu/),
+# run through qemu-user.
+card-test:
+	@tools/install-deps.sh base cross cross-test
+	@tools/enable-aarch64-binfmt.sh
+	@if [ ! -f build-aarch64-emu/build.ninja ]; then cmake --preset aarch64-emu >/dev/null; fi
+	@cmake --build --preset aarch64-emu
+	ctest --preset aarch64-emu
+
+# The libFuzzer targets (build-fuzz/), each run for FUZZ_SECONDS in a sandbox
+# of its own; fails on any crash, leak or time-out (tools/run-fuzzers.sh).
+FUZZ_SECONDS ?= 60
+fuzz:
+	@tools/install-deps.sh base fuzz
+	@tools/run-fuzzers.sh $(FUZZ_SECONDS)
 
 clean:
 	rm -rf $(BUILD_DIR) build-*

@@ -315,14 +315,16 @@ void OrvDaemon::Destroy() {
     ORV_LOG(ORV_INFO, "[OrvDaemon] OrvDaemon::Destroy() exit");
 }
 
+// A device id beyond the array counts as a device without a server: the
+// package query passes the host's id on unchecked.
 void OrvDaemon::CloseHdcSession(uint32_t deviceId, uint32_t sessionId) {
-    if (hdcServers_[deviceId] != nullptr) {
+    if (deviceId < MAX_DEVNUM_PER_OS && hdcServers_[deviceId] != nullptr) {
         hdcServers_[deviceId]->ClearSingleSession(sessionId);
     }
 }
 
 uint32_t OrvDaemon::SendHdcMsg(uint32_t deviceId, uint32_t sessionId, const HDCMessage& msg) {
-    if (hdcServers_[deviceId] == nullptr) {
+    if (deviceId >= MAX_DEVNUM_PER_OS || hdcServers_[deviceId] == nullptr) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] SendHdcMsg: hdc instance nullptr");
         return kNoHdcServer;
     }

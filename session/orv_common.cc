@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -877,7 +878,10 @@ uint32_t OrvImpl::CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type) {
             "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u], CheckAndWaitSubProcessExit subProcessPid[%u] "
             "procType[%d](0:ZARN PROC,1:COMPUTE PROC)",
             deviceIdInOs_, sessionId_, fmkPid_, subPid, static_cast<int32_t>(type));
-    if (subPid == 0) {
+    // The pid comes from the sub-process's close report. Above INT32_MAX it is
+    // negative as a pid_t, which waitpid and kill take for a process group,
+    // and -1 for every process: no such pid is a sub-process.
+    if (subPid == 0 || subPid > static_cast<uint32_t>(INT32_MAX)) {
         return 0;
     }
     // Each pause between polls ends early when the child exits.

@@ -6,7 +6,8 @@
 #
 # SET is one of: base (building, testing and running the emulated card; the
 # default), fuzz (the fuzz targets), bench (the benchmarks' peers), cross (the
-# AArch64 card build). A set that needs a foreign architecture adds it first.
+# AArch64 card build), cross-test (the AArch64 unit tests under emulation). A
+# set that needs a foreign architecture adds it first.
 set -euo pipefail
 
 declare -A sets
@@ -16,21 +17,38 @@ sets[base]="cmake ninja-build g++ clang pkg-config make
     libgtest-dev libgmock-dev libbenchmark-dev
     procps sysvinit-utils tar gzip"
 sets[fuzz]="clang libclang-rt-14-dev"
-sets[bench]=""
-sets[cross]=""
+sets[bench]="supervisor"
+sets[cross]="g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libprotobuf-dev:arm64"
+# Foreign architectures (dpkg's names) whose packages a set installs.
+declare -A set_arches
+set_arches[cross]="arm64"
+# The AArch64 unit tests, run through user-mode emulation (make card-test).
+sets[cross-test]="libgtest-dev:arm64 libgmock-dev:arm64 libssl-dev:arm64 qemu-user-static"
+set_arches[cross-test]="arm64"
 
 wanted=("$@")
 [[ ${#wanted[@]} -gt 0 ]] || wanted=(base)
 
+# Whether a package is installed: of the native architecture (or "all") unless
+# the name says `name:arch`. Once a foreign architecture is added, a bare name
+# can match the packages of both.
+native=$(dpkg --print-architecture)
+installed() {
+    local want=$native
+    [[ $1 == *:* ]] && want=${1##*:}
+    dpkg-query -W -f='${Status} ${Architecture}\n' "$1" 2>/dev/null | grep -Ex "install ok installed ($want|all)" >/dev/null
+}
+
 missing=()
+arches=()
 for set in "${wanted[@]}"; do
     if [[ ! -v "sets[$set]" ]]; then
-        echo "install-deps: unknown set '$set' (base, fuzz, bench, cross)" >&2
+        echo "install-deps: unknown set '$set' (base, fuzz, bench, cross, cross-test)" >&2
         exit 2
     fi
+    [[ -v "set_arches[$set]" ]] && arches+=(${set_arches[$set]})
     for pkg in ${sets[$set]}; do
-        status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
-        [[ "$status" == "install ok installed" ]] || missing+=("$pkg")
+        installed "$pkg" || missing+=("$pkg")
     done
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
@@ -39,5 +57,13 @@ echo "install-deps: installing ${missing[*]}"
 sudo_cmd=()
 [[ $(id -u) -eq 0 ]] || sudo_cmd=(sudo)
 export DEBIAN_FRONTEND=noninteractive
+for arch in "${arches[@]}"; do
+    # A package of an architecture dpkg does not know yet counts as missing, so
+    # the architecture is added here and the update below fetches its lists.
+    if ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
+        echo "install-deps: adding architecture $arch"
+        "${sudo_cmd[@]}" dpkg --add-architecture "$arch"
+    fi
+done
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

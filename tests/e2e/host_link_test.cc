@@ -178,6 +178,16 @@ TEST_F(HostLinkTest, PackageQueryAnswersTheCheckCodeAndClosesTheQuerysLink) {
               0)
         << output;
     EXPECT_THAT(output, HasSubstr("real_device_id: 9"));
+
+    // A query naming a device the daemon cannot have goes unanswered, and the
+    // next one is served.
+    EXPECT_EQ(Host(sandbox_, {"session"}, &output,
+                   "open bad\nsend bad check-package --device-id 40\nexpect-none bad --timeout 500\n"
+                   "open good\nsend good check-package\nexpect good 36\n"),
+              0)
+        << output;
+    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] SendHdcMsg: hdc instance nullptr"));
+    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Send package check result to client failed"));
 }
 
 // Malformed input ends only its own session, which is reported once; the

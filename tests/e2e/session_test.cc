@@ -68,18 +68,11 @@ protected:
         request.set_start_cp(cp);
         EXPECT_TRUE(link.Send(request));
         HDCMessage reply;
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (link.Next(&reply, left) != host::Received::kMessage) {
-                break;
-            }
-            if (reply.type() == replyType) {
-                return reply;
-            }
+        if (link.Await(replyType, &reply, timeout) != host::Received::kMessage) {
+            ADD_FAILURE() << "no reply of type " << replyType;
+            return HDCMessage();
         }
-        ADD_FAILURE() << "no reply of type " << replyType;
-        return HDCMessage();
+        return reply;
     }
 
     SandboxRun sandbox_;
@@ -339,6 +332,23 @@ TEST_F(SessionTest, MalformedAndStrayRecordsAreDroppedWithTheirLogLines) {
         EXPECT_TRUE(sandbox_.Log().WaitFor(c.logged, 5s)) << c.logged;
     }
     EXPECT_EQ(sandbox_.Log().Count("[OrvEVENT] #### Start Rsp ORV->FMK"), 1u) << "nothing was answered again";
+}
+
+// A close report's pid is the sub-process's word; one that is no process's
+// (as a pid_t it would mean every process) is not waited on or killed.
+TEST_F(SessionTest, ACloseReportWithAnImpossiblePidSignalsNothing) {
+    Boot();
+    auto link = Hold();
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 100, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"inject-event", "1", "--host-pid", "100", "--proc-type", "1", "--src-pid", "4294967295"},
+                     &output),
+              0)
+        << output;
+    HDCMessage reply;
+    EXPECT_EQ(link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, 4s), host::Received::kMessage);
+    EXPECT_EQ(EmuCtl(sandbox_, {"devices"}, &output), 0) << "the card emulator was killed: " << output;
+    EXPECT_FALSE(sandbox_.Log().Contains("need to be killed"));
 }
 
 TEST_F(SessionTest, AProcessThatReportsClosedButStaysIsKilled) {
