@@ -490,15 +490,7 @@ struct ResourceSample {
 };
 
 ResourceSample Sample(pid_t pid) {
-    ResourceSample sample;
-    sample.threads = orv::emu::ThreadCount(pid);
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            sample.rssKb = std::stoul(line.substr(6));
-        }
-    }
-    return sample;
+    return ResourceSample{orv::emu::ThreadCount(pid), orv::emu::ResidentKb(pid)};
 }
 
 int Concurrent(int perDevice, bool reportResources) {
@@ -713,13 +705,6 @@ int LogRate() {
     return 0;
 }
 
-std::string SelfDir() {
-    char path[PATH_MAX] = {0};
-    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    std::string self = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string(".");
-    return self.substr(0, self.find_last_of('/'));
-}
-
 int Option(int argc, char** argv, const char* name, int fallback) {
     for (int i = 2; i + 1 < argc; ++i) {
         if (std::strcmp(argv[i], name) == 0) {
@@ -732,7 +717,7 @@ int Option(int argc, char** argv, const char* name, int fallback) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    g_binDir = SelfDir();
+    g_binDir = orv::emu::ProgramDir();
     std::string command = argc > 1 ? argv[1] : "all";
     if (command == "floor") {
         return RunFloor(argc > 2 ? std::atoi(argv[2]) : 200);

@@ -27,6 +27,7 @@
 #include "daemon/orvdaemon.h"
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
+#include "emu/sandbox/sandbox_client.h"
 
 extern char** environ;
 
@@ -180,33 +181,10 @@ void StartDaemon() {
 // ---- Bystander ---------------------------------------------------------------
 
 void Bystander::Start() {
-    int channel[2];
-    if (::pipe2(channel, O_CLOEXEC) != 0) {
-        Fail("pipe: %s", std::strerror(errno));
-    }
-    pid_t child = ::fork();
-    if (child == 0) {
-        ::setsid();
-        pid_t grandchild = ::fork();
-        if (grandchild == 0) {
-            ::execl("/bin/sleep", "sleep", "infinity", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ssize_t ignored = ::write(channel[1], &grandchild, sizeof(grandchild));
-        (void)ignored;
-        ::_exit(0);
-    }
-    ::close(channel[1]);
-    pid_t pid = -1;
-    if (::read(channel[0], &pid, sizeof(pid)) != sizeof(pid)) {
-        pid = -1;
-    }
-    ::close(channel[0]);
-    ::waitpid(child, nullptr, 0);
-    if (pid <= 0) {
+    pid_ = emu::SpawnDetached({"/bin/sleep", "infinity"});
+    if (pid_ <= 0) {
         Fail("cannot start the bystander process");
     }
-    pid_ = pid;
 }
 
 void Bystander::Check() const {

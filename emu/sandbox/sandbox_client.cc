@@ -117,6 +117,43 @@ int RunProgram(const std::vector<std::string>& argv, std::string* output, const 
     return status;
 }
 
+std::string ProgramDir() {
+    char path[PATH_MAX] = {0};
+    ssize_t n = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
+    std::string self = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string(".");
+    return self.substr(0, self.find_last_of('/'));
+}
+
+pid_t SpawnDetached(const std::vector<std::string>& argv) {
+    int channel[2];
+    if (::pipe2(channel, O_CLOEXEC) != 0) {
+        return -1;
+    }
+    pid_t child = ::fork();
+    if (child == 0) {
+        ::setsid();
+        pid_t grandchild = ::fork();
+        if (grandchild == 0) {
+            std::vector<char*> cargv = CStrings(argv);
+            ::execv(cargv[0], cargv.data());
+            ::_exit(127);
+        }
+        ssize_t ignored = ::write(channel[1], &grandchild, sizeof(grandchild));
+        (void)ignored;
+        ::_exit(0);
+    }
+    ::close(channel[1]);
+    pid_t pid = -1;
+    if (child < 0 || ::read(channel[0], &pid, sizeof(pid)) != sizeof(pid)) {
+        pid = -1;
+    }
+    ::close(channel[0]);
+    if (child > 0) {
+        ::waitpid(child, nullptr, 0);
+    }
+    return pid;
+}
+
 SandboxClient::SandboxClient(std::string binDir, std::string stateDir)
     : binDir_(std::move(binDir)), state_(std::move(stateDir)) {}
 

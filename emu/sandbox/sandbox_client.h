@@ -19,6 +19,14 @@ namespace orv::emu {
 int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr, const std::string& input = "",
                std::chrono::milliseconds timeout = std::chrono::minutes(2));
 
+// The directory of the running program: for the project's programs, build/bin,
+// where orv-sandbox and the rest are too.
+std::string ProgramDir();
+
+// Starts a program so that it is not this process's child (whoever adopts it
+// reaps it): its pid, or -1.
+pid_t SpawnDetached(const std::vector<std::string>& argv);
+
 class SandboxClient {
 public:
     // `binDir` holds orv-sandbox; `stateDir` must be empty or a sandbox's.

@@ -487,13 +487,6 @@ int Soak::Run() {
     return ok ? 0 : 1;
 }
 
-std::string SelfDir() {
-    char path[PATH_MAX] = {0};
-    ssize_t n = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
-    std::string self(path, n > 0 ? static_cast<size_t>(n) : 0);
-    return self.substr(0, self.rfind('/'));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -521,5 +514,5 @@ int main(int argc, char** argv) {
         return 2;
     }
     ::signal(SIGPIPE, SIG_IGN);
-    return Soak(SelfDir(), options).Run();
+    return Soak(orv::emu::ProgramDir(), options).Run();
 }

@@ -262,36 +262,6 @@ std::string InsideControlSocket() {
     return socket != nullptr ? socket : "/run/orv-card/control.sock";
 }
 
-pid_t SpawnDetached(const std::vector<std::string>& argv) {
-    int channel[2];
-    if (::pipe(channel) != 0) {
-        return -1;
-    }
-    pid_t child = ::fork();
-    if (child == 0) {
-        ::close(channel[0]);
-        ::setsid();
-        pid_t grandchild = ::fork();
-        if (grandchild == 0) {
-            ::close(channel[1]);
-            std::vector<char*> cargv = CStrings(argv);
-            ::execv(cargv[0], cargv.data());
-            ::_exit(127);
-        }
-        ssize_t ignored = ::write(channel[1], &grandchild, sizeof(grandchild));
-        (void)ignored;
-        ::_exit(0);
-    }
-    ::close(channel[1]);
-    pid_t pid = -1;
-    if (::read(channel[0], &pid, sizeof(pid)) != sizeof(pid)) {
-        pid = -1;
-    }
-    ::close(channel[0]);
-    ::waitpid(child, nullptr, 0);
-    return pid;
-}
-
 // ---- SandboxRun ----------------------------------------------------------------
 
 

@@ -89,9 +89,7 @@ std::string ShowAppmon(const std::string& controlSocket);
 // The control socket of the sandbox a test runs in.
 std::string InsideControlSocket();
 
-// Starts a program so that it is not this process's child (it is reaped by
-// whoever adopts it); returns its pid, or -1.
-pid_t SpawnDetached(const std::vector<std::string>& argv);
+using emu::SpawnDetached;
 
 // A booted sandbox in a temporary state directory, kept for inspection when
 // the test failed.

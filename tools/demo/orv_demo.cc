@@ -643,17 +643,10 @@ int Demo::Run() {
     return g_tally.failures == 0 ? 0 : 1;
 }
 
-std::string SelfDir() {
-    char path[PATH_MAX] = {0};
-    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    std::string self = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string(".");
-    return self.substr(0, self.find_last_of('/'));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string binDir = SelfDir();
+    std::string binDir = orv::emu::ProgramDir();
     std::string state = binDir + "/../demo-state";
     for (int i = 1; i + 1 < argc; ++i) {
         if (std::string(argv[i]) == "--state") {
