@@ -7,14 +7,17 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <driver_hal.h>
 
@@ -38,12 +41,19 @@ constexpr int32_t kWaitMs = 1000;
 constexpr uint32_t kProfilingCompute = 4;
 constexpr uint32_t kProfilingCustom = 12;
 constexpr uint32_t kLoadSo = 11;
+constexpr uint32_t kKindZarn = 0;
+constexpr uint32_t kKindCompute = 1;
+constexpr uint32_t kKindCustom = 2;
+constexpr uint32_t kKindQueue = 3;
+constexpr auto kGroupGrantWait = std::chrono::seconds(3);
 
 struct Options {
     uint32_t kind = 1;
     uint32_t deviceId = 0;
     int32_t vfId = 0;
     uint32_t hostPid = 0;
+    std::string groupNameList;  // of a compute process: the groups the daemon grants it
+    std::string qsGroupName;    // of a queue process: the same
 };
 
 std::mutex g_recordMutex;
@@ -86,15 +96,56 @@ uint32_t KindOf(const char* argv0) {
     std::string name = argv0;
     name = name.substr(name.find_last_of('/') + 1);
     if (name == "zarn_service.bin") {
-        return 0;
+        return kKindZarn;
     }
     if (name.compare(0, 19, "aicpu_custom_runner") == 0) {
-        return 2;
+        return kKindCustom;
     }
     if (name == "queue_runner") {
-        return 3;
+        return kKindQueue;
     }
-    return 1;
+    return kKindCompute;
+}
+
+// This process's buffer groups, as "NAME PERMISSIONS".
+std::vector<std::string> OwnGroups() {
+    std::vector<std::string> groups;
+    int32_t self = getpid();
+    GroupQueryEntry entries[64];
+    uint32_t length = sizeof(entries);
+    if (halGrpQuery(GRP_QUERY_GROUPS_OF_PROCESS, &self, sizeof(self), entries, &length) == DRV_ERROR_NONE) {
+        for (uint32_t i = 0; i < length / sizeof(GroupQueryEntry); ++i) {
+            groups.push_back(std::string(entries[i].name, strnlen(entries[i].name, sizeof(entries[i].name))) + " " +
+                             std::to_string(entries[i].permissions));
+        }
+    }
+    return groups;
+}
+
+// The daemon grants a compute or queue process the groups its command line
+// names only after the fork, while the process is already running; a real
+// one would not touch them before it needed them. The stand-in waits a while
+// for each to appear before it writes down what it has.
+std::vector<std::string> GrantedGroups(const Options& options) {
+    std::vector<std::string> expected;
+    std::istringstream names(options.groupNameList + "," + options.qsGroupName);
+    for (std::string name; std::getline(names, name, ',');) {
+        if (!name.empty()) {
+            expected.push_back(name);
+        }
+    }
+    auto deadline = std::chrono::steady_clock::now() + kGroupGrantWait;
+    for (;;) {
+        std::vector<std::string> groups = OwnGroups();
+        bool all = std::all_of(expected.begin(), expected.end(), [&](const std::string& name) {
+            return std::any_of(groups.begin(), groups.end(),
+                               [&](const std::string& group) { return group.compare(0, name.size() + 1, name + " ") == 0; });
+        });
+        if (all || std::chrono::steady_clock::now() >= deadline) {
+            return groups;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
 void WriteStartRecord(int argc, char** argv, const Options& options) {
@@ -119,14 +170,8 @@ void WriteStartRecord(int argc, char** argv, const Options& options) {
             }
         }
     }
-    int32_t self = getpid();
-    GroupQueryEntry entries[64];
-    uint32_t length = sizeof(entries);
-    if (halGrpQuery(GRP_QUERY_GROUPS_OF_PROCESS, &self, sizeof(self), entries, &length) == DRV_ERROR_NONE) {
-        for (uint32_t i = 0; i < length / sizeof(GroupQueryEntry); ++i) {
-            record += "group " + std::string(entries[i].name, strnlen(entries[i].name, sizeof(entries[i].name))) +
-                      " " + std::to_string(entries[i].permissions) + "\n";
-        }
+    for (const std::string& group : GrantedGroups(options)) {
+        record += "group " + group + "\n";
     }
     std::string path = RecordPath();
     std::string tmp = path + ".tmp";
@@ -280,6 +325,10 @@ int main(int argc, char** argv) {
     options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));
     options.vfId = static_cast<int32_t>(std::strtol(Argument(argc, argv, "vfId").c_str(), nullptr, 10));
     options.hostPid = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "pid").c_str(), nullptr, 10));
+    if (options.kind == kKindCompute) {
+        options.groupNameList = Argument(argc, argv, "groupNameList");
+    }
+    options.qsGroupName = Argument(argc, argv, "qsInitGroupName");
     WriteStartRecord(argc, argv, options);
 
     orv::emu::CardRequest query;
@@ -321,7 +370,7 @@ int main(int argc, char** argv) {
         } else if (behaviour == "kernel-timeout") {
             sleepDelay();
             Report(options, orv::ORV_SUB_EVENT_ABNORMAL, options.kind);
-        } else if (behaviour == "ask-custom" && options.kind == 1) {
+        } else if (behaviour == "ask-custom" && options.kind == kKindCompute) {
             sleepDelay();
             AskForCustom(options);
             // A second request once the custom process runs must change nothing.
