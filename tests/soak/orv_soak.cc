@@ -42,6 +42,7 @@ constexpr auto kReplyTimeout = 30s;
 constexpr auto kCrashNoticeTimeout = 15s;
 constexpr uint32_t kFirstSoakHostPid = 100000;
 constexpr uint32_t kFirstLimitHostPid = 900000;
+constexpr uint32_t kWarmUpIndex = 400000;
 constexpr size_t kMaxReportedFailures = 20;
 // Memory the daemon may keep after the run beyond its level at rest (the
 // allocator keeps some of what the peak used): a quarter, and at least 4 MiB.
@@ -391,20 +392,22 @@ int Soak::Run() {
     }
     // One cycle of every kind on every device first, so that the levels at
     // rest include what the daemon keeps once it has done each thing once.
+    // Cycle numbers past the run's own, each falling on `device`.
+    const uint32_t warmUpBase = (kWarmUpIndex / options_.devices) * options_.devices;
     for (uint32_t device = 0; device < options_.devices; ++device) {
         for (Cycle cycle : kAllCycles) {
             std::string why;
-            if (!RunCycle(kFirstLimitHostPid / 2 + device * 10 + static_cast<uint32_t>(cycle), cycle, &why)) {
+            uint32_t index = warmUpBase + static_cast<uint32_t>(cycle) * options_.devices + device;
+            if (!RunCycle(index, cycle, &why)) {
                 Failure(std::string("warm-up (") + CycleName(cycle) + "): " + why);
             }
         }
     }
-    Levels rest;
     if (!StandinsGone()) {
         Failure("warm-up: sub-processes still running");
     }
     std::this_thread::sleep_for(1s);
-    rest = Measure();
+    const Levels rest = Measure();
     std::printf("at rest: %zu threads, %zu descriptors, %zu KiB resident; %zu processes in the sandbox\n",
                 rest.threads, rest.descriptors, rest.rssKb, rest.processes);
 
@@ -508,6 +511,10 @@ int main(int argc, char** argv) {
                          "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N]\n");
             return 2;
         }
+    }
+    if (options.cycles >= kWarmUpIndex) {
+        std::fprintf(stderr, "orv-soak: at most %u cycles\n", kWarmUpIndex - 1);
+        return 2;
     }
     if (argc % 2 == 0) {
         std::fprintf(stderr, "orv-soak: %s needs a value\n", argv[argc - 1]);
