@@ -117,7 +117,10 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
     uint32_t size = static_cast<uint32_t>(SizeOf(good));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == size; }, 10s));
 
-    std::string tampered = MakePackage("6_Velkan512-aicpu_syskernels.tar.gz");
+    // The check code is the package's size, and a package of the installed
+    // one's size is taken for it and dropped unread: each bad package below
+    // is given a size of its own.
+    std::string tampered = MakePackage("6_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "100"});
     {
         std::fstream file(tampered, std::ios::in | std::ios::out | std::ios::binary);
         file.seekp(static_cast<std::streamoff>(SizeOf(tampered) - 20));
@@ -133,7 +136,8 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
         {MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--unsigned"}), "Check head tag failed"},
         {tampered, "Check head tag failed"},
         {truncated, "Check head tag failed"},
-        {MakePackage("9_Velkan512-aicpu_syskernels.tar.gz", {"--inner-name", "Velkan999-aicpu_syskernels.tar.gz"}),
+        {MakePackage("9_Velkan512-aicpu_syskernels.tar.gz",
+                     {"--inner-name", "Velkan999-aicpu_syskernels.tar.gz", "--pad-bytes", "200"}),
          "Do clean_cmd failed, packageNames not found"},
     };
     for (const Case& c : cases) {
