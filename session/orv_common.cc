@@ -266,7 +266,11 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
                 static_cast<uint32_t>(pid), static_cast<int32_t>(profilingMode_.load()));
         ORV_LOG(ORV_INFO, "[OrvDaemon] alloc resource {devOS:[%u]} for {device index in os:%u}",
                 static_cast<uint32_t>(pid), deviceIdInOs_);
-        SetSubProcPid(pid, type);
+        if (!RecordForkedSubProcess(pid, type)) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] closing began during the "
+                    "start of subPid[%d], killed", deviceIdInOs_, sessionId_, fmkPid_, pid);
+            return;
+        }
         std::string procName;
         OrvDaemon::GetInstance()->GetPidAppName(type, static_cast<uint32_t>(pid), procName);
         if (type == QUEUE_SCHEDULE && OrvDaemon::GetInstance()->GetZebFlag()) {
@@ -486,24 +490,41 @@ void OrvImpl::SetProcessCloseFlag(uint32_t procType) {
     }
 }
 
-void OrvImpl::SetSubProcPid(int32_t pid, uint32_t procType) {
-    MutexLock lock(&pidMutex_);
+int32_t* OrvImpl::SubProcPid(uint32_t procType) {
     switch (procType) {
         case COMPUTE:
-            computePid_ = pid;
-            break;
+            return &computePid_;
         case ZARN:
-            zarnPid_ = pid;
-            break;
+            return &zarnPid_;
         case CUSTOM_COMPUTE:
-            customComputePid_ = pid;
-            break;
+            return &customComputePid_;
         case QUEUE_SCHEDULE:
-            queuePid_ = pid;
-            break;
+            return &queuePid_;
         default:
-            break;
+            return nullptr;
     }
+}
+
+void OrvImpl::SetSubProcPid(int32_t pid, uint32_t procType) {
+    MutexLock lock(&pidMutex_);
+    if (int32_t* field = SubProcPid(procType)) {
+        *field = pid;
+    }
+}
+
+bool OrvImpl::RecordForkedSubProcess(int32_t pid, uint32_t procType) {
+    {
+        // Clean-up sets closeHandle before it takes the pids under pidMutex:
+        // a pid stored here while closeHandle is clear is one it will find.
+        MutexLock lock(&pidMutex_);
+        int32_t* field = SubProcPid(procType);
+        if (field != nullptr && !GetCloseHandle()) {
+            *field = pid;
+            return true;
+        }
+    }
+    KillProcess({static_cast<uint32_t>(pid)});
+    return false;
 }
 
 void OrvImpl::SetCloseHandle(bool closeHandle) {

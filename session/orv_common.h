@@ -130,6 +130,10 @@ public:
     bool IsAllSubProcCloseRegular() const;
     void SetProcessCloseFlag(uint32_t procType);
     void SetSubProcPid(int32_t pid, uint32_t procType);
+    // Records a sub-process just forked, unless closing began since its worker
+    // looked; then no clean-up will see it, and it is killed here. True when
+    // it was recorded.
+    bool RecordForkedSubProcess(int32_t pid, uint32_t procType);
     void SetCloseHandle(bool closeHandle);
     bool GetCloseHandle();
     // Closing has begun and every sub-process has closed.
@@ -161,6 +165,8 @@ public:
     // 0 when the process exited by itself, 1 when it had to be killed.
     uint32_t CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type);
     void KillProcess(const std::vector<uint32_t>& pids);
+    // The pid field of a kind, or null for an unknown kind.
+    int32_t* SubProcPid(uint32_t procType) EXCLUSIVE_LOCKS_REQUIRED(pidMutex_);
     void CheckSubProcessExit(int32_t& pid, uint32_t type) EXCLUSIVE_LOCKS_REQUIRED(pidMutex_);
     void CheckAicpuSubProcessExit(const int32_t& pid, bool zebFlag) EXCLUSIVE_LOCKS_REQUIRED(pidMutex_);
     void InnerProcClean(bool closeHdc);

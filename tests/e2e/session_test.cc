@@ -241,24 +241,28 @@ TEST_F(SessionTest, CloseIsAnsweredOnceAndEndsTheLinkAndTheProcesses) {
 TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
     Boot();
     Standin("compute", "ask-custom", 200);
-    Session(
-        "open a\n"
-        "send a start --pid 54 --cp\n"
-        "expect a 8 --code 0 --timeout 10000\n"
-        "sleep 1500\n"
-        "send a profiling --pid 54 --profiling 9\n"
-        "expect a 31 --code 0\n");
-    std::vector<StandinRecord> customs = OfKind(kCustom);
-    ASSERT_EQ(customs.size(), 1u);
-    std::vector<StandinRecord> computes = OfKind(kCompute);
-    ASSERT_EQ(computes.size(), 1u);
-    EXPECT_EQ(computes[0].Count("asked for custom"), 2u);
-    EXPECT_EQ(computes[0].Count("custom_started " + std::to_string(customs[0].pid)), 1u)
+    auto link = Hold();
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 54, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    // The compute process asks once, and once more when the custom process runs.
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1 && !OfKind(kCustom)[0].notes.empty(); }, 10s));
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCompute)[0].Count("asked for custom") == 2; }, 10s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon] cust-aicpu-rn has already run.", 5s));
+    HDCMessage profiling;
+    profiling.set_type(HDCMessage::ORV_UPDATE_PROIFILING_MSG);
+    profiling.mutable_proc_sign_pid()->set_proc_pid(54);
+    profiling.set_profiling_mode(9);
+    HDCMessage reply;
+    ASSERT_TRUE(link->Send(profiling));
+    ASSERT_EQ(link->Await(HDCMessage::ORV_UPDATE_PROIFILING_RSP, &reply, 10s), host::Received::kMessage);
+    EXPECT_EQ(reply.orv_rsp_code(), 0u);
+    // Each process notes the profiling change when it reads it.
+    EXPECT_TRUE(test::WaitFor([&] { return OfKind(kCompute)[0].Has("profiling 9 host_pid 54 sub 4"); }, 5s));
+    EXPECT_TRUE(test::WaitFor([&] { return OfKind(kCustom)[0].Has("profiling 9 host_pid 54 sub 12"); }, 5s));
+    StandinRecord compute = OfKind(kCompute)[0];
+    StandinRecord custom = OfKind(kCustom)[0];
+    EXPECT_EQ(compute.Count("custom_started " + std::to_string(custom.pid)), 1u)
         << "the second request brings no second reply";
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] cust-aicpu-rn has already run."));
-    EXPECT_TRUE(customs[0].Has("load_so libcust_op.so"));
-    EXPECT_TRUE(computes[0].Has("profiling 9 host_pid 54 sub 4"));
-    EXPECT_TRUE(customs[0].Has("profiling 9 host_pid 54 sub 12"));
+    EXPECT_TRUE(test::WaitFor([&] { return OfKind(kCustom)[0].Has("load_so libcust_op.so"); }, 5s));
 }
 
 TEST_F(SessionTest, ProfilingBeforeEverythingReportedIsRefusedAndReachesNobody) {
