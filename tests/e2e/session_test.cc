@@ -245,7 +245,12 @@ TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
     EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 54, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
     // The compute process asks once, and once more when the custom process runs.
     ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1 && !OfKind(kCustom)[0].notes.empty(); }, 10s));
-    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCompute)[0].Count("asked for custom") == 2; }, 10s));
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            std::vector<StandinRecord> computes = OfKind(kCompute);
+            return computes.size() == 1 && computes[0].Count("asked for custom") == 2;
+        },
+        10s));
     EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon] cust-aicpu-rn has already run.", 5s));
     HDCMessage profiling;
     profiling.set_type(HDCMessage::ORV_UPDATE_PROIFILING_MSG);
