@@ -800,6 +800,7 @@ uint32_t OrvDaemon::GetProcessPidByName(const std::vector<std::string>& names, s
             ORV_LOG(ORV_INFO, "[OrvDaemon] Maybe subprocess is not exit");
             continue;
         }
+        line[strcspn(line, "\n")] = '\0';
         ORV_LOG(ORV_INFO, "[OrvDaemon] Found remnants process %s, pids:[%s]", name.c_str(), line);
         char* save = nullptr;
         for (char* token = strtok_r(line, " \t\n", &save); token != nullptr; token = strtok_r(nullptr, " \t\n", &save)) {

@@ -454,7 +454,7 @@ void OrvImpl::CheckAndHandleTimeout() {
         }
         ORV_LOG(ORV_INFO, "send timeout response to orv client success");
     }
-    startTick_ = tick + 1;
+    startTick_.fetch_add(1);
 }
 
 void OrvImpl::WaitForkTaskDone() {
@@ -777,8 +777,8 @@ uint32_t OrvImpl::GetGroupInfo(uint32_t& groupNum, std::string& groupName, OrvSu
         groupName.clear();
         if (groupNum != 0) {
             MutexLock lock(&groupMutex_);
-            for (const std::string& name : groupNames_) {
-                groupName += (groupName.empty() ? "" : ",") + name;
+            for (size_t index = 0; index < groupNames_.size(); ++index) {
+                groupName += (index == 0 ? "" : ",") + groupNames_[index];
             }
             ORV_LOG(ORV_INFO, "[OrvDaemon] Generate host group name string[%s]", groupName.c_str());
         }
@@ -1304,18 +1304,19 @@ uint32_t OrvImpl::NotifyUpdateProfilingToAicpu(uint32_t pid, uint32_t profilingM
 }
 
 void OrvImpl::UpdateAicpuProfiling(uint32_t profilingMode) {
-    auto answer = [this](uint32_t code) {
-        if (SendRspMsgToFmk(RCV_FMK_UPDATE_PROFILING, code, "") != 0) {
-            ORV_LOG(ORV_ERROR, "[OrvDaemon] Update aicpu profiling SendRspMsgToFmk failed");
-        }
-    };
+    uint32_t code = NotifyProfilingToRunningProcs(profilingMode);
+    if (SendRspMsgToFmk(RCV_FMK_UPDATE_PROFILING, code, "") != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Update aicpu profiling SendRspMsgToFmk failed");
+    }
+}
+
+uint32_t OrvImpl::NotifyProfilingToRunningProcs(uint32_t profilingMode) {
     if (!IsAllSubProcRunRegular()) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] vfId[%d] not running, skip update aicpu "
                 "profiling",
                 deviceIdInOs_, sessionId_, fmkPid_, vfId_);
-        answer(1);
-        return;
+        return 1;
     }
     int32_t computePid;
     int32_t customPid;
@@ -1346,11 +1347,10 @@ void OrvImpl::UpdateAicpuProfiling(uint32_t profilingMode) {
                     "update profiling mode[%u] failed",
                     deviceIdInOs_, sessionId_, fmkPid_, rankSize_.load(), vfId_, target.name, target.pid,
                     profilingMode);
-            answer(1);
-            return;
+            return 1;
         }
     }
-    answer(0);
+    return 0;
 }
 
 void OrvImpl::CheckEventClientHeartbeat(int32_t& pid, bool zebFlag) {

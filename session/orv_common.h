@@ -190,6 +190,9 @@ public:
     void CheckEventClientHeartbeat(int32_t& pid, bool zebFlag);
 
 private:
+    // Hands a profiling mode to the compute and custom processes that run;
+    // the code for the host's reply.
+    uint32_t NotifyProfilingToRunningProcs(uint32_t profilingMode);
     // Builds the start list, in the fixed order zarn, compute, queue.
     void SaveProcessConfig(std::vector<ProcessConfig>& configs);
     // Starts `work` on a thread kept in eventThreads_.

@@ -36,6 +36,10 @@ constexpr int kExitClosed = 4;
 const char kUsage[] =
     "usage: orv-host [--state DIR | --socket PATH] [--device D] [--json] [--timeout MS] COMMAND [ARGS]\n"
     "\n"
+    "The options above may also follow the command. Without --state or --socket, the device's socket\n"
+    "and trusted directory come from ORV_HDC_SOCKET_<D> and ORV_TRUSTED_DIR_<D> in the environment\n"
+    "(the names of DIR/sandbox.env), or, inside the sandbox, from where the sandbox lays them out.\n"
+    "\n"
     "Requests (each on a link of its own; the matching reply is awaited and printed):\n"
     "  test                        link test with this host's version information (32, answered by 33)\n"
     "  start [FIELDS]              start sub-processes (6, answered by 8)\n"
@@ -57,7 +61,7 @@ const char kUsage[] =
     "                                drop NAME\n"
     "                                sleep MS\n"
     "Packages:\n"
-    "  send-package FILE [--vf N] [--trusted-dir DIR]\n"
+    "  send-package FILE [--device D] [--vf N] [--trusted-dir DIR]\n"
     "                              write FILE into the device's (or VF N's) trusted directory under its own\n"
     "                              name, then close it, as the host framework does\n"
     "\n"
@@ -72,6 +76,7 @@ const char kUsage[] =
 struct Settings {
     std::string stateDir;
     std::string socket;
+    std::string trustedDir;
     uint32_t device = 0;
     bool json = false;
     int timeoutMs = 5000;
@@ -105,17 +110,31 @@ std::map<std::string, std::string> ReadEnvFile(const std::string& stateDir) {
     return env;
 }
 
+// A path that sandbox.env names: from the --state directory's file when one
+// was given, else from this process's environment, else (run inside the
+// sandbox) the path as the sandbox lays it out, `inside`.
+std::string SandboxPath(const std::string& name, const std::string& inside, const std::string& option) {
+    if (g_settings.stateDir.empty()) {
+        const char* value = std::getenv(name.c_str());
+        if (value != nullptr && *value != '\0') {
+            return value;
+        }
+        if (::access(inside.c_str(), F_OK) == 0) {
+            return inside;
+        }
+        throw UsageError{"give --state DIR or " + option + ", or set " + name};
+    }
+    std::map<std::string, std::string> env = ReadEnvFile(g_settings.stateDir);
+    auto it = env.find(name);
+    return it != env.end() ? it->second : g_settings.stateDir + inside;
+}
+
 std::string SocketFor(uint32_t device) {
     if (!g_settings.socket.empty()) {
         return g_settings.socket;
     }
-    if (g_settings.stateDir.empty()) {
-        throw UsageError{"give --state DIR or --socket PATH"};
-    }
-    std::map<std::string, std::string> env = ReadEnvFile(g_settings.stateDir);
-    auto it = env.find("ORV_HDC_SOCKET_" + std::to_string(device));
-    return it != env.end() ? it->second
-                           : g_settings.stateDir + "/run/orv-hdc/dev" + std::to_string(device) + ".sock";
+    std::string dev = std::to_string(device);
+    return SandboxPath("ORV_HDC_SOCKET_" + dev, "/run/orv-hdc/dev" + dev + ".sock", "--socket PATH");
 }
 
 // A request and how to wait for its answer.
@@ -459,20 +478,13 @@ int SendPackage(const std::vector<std::string>& args) {
     }
     std::vector<std::string> options(args.begin() + 1, args.end());
     long long vf = TakeOption(&options, "--vf", 0);
-    std::string dir;
-    for (size_t i = 0; i + 1 < options.size(); ++i) {
-        if (options[i] == "--trusted-dir") {
-            dir = options[i + 1];
-        }
+    if (!options.empty()) {
+        throw UsageError{"send-package takes FILE [--device D] [--vf N] [--trusted-dir DIR], got " + options[0]};
     }
+    std::string dir = g_settings.trustedDir;
     if (dir.empty()) {
-        if (g_settings.stateDir.empty()) {
-            throw UsageError{"give --state DIR or --trusted-dir DIR"};
-        }
-        std::map<std::string, std::string> env = ReadEnvFile(g_settings.stateDir);
-        std::string key = "ORV_TRUSTED_DIR_" + std::to_string(g_settings.device);
-        dir = env.count(key) != 0 ? env[key]
-                                  : g_settings.stateDir + "/home/hdc-trusted/dev" + std::to_string(g_settings.device);
+        std::string dev = std::to_string(g_settings.device);
+        dir = SandboxPath("ORV_TRUSTED_DIR_" + dev, "/home/hdc-trusted/dev" + dev, "--trusted-dir DIR");
     }
     if (vf != 0) {
         dir += "/vfid" + std::to_string(vf);
@@ -512,34 +524,37 @@ int SendPackage(const std::vector<std::string>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
     try {
-        size_t i = 0;
-        for (; i < args.size(); ++i) {
-            const std::string& arg = args[i];
-            bool hasValue = i + 1 < args.size();
+        // The link options may stand before or after the command; what is
+        // left is the command and its own arguments.
+        std::vector<std::string> args;
+        for (int i = 1; i < argc; ++i) {
+            const std::string arg = argv[i];
+            bool hasValue = i + 1 < argc;
             if (arg == "--state" && hasValue) {
-                g_settings.stateDir = args[++i];
+                g_settings.stateDir = argv[++i];
             } else if (arg == "--socket" && hasValue) {
-                g_settings.socket = args[++i];
+                g_settings.socket = argv[++i];
+            } else if (arg == "--trusted-dir" && hasValue) {
+                g_settings.trustedDir = argv[++i];
             } else if (arg == "--device" && hasValue) {
-                g_settings.device = static_cast<uint32_t>(Number(args[++i], arg));
+                g_settings.device = static_cast<uint32_t>(Number(argv[++i], arg));
             } else if (arg == "--timeout" && hasValue) {
-                g_settings.timeoutMs = static_cast<int>(Number(args[++i], arg));
+                g_settings.timeoutMs = static_cast<int>(Number(argv[++i], arg));
             } else if (arg == "--json") {
                 g_settings.json = true;
             } else if (arg == "--help" || arg == "-h") {
                 std::fputs(kUsage, stdout);
                 return kExitOk;
             } else {
-                break;
+                args.push_back(arg);
             }
         }
-        if (i >= args.size()) {
+        if (args.empty()) {
             throw UsageError{"no command"};
         }
-        const std::string command = args[i];
-        std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+        const std::string command = args[0];
+        std::vector<std::string> rest(args.begin() + 1, args.end());
         if (command == "frame") {
             return RunFrame(rest);
         }

@@ -39,6 +39,7 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
     std::string prefix = DirName(binDir);
     plan->cardEmu = binDir + "/orv-card-emu";
     plan->emuCtl = binDir + "/orv-emu-ctl";
+    plan->host = binDir + "/orv-host";
     plan->daemon = plan->options.daemonPath.empty() ? binDir + "/orvdaemon" : RealPath(plan->options.daemonPath);
     plan->standIn = binDir + "/orv-subproc-stub";
     plan->imgVerify = prefix + "/lib/liborv_emu_imgverify.so";

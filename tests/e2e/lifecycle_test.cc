@@ -124,7 +124,9 @@ TEST(LifecycleTest, AKilledDaemonIsReportedByTheMonitorAndItsLeftoversGoAtRestar
     pid_t first = std::stoi(sandbox.Env()["ORV_DAEMON_PID"]);
     // A compute process the killed daemon would have left behind.
     ASSERT_EQ(sandbox.Enter({"/var/aicpu_runner", "--deviceId=0"}, nullptr, true), 0);
-    ASSERT_TRUE(test::WaitFor([&] { return sandbox.Enter({"pidof", "aicpu_runner"}) == 0; }, 5s));
+    std::string leftover;
+    ASSERT_TRUE(test::WaitFor([&] { return sandbox.Enter({"pidof", "aicpu_runner"}, &leftover) == 0; }, 5s));
+    leftover.erase(leftover.find_last_not_of('\n') + 1);
 
     ASSERT_EQ(kill(first, SIGKILL), 0);
     // The monitor's time-out is 30 s from the last heartbeat.
@@ -138,6 +140,7 @@ TEST(LifecycleTest, AKilledDaemonIsReportedByTheMonitorAndItsLeftoversGoAtRestar
         },
         20s));
     EXPECT_EQ(sandbox.Enter({"pidof", "aicpu_runner"}), 1) << "the leftover was killed";
+    EXPECT_TRUE(sandbox.Log().Contains("[OrvDaemon] Found remnants process aicpu_runner, pids:[" + leftover + "]"));
     EXPECT_EQ(sandbox.Log().Count("[OrvDaemon] kill [index= 0]"), 1u);
     EXPECT_EQ(sandbox.Log().Count("Get AICPU_MAX_NUM is 7"), 2u) << "the restart kept the boot environment";
     EXPECT_EQ(sandbox.Stop(), 0);

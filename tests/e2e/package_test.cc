@@ -92,6 +92,31 @@ TEST_F(PackageTest, ADeliveredPackageIsInstalledAndItsCheckCodeReported) {
     EXPECT_EQ(sandbox_.Log().Count("Unzip_cmd is"), unpacks);
 }
 
+// Every device's trusted directory feeds the one worker of its vf. The host
+// tool finds the card from sandbox.env's names in its environment as well as
+// from --state, and takes its link options after the command.
+TEST_F(PackageTest, APackageSentThroughAnotherDevicesTrustedDirectoryIsInstalled) {
+    Boot({"--devices", "2"});
+    std::string package = MakePackage(kPackageName);
+    Deliver(package, {"--device", "1"});
+    uint32_t size = static_cast<uint32_t>(SizeOf(package));
+    std::map<std::string, std::string> env = sandbox_.Env();
+    std::vector<std::string> query = {"/usr/bin/env", "ORV_HDC_SOCKET_1=" + env["ORV_HDC_SOCKET_1"],
+                                      test::BinDir() + "/orv-host", "check-package", "--device", "1", "--json"};
+    std::string output;
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            return test::RunProgram(query, &output) == 0 &&
+                   output.find("\"check_code\":" + std::to_string(size) + ",") != std::string::npos;
+        },
+        10s))
+        << output;
+    EXPECT_EQ(CheckCode(), size);
+    EXPECT_TRUE(Exists(InstalledPath("0/aicpu_kernels_device/version.info")));
+    EXPECT_TRUE(sandbox_.Log().Contains("get inotify path[/home/hdc-trusted/dev1] map to wd["));
+    EXPECT_FALSE(Exists(Inside("/home/hdc-trusted/dev1/") + kPackageName));
+}
+
 TEST_F(PackageTest, AStartWaitsForTheInstalledCheckCode) {
     Boot();
     std::string package = MakePackage(kPackageName);
