@@ -187,6 +187,8 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
             reply.set_text(path);
             return reply;
         }
+        case CardRequest::kHalVerifyImg:
+            return Reply(DRV_ERROR_NONE);
         case CardRequest::kStandinBehaviour: {
             std::string behaviour;
             uint32_t delayMs = 0;

@@ -177,6 +177,20 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
     // Refused before the unpack: the installed kernels are untouched.
     EXPECT_TRUE(Exists(InstalledPath("0/aicpu_kernels_device/libaicpu_demo_kernels.so")));
 
+    // A sound package that the card's verification refuses once is refused,
+    // and installed when it comes again.
+    std::string sound = MakePackage("10_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "300"});
+    std::string output;
+    ASSERT_EQ(test::EmuCtl(sandbox_, {"fail", "halVerifyImg", "7", "1"}, &output), 0) << output;
+    size_t refusals = sandbox_.Log().Count("Check head tag failed");
+    Deliver(sound);
+    EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count("Check head tag failed") > refusals; }, 10s));
+    EXPECT_EQ(CheckCode(), size);
+    EXPECT_EQ(test::EmuCtl(sandbox_, {"faults"}, &output), 0);
+    EXPECT_EQ(output, "") << "the fault was used";
+    Deliver(sound);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(sound); }, 10s));
+
     // A name that does not have a package's form is not even looked at.
     std::string stray = MakePackage("Velkan512-aicpu_syskernels.tar.gz");
     Deliver(stray);
