@@ -128,7 +128,7 @@ DriverService::DriverService(const CardConfig* config, FaultTable* faults, Group
 
 CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
     int32_t injected = 0;
-    if (faults_->Take(DriverCallName(request), &injected)) {
+    if (!request.fault_exempt() && faults_->Take(DriverCallName(request), &injected)) {
         return Reply(injected);
     }
     switch (request.call_case()) {

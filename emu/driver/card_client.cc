@@ -53,7 +53,12 @@ drvError_t CardClient::Call(const CardRequest& request, CardReply* reply) {
     if (!fd.Valid()) {
         return DRV_ERROR_IOCRL_FAIL;
     }
-    if (!ExchangeMessages(fd.Get(), request, reply)) {
+    CardRequest exempt;
+    if (exempt_) {
+        exempt = request;
+        exempt.set_fault_exempt(true);
+    }
+    if (!ExchangeMessages(fd.Get(), exempt_ ? exempt : request, reply)) {
         return DRV_ERROR_IOCRL_FAIL;
     }
     Return(std::move(fd));

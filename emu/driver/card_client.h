@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -30,11 +31,16 @@ public:
     // DRV_ERROR_IOCRL_FAIL when the card cannot be reached.
     drvError_t Call(const CardRequest& request, CardReply* reply);
 
+    // Marks this process's calls as exempt from injected faults (the
+    // emulator's stand-ins).
+    void ExemptFromFaults() { exempt_ = true; }
+
 private:
     UniqueFd Borrow();
     void Return(UniqueFd fd);
 
     const std::string socketPath_;
+    std::atomic<bool> exempt_{false};
 
     Mutex mutex_;
     std::vector<UniqueFd> idle_ GUARDED_BY(mutex_);

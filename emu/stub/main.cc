@@ -320,6 +320,7 @@ int main(int argc, char** argv) {
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
 
+    orv::emu::CardClient::Instance().ExemptFromFaults();
     Options options;
     options.kind = KindOf(argv[0]);
     options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));

@@ -238,6 +238,29 @@ TEST_F(SessionTest, CloseIsAnsweredOnceAndEndsTheLinkAndTheProcesses) {
     EXPECT_FALSE(Running("zarn_service.bin"));
 }
 
+// A driver fault is the daemon's to meet: the stand-ins' start reports pass,
+// and the daemon's close request is the submit that fails. The close then
+// waits for a report that cannot come, until the host gives up on the link;
+// the clean-up kills the process that never heard of the close.
+TEST_F(SessionTest, AnInjectedSubmitFaultFailsTheDaemonsCloseRequestNotTheStartReport) {
+    Boot();
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"fail", "halEschedSubmitEvent", "5", "1"}, &output), 0) << output;
+    Session(
+        "open a\n"
+        "send a start --pid 57 --cp\n"
+        "expect a 8 --code 0 --timeout 10000\n"
+        "send a close --pid 57\n"
+        "expect-none a --timeout 7000\n"
+        "drop a\n");
+    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] ExecuteClose OrvEventServer SendData failed"));
+    EXPECT_TRUE(sandbox_.Log().Contains("halEschedSubmitEvent to dev[0] pid["));
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s));
+    std::vector<StandinRecord> computes = OfKind(kCompute);
+    ASSERT_EQ(computes.size(), 1u);
+    EXPECT_FALSE(computes[0].Has("close_request"));
+}
+
 TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
     Boot();
     Standin("compute", "ask-custom", 200);
