@@ -69,7 +69,8 @@ bool RunCapture(const std::string& command, std::string* output) {
 std::string InnerNameFor(const std::string& out) {
     std::string base = out.substr(out.find_last_of('/') + 1);
     std::smatch match;
-    static const std::regex kArchiveName("Velkan[0-9]{3}-aicpu_syskernels\\.tar\\.gz");
+    // What the daemon takes for the archive part of a package's name.
+    static const std::regex kArchiveName("Velkan[0-9]{3}.*\\.tar\\.gz");
     return std::regex_search(base, match, kArchiveName) ? match.str() : std::string(kDefaultInnerName);
 }
 

@@ -76,7 +76,7 @@ size_t SkipString(const std::string& data, size_t pos) {
 
 }  // namespace
 
-bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* comment) {
+bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* comment, size_t* commentOffset) {
     if (data.size() < kFixedHeader || static_cast<unsigned char>(data[0]) != kGzipId1 ||
         static_cast<unsigned char>(data[1]) != kGzipId2) {
         return false;
@@ -94,6 +94,7 @@ bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* c
     if ((flags & kFlagName) && (pos = SkipString(data, pos)) == std::string::npos) {
         return false;
     }
+    size_t commentStart = pos;
     if (flags & kFlagComment) {
         size_t end = SkipString(data, pos);
         if (end == std::string::npos) {
@@ -109,6 +110,9 @@ bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* c
         return false;
     }
     *bodyOffset = pos;
+    if (commentOffset != nullptr) {
+        *commentOffset = (flags & kFlagComment) ? commentStart : pos;
+    }
     return true;
 }
 
@@ -126,12 +130,12 @@ std::string SignPackage(const std::string& gzip, const std::string& privateKeyPe
         return std::string();
     }
     size_t length = 0;
-    const auto* data = reinterpret_cast<const unsigned char*>(gzip.data()) + body;
-    if (EVP_DigestSign(context.get(), nullptr, &length, data, gzip.size() - body) != 1) {
+    const auto* data = reinterpret_cast<const unsigned char*>(gzip.data());
+    if (EVP_DigestSign(context.get(), nullptr, &length, data, gzip.size()) != 1) {
         return std::string();
     }
     std::vector<unsigned char> signature(length);
-    if (EVP_DigestSign(context.get(), signature.data(), &length, data, gzip.size() - body) != 1) {
+    if (EVP_DigestSign(context.get(), signature.data(), &length, data, gzip.size()) != 1) {
         return std::string();
     }
     signature.resize(length);
@@ -143,9 +147,10 @@ std::string SignPackage(const std::string& gzip, const std::string& privateKeyPe
 
 bool VerifyPackage(const std::string& package, const std::string& publicKeyPem) {
     size_t body = 0;
+    size_t commentStart = 0;
     std::string comment;
     const std::string prefix = kSignaturePrefix;
-    if (!ParseGzipHeader(package, &body, &comment) || comment.compare(0, prefix.size(), prefix) != 0) {
+    if (!ParseGzipHeader(package, &body, &comment, &commentStart) || comment.compare(0, prefix.size(), prefix) != 0) {
         return false;
     }
     std::vector<unsigned char> signature;
@@ -158,8 +163,12 @@ bool VerifyPackage(const std::string& package, const std::string& publicKeyPem) 
         EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1) {
         return false;
     }
-    const auto* data = reinterpret_cast<const unsigned char*>(package.data()) + body;
-    return EVP_DigestVerify(context.get(), signature.data(), signature.size(), data, package.size() - body) == 1;
+    // The package as it was signed: without the comment field and its flag.
+    std::string original = package.substr(0, commentStart);
+    original[kFlagOffset] = static_cast<char>(static_cast<unsigned char>(original[kFlagOffset]) & ~kFlagComment);
+    original.append(package, body, std::string::npos);
+    const auto* data = reinterpret_cast<const unsigned char*>(original.data());
+    return EVP_DigestVerify(context.get(), signature.data(), signature.size(), data, original.size()) == 1;
 }
 
 }  // namespace orv::emu
