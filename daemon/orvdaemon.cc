@@ -37,11 +37,8 @@ std::atomic<bool> OrvDaemon::orvdaemonStartFlag_{false};
 
 namespace {
 
-constexpr char kDefaultMemGroup[] = "DEFAULT_MEM_GROUP";
 constexpr char kEnvScriptPath[] = "/var/orvdaemon_add_env_variable.sh";
 constexpr char kSysMonitorPath[] = "/proc/sysmonitor";
-constexpr char kCustSoRoot[] = "/home/QelvarUser/";
-constexpr char kCustSoPrefix[] = "cust_aicpu_";
 constexpr int kMaxEnvScriptLines = 20;
 constexpr uint32_t kMaxProcessDefault = 32;
 constexpr uint32_t kMaxProcessLimit = 128;

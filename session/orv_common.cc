@@ -39,9 +39,6 @@ constexpr char kComputeName[] = "aicpu_runner";
 constexpr char kCustomComputeName[] = "aicpu_custom_runner";
 constexpr char kQueueName[] = "queue_runner";
 constexpr char kKernelsRoot[] = "/usr/lib64/aicpu_kernels/";
-constexpr char kCustSoRoot[] = "/home/QelvarUser/";
-constexpr char kCustSoPrefix[] = "cust_aicpu_";
-constexpr char kDefaultMemGroup[] = "DEFAULT_MEM_GROUP";
 
 constexpr uint32_t kStartTimeoutTicks = 25;
 constexpr uint32_t kFpgaStartTimeoutTicks = 2500;

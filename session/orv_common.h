@@ -84,6 +84,12 @@ extern const std::string kComputePath;
 extern const std::string kCustomComputePath;
 extern const std::string kQueuePath;
 
+// The buffer group the queue scheduler joins when none is named.
+inline constexpr char kDefaultMemGroup[] = "DEFAULT_MEM_GROUP";
+// Custom-kernel files of a session: kCustSoRoot + kCustSoPrefix + vf and host pid.
+inline constexpr char kCustSoRoot[] = "/home/QelvarUser/";
+inline constexpr char kCustSoPrefix[] = "cust_aicpu_";
+
 class OrvImpl {
 public:
     OrvImpl(uint32_t deviceIdInOs, uint32_t sessionId, uint32_t rankSize, uint32_t realDeviceId, uint32_t fmkPid,

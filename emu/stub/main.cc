@@ -183,10 +183,22 @@ void WriteStartRecord(int argc, char** argv, const Options& options) {
     }
 }
 
-// Sends one record to the parent (the daemon) on the group of this device.
-// The sub-event is the record's kind, except for a kernel time-out, which
-// rides the report channel (sub-event 0): the daemon routes sub-events 0, 1,
-// 2 and 6 and reads the kind from the record.
+// Submits a record to the parent (the daemon) on the group of this device.
+drvError_t SubmitToParent(const Options& options, uint32_t subEvent, const void* record, size_t length) {
+    event_summary summary{};
+    summary.dst_pid = static_cast<int32_t>(getppid());
+    summary.grp_id = options.deviceId;
+    summary.event_id = EVENT_CCPU_CTRL_MSG;
+    summary.subevent_id = subEvent;
+    summary.msg = static_cast<const char*>(record);
+    summary.msg_len = static_cast<uint32_t>(length);
+    summary.dst_engine = EVENT_DST_ENGINE_CCPU;
+    return halEschedSubmitEvent(kEventDevice, &summary);
+}
+
+// Sends one report. The sub-event is the record's kind, except for a kernel
+// time-out, which rides the report channel (sub-event 0): the daemon routes
+// sub-events 0, 1, 2 and 6 and reads the kind from the record.
 void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
     OrvSubEventInfo record;
     std::memset(&record, 0, sizeof(record));
@@ -198,15 +210,8 @@ void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, u
     record.procType = procTypeWord;
     record.eventType = eventType;
     record.payloadWord = payloadWord;
-    event_summary summary{};
-    summary.dst_pid = static_cast<int32_t>(getppid());
-    summary.grp_id = options.deviceId;
-    summary.event_id = EVENT_CCPU_CTRL_MSG;
-    summary.subevent_id = eventType == orv::ORV_SUB_EVENT_ABNORMAL ? orv::ORV_SUB_EVENT_START : eventType;
-    summary.msg = reinterpret_cast<const char*>(&record);
-    summary.msg_len = sizeof(record);
-    summary.dst_engine = EVENT_DST_ENGINE_CCPU;
-    drvError_t rc = halEschedSubmitEvent(kEventDevice, &summary);
+    uint32_t subEvent = eventType == orv::ORV_SUB_EVENT_ABNORMAL ? orv::ORV_SUB_EVENT_START : eventType;
+    drvError_t rc = SubmitToParent(options, subEvent, &record, sizeof(record));
     Note("sent " + std::to_string(eventType) + " rc " + std::to_string(rc));
 }
 
@@ -221,15 +226,7 @@ void AskForCustom(const Options& options) {
     request.procType = options.kind;
     request.eventType = orv::ORV_SUB_EVENT_CUST_START;
     request.groupNum = 0;
-    event_summary summary{};
-    summary.dst_pid = static_cast<int32_t>(getppid());
-    summary.grp_id = options.deviceId;
-    summary.event_id = EVENT_CCPU_CTRL_MSG;
-    summary.subevent_id = orv::ORV_SUB_EVENT_CUST_START;
-    summary.msg = reinterpret_cast<const char*>(&request);
-    summary.msg_len = sizeof(request);
-    summary.dst_engine = EVENT_DST_ENGINE_CCPU;
-    drvError_t rc = halEschedSubmitEvent(kEventDevice, &summary);
+    drvError_t rc = SubmitToParent(options, orv::ORV_SUB_EVENT_CUST_START, &request, sizeof(request));
     Note("asked for custom rc " + std::to_string(rc));
 }
 
