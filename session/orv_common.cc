@@ -248,13 +248,21 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
     }
     std::vector<uint32_t> ctrlCpus;
     OrvDrvManager::GetInstance()->GetCtrlCpus(deviceIdInOs_, ctrlCpus);
-    int32_t pid = ForkSubProcess(path, name, type, ctrlCpus);
+    // The child waits before its exec until its pid is recorded: its start
+    // report, a close and the clean-up all find it.
+    StartGate gate;
+    int32_t pid = ForkSubProcess(path, name, type, ctrlCpus, &gate);
     if (pid < 1) {
         OrvDaemon::GetInstance()->GenerateAlarmMessage(type, 0, fmkPid_, ALARM_REASON_FORK_FAILED);
         ORV_LOG(ORV_ERROR,
                 "[OrvDaemon] ExecuteStart() process num > process max threshold or out of memory [pid=%d],[errno=%d]",
                 pid, errno);
         perror("[OrvDaemon] ############### ExecuteStart fork() error: ##################");
+        // A child whose group grant or affinity restore failed runs on, as it
+        // always has; it is tracked like any other, and ends with the session.
+        if (gate.Child() > 0 && RecordForkedSubProcess(gate.Child(), type)) {
+            gate.Release();
+        }
     } else {
         ORV_LOG(ORV_EVENT,
                 "[OrvEVENT]#### Start ORV->SubProcess[PROC] Start Msg device index in os[%u] Proc[%s] fmkPid[%u] "
@@ -268,6 +276,7 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
                     "start of subPid[%d], killed", deviceIdInOs_, sessionId_, fmkPid_, pid);
             return;
         }
+        gate.Release();
         std::string procName;
         OrvDaemon::GetInstance()->GetPidAppName(type, static_cast<uint32_t>(pid), procName);
         if (type == QUEUE_SCHEDULE && OrvDaemon::GetInstance()->GetZebFlag()) {
@@ -593,7 +602,7 @@ bool OrvImpl::GetIsZebFlag() {
 }
 
 int32_t OrvImpl::ForkSubProcess(const std::string& path, const std::string& name, OrvSubProcessType type,
-                                const std::vector<uint32_t>& ctrlCpus) {
+                                const std::vector<uint32_t>& ctrlCpus, StartGate* gate) {
     uint32_t chipId = GetChipId();
     if (chipId == UINT32_MAX) {
         ORV_LOG(ORV_ERROR, "Get chip id from device id failed");
@@ -668,7 +677,8 @@ int32_t OrvImpl::ForkSubProcess(const std::string& path, const std::string& name
     std::vector<char*> cArgv = CStrings(argv);
     std::vector<char*> cEnvp = CStrings(envp);
     return ProcessUtil::StartAndBindSubProcess(path, ctrlCpus, cArgv.data(),
-                                               emptyEnvironment ? nullptr : cEnvp.data(), useExecv, groups, callback);
+                                               emptyEnvironment ? nullptr : cEnvp.data(), useExecv, groups, callback,
+                                               gate);
 }
 
 uint32_t OrvImpl::GetProcessInfo(ProcessInfo& info, OrvSubProcessType type) {

@@ -20,6 +20,7 @@
 #include "event/orv_event_interface.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
+#include "session/process_util.h"
 
 namespace orv {
 
@@ -136,9 +137,9 @@ public:
     bool IsAllSubProcCloseRegular() const;
     void SetProcessCloseFlag(uint32_t procType);
     void SetSubProcPid(int32_t pid, uint32_t procType);
-    // Records a sub-process just forked, unless closing began since its worker
-    // looked; then no clean-up will see it, and it is killed here. True when
-    // it was recorded.
+    // Records a sub-process just forked, still held before its exec, unless
+    // closing began since its worker looked; then no clean-up will see it,
+    // and it is killed here. True when it was recorded.
     bool RecordForkedSubProcess(int32_t pid, uint32_t procType);
     void SetCloseHandle(bool closeHandle);
     bool GetCloseHandle();
@@ -148,9 +149,9 @@ public:
     // ---- Sub-process launch ----
 
     // Forks and executes one sub-process bound to `ctrlCpus`; its pid, or a
-    // value below 1.
+    // value below 1. With a `gate`, the child execs only once it is released.
     int32_t ForkSubProcess(const std::string& path, const std::string& name, OrvSubProcessType type,
-                           const std::vector<uint32_t>& ctrlCpus);
+                           const std::vector<uint32_t>& ctrlCpus, StartGate* gate = nullptr);
     uint32_t GetProcessInfo(ProcessInfo& info, OrvSubProcessType type);
     uint32_t CheckProcessInputParam(const std::string& path, const std::string& name) const;
     // Chip id of the session's device, or all ones.

@@ -1,5 +1,6 @@
 #include "session/process_util.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +19,53 @@ constexpr uint32_t kAllPermissions = 15;
 constexpr drvError_t kGrantedAlready = 10;
 constexpr drvError_t kGrantNotSupported = 65534;
 }  // namespace
+
+// A socket pair rather than a pipe, so that releasing a child that was killed
+// meanwhile raises no SIGPIPE.
+bool StartGate::Open() {
+    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) == 0;
+}
+
+void StartGate::Pass() {
+    close(fds_[1]);
+    fds_[1] = -1;
+    char go = 0;
+    ssize_t got;
+    do {
+        got = read(fds_[0], &go, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got != 1) {
+        _exit(EXIT_FAILURE);
+    }
+    Close();
+}
+
+void StartGate::Forked(int32_t pid) {
+    child_ = pid;
+    close(fds_[0]);
+    fds_[0] = -1;
+}
+
+void StartGate::Release() {
+    if (fds_[1] >= 0) {
+        const char go = 1;
+        (void)send(fds_[1], &go, 1, MSG_NOSIGNAL);
+    }
+    Close();
+}
+
+void StartGate::Close() {
+    for (int& fd : fds_) {
+        if (fd >= 0) {
+            close(fd);
+            fd = -1;
+        }
+    }
+}
+
+StartGate::~StartGate() {
+    Close();
+}
 
 uint32_t ProcessUtil::SetThreadAffinity(pthread_t threadId, const std::vector<uint32_t>& cpus) {
     cpu_set_t set;
@@ -61,7 +109,7 @@ uint32_t ProcessUtil::RestoreThreadAffinity(pthread_t threadId, const cpu_set_t&
 int32_t ProcessUtil::StartAndBindSubProcess(const std::string& path, const std::vector<uint32_t>& ctrlCpus,
                                             char* const argv[], char* const envp[], const bool& useExecv,
                                             const std::vector<std::string>& groups,
-                                            const std::function<void()>& callback) {
+                                            const std::function<void()>& callback, StartGate* gate) {
     pthread_t tid = pthread_self();
     cpu_set_t saved;
     if (SaveThreadAffinity(tid, saved) != 0) {
@@ -73,7 +121,7 @@ int32_t ProcessUtil::StartAndBindSubProcess(const std::string& path, const std::
         return -1;
     }
     // Forked while bound: the child inherits the control CPUs.
-    int32_t pid = StartSubProcess(path, argv, envp, useExecv, groups, callback);
+    int32_t pid = StartSubProcess(path, argv, envp, useExecv, groups, callback, gate);
     if (RestoreThreadAffinity(tid, saved) != 0) {
         ORV_LOG(ORV_ERROR, "RestoreThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
         return -1;
@@ -83,19 +131,26 @@ int32_t ProcessUtil::StartAndBindSubProcess(const std::string& path, const std::
 
 int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[], char* const envp[],
                                      const bool& useExecv, const std::vector<std::string>& groups,
-                                     const std::function<void()>& callback) {
+                                     const std::function<void()>& callback, StartGate* gate) {
     if (callback) {
         ORV_LOG(ORV_INFO, "[ProcessUtil] excute callback.");
     } else {
         ORV_LOG(ORV_INFO, "[ProcessUtil] will not excute callback");
     }
     ORV_LOG(ORV_INFO, "[ProcessUtil] execve path:%s.", path.c_str());
+    StartGate ownGate;
+    StartGate& startGate = gate != nullptr ? *gate : ownGate;
+    if (!startGate.Open()) {
+        ORV_LOG(ORV_ERROR, "[ProcessUtil] StartSubProcess() cannot make the start gate, errno[%d]", errno);
+        return -1;
+    }
     static char* const kEmptyEnvironment[] = {nullptr};
     pid_t pid = fork();
     if (pid == 0) {
         if (callback) {
             callback();
         }
+        startGate.Pass();
         if (useExecv) {
             execv(path.c_str(), argv);
         } else {
@@ -106,6 +161,7 @@ int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[]
         return -1;
     }
     if (pid < 0) {
+        startGate.Close();
         ORV_LOG(ORV_ERROR,
                 "[ProcessUtil] StartSubProcess() process num > process max threshold or out of memory [pid=%d],"
                 "[errno=%d]",
@@ -113,10 +169,12 @@ int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[]
         perror("[ProcessUtil] ############### StartSubProcess fork() error: ##################");
         return -1;
     }
-    if (AddSubProcessToGroups(pid, groups) != 0) {
-        return -1;
+    startGate.Forked(pid);
+    uint32_t granted = AddSubProcessToGroups(pid, groups);
+    if (gate == nullptr) {
+        ownGate.Release();
     }
-    return pid;
+    return granted == 0 ? pid : -1;
 }
 
 uint32_t ProcessUtil::AddSubProcessToGroups(int32_t pid, const std::vector<std::string>& groups) {

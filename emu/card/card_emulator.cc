@@ -95,6 +95,16 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             EmuLog("fault: next %u call(s) of %s return %d", fault.count(), fault.call().c_str(), fault.code());
             return TextReply(DRV_ERROR_NONE, faults_.Describe());
         }
+        case CardRequest::kInjectDelay: {
+            const InjectDelay& delay = request.inject_delay();
+            if (!IsDriverCall(delay.call())) {
+                return TextReply(DRV_ERROR_INVALID_VALUE, "unknown call '" + delay.call() + "'\n");
+            }
+            faults_.InjectDelay(delay.call(), delay.delay_ms(), delay.count());
+            EmuLog("delay: next %u call(s) of %s answer %u ms late", delay.count(), delay.call().c_str(),
+                   delay.delay_ms());
+            return TextReply(DRV_ERROR_NONE, faults_.Describe());
+        }
         case CardRequest::kClearFaults:
             faults_.Clear();
             return TextReply(DRV_ERROR_NONE, "");

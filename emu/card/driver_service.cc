@@ -1,7 +1,9 @@
 #include "emu/card/driver_service.h"
 
 #include <cctype>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include <driver_hal.h>
 
@@ -64,6 +66,10 @@ bool IsFaultableCall(const std::string& name) {
             return true;
         }
     }
+    return IsDriverCall(name);
+}
+
+bool IsDriverCall(const std::string& name) {
     const auto* oneof = CardRequest::descriptor()->FindOneofByName("call");
     for (int i = 0; i < oneof->field_count(); ++i) {
         const auto* field = oneof->field(i);
@@ -127,6 +133,16 @@ DriverService::DriverService(const CardConfig* config, FaultTable* faults, Group
       standins_(standins) {}
 
 CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
+    CardReply reply = Serve(caller, request);
+    // A late answer: the call has done its work, only the caller waits longer.
+    uint32_t delayMs = 0;
+    if (!request.fault_exempt() && faults_->TakeDelay(DriverCallName(request), &delayMs)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+    }
+    return reply;
+}
+
+CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
     int32_t injected = 0;
     if (!request.fault_exempt() && faults_->Take(DriverCallName(request), &injected)) {
         return Reply(injected);

@@ -42,6 +42,8 @@ private:
 
 // True when `name` is a driver HAL or app-monitor call that faults can target.
 bool IsFaultableCall(const std::string& name);
+// True when `name` is a driver HAL call.
+bool IsDriverCall(const std::string& name);
 
 class DriverService {
 public:
@@ -55,6 +57,7 @@ public:
 
 private:
     CardReply GetDeviceInfo(const HalGetDeviceInfo& call) const;
+    CardReply Serve(pid_t caller, const CardRequest& request);
     CardReply EventCall(pid_t caller, const CardRequest& request);
 
     const CardConfig* const config_;

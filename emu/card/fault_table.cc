@@ -26,9 +26,32 @@ bool FaultTable::Take(const std::string& call, int32_t* code) {
     return true;
 }
 
+void FaultTable::InjectDelay(const std::string& call, uint32_t delayMs, uint32_t count) {
+    MutexLock lock(&mutex_);
+    if (count == 0) {
+        delays_.erase(call);
+    } else {
+        delays_[call] = Delay{delayMs, count};
+    }
+}
+
+bool FaultTable::TakeDelay(const std::string& call, uint32_t* delayMs) {
+    MutexLock lock(&mutex_);
+    auto it = delays_.find(call);
+    if (it == delays_.end()) {
+        return false;
+    }
+    *delayMs = it->second.delayMs;
+    if (--it->second.remaining == 0) {
+        delays_.erase(it);
+    }
+    return true;
+}
+
 void FaultTable::Clear() {
     MutexLock lock(&mutex_);
     faults_.clear();
+    delays_.clear();
 }
 
 std::string FaultTable::Describe() const {
@@ -36,6 +59,9 @@ std::string FaultTable::Describe() const {
     std::ostringstream out;
     for (const auto& [call, fault] : faults_) {
         out << call << " code " << fault.code << " remaining " << fault.remaining << "\n";
+    }
+    for (const auto& [call, delay] : delays_) {
+        out << call << " delay_ms " << delay.delayMs << " remaining " << delay.remaining << "\n";
     }
     return out.str();
 }

@@ -1,4 +1,5 @@
-// Faults injected through the control socket: "the next N calls of X return C".
+// Faults injected through the control socket: "the next N calls of X return C",
+// and "the next N calls of X answer M ms late".
 #ifndef ORV_EMU_CARD_FAULT_TABLE_H
 #define ORV_EMU_CARD_FAULT_TABLE_H
 
@@ -23,9 +24,17 @@ public:
     // When `call` is armed, uses up one failure and stores its code.
     bool Take(const std::string& call, int32_t* code);
 
+    // Arms `count` late answers of `call`, each `delayMs` late, replacing what
+    // was armed; a count of 0 disarms it.
+    void InjectDelay(const std::string& call, uint32_t delayMs, uint32_t count);
+
+    // When `call` has a late answer armed, uses it up and stores the delay.
+    bool TakeDelay(const std::string& call, uint32_t* delayMs);
+
     void Clear();
 
-    // One line per armed call: "<call> code <C> remaining <N>".
+    // One line per armed call: "<call> code <C> remaining <N>", or
+    // "<call> delay_ms <M> remaining <N>".
     std::string Describe() const;
 
 private:
@@ -34,8 +43,14 @@ private:
         uint32_t remaining;
     };
 
+    struct Delay {
+        uint32_t delayMs;
+        uint32_t remaining;
+    };
+
     mutable Mutex mutex_;
     std::map<std::string, Fault> faults_ GUARDED_BY(mutex_);
+    std::map<std::string, Delay> delays_ GUARDED_BY(mutex_);
 };
 
 }  // namespace orv::emu

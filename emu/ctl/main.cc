@@ -19,13 +19,16 @@ void Usage() {
                  "  groups                     list buffer groups, their members and recycled pids\n"
                  "  appmon                     list the app monitor's clients\n"
                  "  processes                  list processes bound to host processes\n"
-                 "  faults                     list armed faults\n"
+                 "  faults                     list armed faults and delays\n"
                  "  fail CALL CODE [COUNT]     make the next COUNT (default 1) calls of CALL return CODE;\n"
                  "                             CALL is a driver HAL function (drvGetDevNum, halGrpAttach,\n"
                  "                             halVerifyImg, ...)\n"
                  "                             or an app-monitor call (appmon_client_register, ...); the\n"
                  "                             emulator's stand-ins never take a fault, real programs do\n"
-                 "  clear-faults               disarm every fault\n"
+                 "  slow CALL MS [COUNT]       make the next COUNT (default 1) calls of the driver HAL function\n"
+                 "                             CALL answer MS milliseconds late (the call's work is done at\n"
+                 "                             once; only its caller waits), to widen a race on purpose\n"
+                 "  clear-faults               disarm every fault and delay\n"
                  "  vf create|destroy ID [--length N] [--timeout MS]\n"
                  "                             the driver tells the daemon that VF ID was created or destroyed\n"
                  "                             (a notice of N bytes; 16 by default) and prints the daemon's\n"
@@ -199,6 +202,18 @@ int main(int argc, char** argv) {
         fault->set_call(words[1]);
         fault->set_code(static_cast<int32_t>(code));
         fault->set_count(static_cast<uint32_t>(count));
+    } else if (command == "slow" && (words.size() == 3 || words.size() == 4)) {
+        long delayMs = 0;
+        long count = 1;
+        if (!ParseNumber(words[2], &delayMs) || delayMs < 0 ||
+            (words.size() == 4 && (!ParseNumber(words[3], &count) || count < 0))) {
+            std::fprintf(stderr, "orv-emu-ctl: MS and COUNT must be numbers\n");
+            return 2;
+        }
+        auto* delay = request.mutable_inject_delay();
+        delay->set_call(words[1]);
+        delay->set_delay_ms(static_cast<uint32_t>(delayMs));
+        delay->set_count(static_cast<uint32_t>(count));
     } else {
         Usage();
         return 2;

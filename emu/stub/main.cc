@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,15 +44,12 @@ constexpr uint32_t kKindZarn = 0;
 constexpr uint32_t kKindCompute = 1;
 constexpr uint32_t kKindCustom = 2;
 constexpr uint32_t kKindQueue = 3;
-constexpr auto kGroupGrantWait = std::chrono::seconds(3);
 
 struct Options {
     uint32_t kind = 1;
     uint32_t deviceId = 0;
     int32_t vfId = 0;
     uint32_t hostPid = 0;
-    std::string groupNameList;  // of a compute process: the groups the daemon grants it
-    std::string qsGroupName;    // of a queue process: the same
 };
 
 std::mutex g_recordMutex;
@@ -122,32 +118,6 @@ std::vector<std::string> OwnGroups() {
     return groups;
 }
 
-// The daemon grants a compute or queue process the groups its command line
-// names only after the fork, while the process is already running; a real
-// one would not touch them before it needed them. The stand-in waits a while
-// for each to appear before it writes down what it has.
-std::vector<std::string> GrantedGroups(const Options& options) {
-    std::vector<std::string> expected;
-    std::istringstream names(options.groupNameList + "," + options.qsGroupName);
-    for (std::string name; std::getline(names, name, ',');) {
-        if (!name.empty()) {
-            expected.push_back(name);
-        }
-    }
-    auto deadline = std::chrono::steady_clock::now() + kGroupGrantWait;
-    for (;;) {
-        std::vector<std::string> groups = OwnGroups();
-        bool all = std::all_of(expected.begin(), expected.end(), [&](const std::string& name) {
-            return std::any_of(groups.begin(), groups.end(),
-                               [&](const std::string& group) { return group.compare(0, name.size() + 1, name + " ") == 0; });
-        });
-        if (all || std::chrono::steady_clock::now() >= deadline) {
-            return groups;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-}
-
 void WriteStartRecord(int argc, char** argv, const Options& options) {
     std::string record = "pid " + std::to_string(getpid()) + "\nppid " + std::to_string(getppid()) + "\nkind " +
                          std::to_string(options.kind) + "\n";
@@ -170,7 +140,9 @@ void WriteStartRecord(int argc, char** argv, const Options& options) {
             }
         }
     }
-    for (const std::string& group : GrantedGroups(options)) {
+    // The daemon grants a process its groups before letting it exec: they are
+    // all there from the start.
+    for (const std::string& group : OwnGroups()) {
         record += "group " + group + "\n";
     }
     std::string path = RecordPath();
@@ -323,10 +295,6 @@ int main(int argc, char** argv) {
     options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));
     options.vfId = static_cast<int32_t>(std::strtol(Argument(argc, argv, "vfId").c_str(), nullptr, 10));
     options.hostPid = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "pid").c_str(), nullptr, 10));
-    if (options.kind == kKindCompute) {
-        options.groupNameList = Argument(argc, argv, "groupNameList");
-    }
-    options.qsGroupName = Argument(argc, argv, "qsInitGroupName");
     WriteStartRecord(argc, argv, options);
 
     orv::emu::CardRequest query;

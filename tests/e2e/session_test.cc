@@ -238,6 +238,39 @@ TEST_F(SessionTest, CloseIsAnsweredOnceAndEndsTheLinkAndTheProcesses) {
     EXPECT_FALSE(Running("zarn_service.bin"));
 }
 
+// A sub-process execs only once the daemon has recorded it. Here every grant
+// of a buffer group answers the daemon late (the grant itself is in effect at
+// once), so a process that did not wait could report, and the host be
+// answered, while its start worker still waited to record it; the close sent
+// the moment the start is answered would then find no process to close.
+TEST_F(SessionTest, ACloseSentTheMomentTheStartIsAnsweredIsAnswered) {
+    Boot({"--env", "AICPU_ADD_BUFFERGROUP=1", "--env", "STARTUP_QS=1"});
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"group", "create", "HOSTGRP"}, &output), 0) << output;
+    for (int cycle = 0; cycle < 8; ++cycle) {
+        SCOPED_TRACE("cycle " + std::to_string(cycle));
+        const std::string pid = std::to_string(300 + cycle);
+        const std::string start = cycle % 2 == 0 ? "start --cp" : "start-qs";
+        ASSERT_EQ(EmuCtl(sandbox_, {"group", "add", "HOSTGRP", pid}, &output), 0) << output;
+        ASSERT_EQ(EmuCtl(sandbox_, {"slow", "halGrpAddProc", "400"}, &output), 0) << output;
+        Session("open a\n"
+                "send a " + start + " --pid " + pid + "\n"
+                "expect a 8 --code 0 --timeout 10000\n"
+                "send a close --pid " + pid + "\n"
+                "expect a 9 --code 0 --timeout 8000\n"
+                "expect-closed a\n");
+    }
+    EXPECT_FALSE(sandbox_.Log().Contains("closing began during the start"));
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner") && !Running("queue_runner"); }, 5s));
+    for (uint32_t kind : {kCompute, kQueue}) {
+        for (const StandinRecord& record : OfKind(kind)) {
+            EXPECT_THAT(record.groups, ::testing::Contains(::testing::StartsWith(
+                                           kind == kCompute ? "HOSTGRP " : "DEFAULT_MEM_GROUP ")))
+                << "granted before it ran";
+        }
+    }
+}
+
 // A driver fault is the daemon's to meet: the stand-ins' start reports pass,
 // and the daemon's close request is the submit that fails. The close then
 // waits for a report that cannot come, until the host gives up on the link;
