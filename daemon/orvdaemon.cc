@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +26,7 @@
 #include "platform/appmon_client.h"
 #include "platform/log.h"
 #include "platform/scope_guard.h"
+#include "platform/stop_signal.h"
 #include "session/process_util.h"
 
 // Drivers that lack the call still load the daemon; the release then counts
@@ -42,7 +44,7 @@ constexpr char kSysMonitorPath[] = "/proc/sysmonitor";
 constexpr int kMaxEnvScriptLines = 20;
 constexpr uint32_t kMaxProcessDefault = 32;
 constexpr uint32_t kMaxProcessLimit = 128;
-constexpr useconds_t kMonitorPeriodUs = 1000000;
+constexpr std::chrono::seconds kMonitorPeriod{1};
 constexpr size_t kPidofCommandSize = 257;
 constexpr int kPidofLineSize = 256;
 constexpr uint32_t kFormatFailure = 15;
@@ -111,6 +113,7 @@ uint32_t OrvDaemon::Start() {
     if (orvdaemonStartFlag_.exchange(true)) {
         return 0;
     }
+    StopSignal::Instance().Lower();
     ORV_LOG(ORV_EVENT, "[OrvDaemon] ORV Start enter");
 
     const char* startupQs = getenv("STARTUP_QS");
@@ -255,7 +258,7 @@ void OrvDaemon::CheckEventClientHeartbeat() {
                 }
             }
         }
-        usleep(kMonitorPeriodUs);
+        (void)StopSignal::Instance().Pause(kMonitorPeriod);
     } while (orvdaemonStartFlag_.load());
 }
 
@@ -273,6 +276,8 @@ void OrvDaemon::Destroy() {
         return;
     }
     ORV_LOG(ORV_INFO, "[OrvDaemon] OrvDaemon::Destroy() enter");
+    // The monitor threads are paced by pauses that this cuts short.
+    StopSignal::Instance().Raise();
     JoinProcess();
     OrvEventServer::GetInstance()->Destroy();
 

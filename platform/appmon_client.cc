@@ -1,9 +1,11 @@
 #include "platform/appmon_client.h"
 
-#include <unistd.h>
+#include <chrono>
 
 #include <bounds_checked.h>
+
 #include "platform/log.h"
+#include "platform/stop_signal.h"
 
 namespace orv {
 
@@ -11,8 +13,8 @@ namespace {
 
 constexpr unsigned long kRegisterTimeout = 30000;
 constexpr uint32_t kMaxRegisterTimes = 10;
-constexpr useconds_t kRegisterRetryUs = 3000000;
-constexpr useconds_t kHeartbeatPeriodUs = 10000000;
+constexpr std::chrono::seconds kRegisterRetry{3};
+constexpr std::chrono::seconds kHeartbeatPeriod{10};
 
 }  // namespace
 
@@ -43,7 +45,7 @@ void AppmonClient::Init(const bool& zebFlag) {
 
 bool AppmonClient::SendHeartbeat(uint32_t& registerTimes) {
     if (zebFlag_) {
-        usleep(kHeartbeatPeriodUs);
+        (void)StopSignal::Instance().Pause(kHeartbeatPeriod);
         return false;
     }
     if (IsOrvInitAppmonSuccess() && !IsOrvRegistAppmonSuccess() && registerTimes < kMaxRegisterTimes) {
@@ -52,7 +54,7 @@ bool AppmonClient::SendHeartbeat(uint32_t& registerTimes) {
             ++registerTimes;
             OrvSetRegistAppmonStaus(ORV_APPMON_REGISTER_FAILED);
             ORV_LOG(ORV_EVENT, "[OrvDaemon]send orv heartbeat to appmon failed, try more");
-            usleep(kRegisterRetryUs);
+            (void)StopSignal::Instance().Pause(kRegisterRetry);
             return false;
         }
         OrvSetRegistAppmonStaus(ORV_APPMON_REGISTERED);
@@ -71,7 +73,7 @@ void AppmonClient::SendHeartbeatToAppMon() {
             OrvSetRegistAppmonStaus(ORV_APPMON_HEARTBEAT_SENT);
         }
     }
-    usleep(kHeartbeatPeriodUs);
+    (void)StopSignal::Instance().Pause(kHeartbeatPeriod);
 }
 
 void AppmonClient::ClearOrvRegistAppmonInfo() {
