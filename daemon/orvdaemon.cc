@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <system_error>
 
 #include <bounds_checked.h>
 #include <driver_hal.h>
@@ -78,6 +80,68 @@ struct FmkRequest {
     uint32_t deviceMode;
     std::string qsGroupName;
 };
+
+// Host-supplied strings that reach command lines, driver calls and logs: far
+// longer than any honest host sends (a process sign is 48 characters, a log
+// level 3, a group name fits the driver's 32 bytes).
+constexpr size_t kMaxProcSignLength = 128;
+constexpr size_t kMaxLogLevelLength = 32;
+constexpr size_t kMaxGroupNameLength = BUFF_GRP_NAME_LEN - 1;
+
+// The answer type of a framework request.
+HDCMessage::MsgType ReplyTypeOf(HDCMessage::MsgType type) {
+    switch (type) {
+        case HDCMessage::ORV_CLOSE_PROC_MSG:
+            return HDCMessage::ORV_CLOSE_PROC_RSP;
+        case HDCMessage::ORV_UPDATE_PROIFILING_MSG:
+            return HDCMessage::ORV_UPDATE_PROIFILING_RSP;
+        default:
+            return HDCMessage::ORV_START_PROC_RSP;
+    }
+}
+
+// Answers a request with a string field over its limit with code 1, naming
+// the field; true when it did.
+bool RefuseOverlongFields(uint32_t sessionId, const HDCMessage& msg) {
+    const struct {
+        const char* name;
+        size_t length;
+        size_t limit;
+    } fields[] = {
+        {"proc_sign", msg.proc_sign_pid().proc_sign().size(), kMaxProcSignLength},
+        {"log_level", msg.log_level().log_level().size(), kMaxLogLevelLength},
+        {"qs_init_group_name", msg.qs_init_group_name().qs_init_group_name().size(), kMaxGroupNameLength},
+    };
+    for (const auto& field : fields) {
+        if (field.length <= field.limit) {
+            continue;
+        }
+        std::string text = std::string(field.name) + " is " + std::to_string(field.length) +
+                           " bytes long, longer than " + std::to_string(field.limit);
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] request type[%d] on sessionId[%u] from hostPid[%u] refused: %s",
+                static_cast<int>(msg.type()), sessionId, msg.proc_sign_pid().proc_pid(), text.c_str());
+        HDCMessage reply;
+        reply.set_type(ReplyTypeOf(msg.type()));
+        reply.set_device_id(msg.device_id());
+        reply.set_real_device_id(msg.real_device_id());
+        reply.set_orv_rsp_code(1);
+        reply.mutable_error_info()->set_message(text);
+        (void)OrvDaemon::GetInstance()->SendHdcMsg(msg.device_id(), sessionId, reply);
+        return true;
+    }
+    return false;
+}
+
+// Starts `body` on `thread`; false, logged, when no thread can be started.
+bool StartThread(std::thread* thread, std::function<void()> body, const char* name) {
+    try {
+        *thread = std::thread(std::move(body));
+    } catch (const std::system_error& e) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] cannot start the %s thread: %s", name, e.what());
+        return false;
+    }
+    return true;
+}
 
 // Joins the host pids of one (device, vf) entry: "1, 2, 3".
 std::string JoinHostPids(const std::map<uint32_t, std::shared_ptr<OrvImpl>>& sessions) {
@@ -161,6 +225,10 @@ uint32_t OrvDaemon::Start() {
         ORV_LOG(ORV_EVENT, "[OrvEVENT] CheckAndCleanProcess success");
     }
 
+    if (!reaper_.Start()) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] cannot start the session reaper thread: sessions end on the thread that drops "
+                           "them");
+    }
     ret = InitOrvHdcSer();
     if (ret != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] InitOrvHdcSer() Failed.");
@@ -178,7 +246,9 @@ uint32_t OrvDaemon::Start() {
     }
 
     InitSysMonitor();
-    eventClientHeartbeatThread_ = std::thread([this] { CheckEventClientHeartbeat(); });
+    if (!StartThread(&eventClientHeartbeatThread_, [this] { CheckEventClientHeartbeat(); }, "event-client heartbeat")) {
+        return 1;
+    }
 
     ret = StartOrvEventServer();
     if (ret != 0) {
@@ -191,7 +261,9 @@ uint32_t OrvDaemon::Start() {
     startup.kind = kPexaKindStartup;
     OrvPexaClient::GetInstance()->SendMessageToPexaServer(startup);
 
-    heartbeatThread_ = std::thread([this] { SendOrvHeartbeat(); });
+    if (!StartThread(&heartbeatThread_, [this] { SendOrvHeartbeat(); }, "heartbeat")) {
+        return 1;
+    }
     ORV_LOG(ORV_EVENT, "[OrvEVENT] Start Monitor HdcServer and OrvEventServer!!!");
     LoadFileAndSetEnv();
     return 0;
@@ -244,20 +316,27 @@ void OrvDaemon::CheckEventClientHeartbeat() {
     }
     do {
         int32_t terminatedPid = static_cast<int32_t>(PidTerminate());
+        std::vector<std::shared_ptr<OrvImpl>> sessions;
         {
             MutexLock lock(&orvImplMapMutex_);
             for (auto& entry : orvImplMap_) {
                 for (auto& session : entry.second) {
-                    std::shared_ptr<OrvImpl> orvImplPtr = session.second;
-                    if (orvImplPtr == nullptr) {
-                        ORV_LOG(ORV_INFO, "orvImplPtr is null");
-                        continue;
-                    }
-                    orvImplPtr->CheckAndHandleTimeout();
-                    orvImplPtr->CheckEventClientHeartbeat(terminatedPid, zebFlag_);
+                    sessions.push_back(session.second);
                 }
             }
         }
+        // Each session is checked outside the map's lock: nothing one session
+        // waits for holds up another host's request.
+        for (const std::shared_ptr<OrvImpl>& orvImplPtr : sessions) {
+            if (orvImplPtr == nullptr) {
+                ORV_LOG(ORV_INFO, "orvImplPtr is null");
+                continue;
+            }
+            orvImplPtr->CheckAndHandleTimeout();
+            orvImplPtr->CheckEventClientHeartbeat(terminatedPid, zebFlag_);
+        }
+        // A session removed meanwhile may end with this round's reference.
+        reaper_.Release(std::move(sessions));
         (void)StopSignal::Instance().Pause(kMonitorPeriod);
     } while (orvdaemonStartFlag_.load());
 }
@@ -306,6 +385,7 @@ void OrvDaemon::Destroy() {
 
     AppmonClient::GetInstance()->ClearOrvRegistAppmonInfo();
     ClearOrvMap();
+    reaper_.Stop();
     if (sysMonitorFd_ != -1) {
         close(sysMonitorFd_);
         sysMonitorFd_ = -1;
@@ -342,6 +422,9 @@ void FmkToOrvMsg(const uint32_t& sessionId, const HDCMessage& msg) {
     }
     if (msg.real_device_id() >= kMaxRealDeviceId) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc realDeviceId out of range");
+        return;
+    }
+    if (RefuseOverlongFields(sessionId, msg)) {
         return;
     }
     FmkRequest request{msg.device_id(),
@@ -502,14 +585,27 @@ void OrvDaemon::HDCAbnormalMsgProc(uint32_t deviceId, int32_t vfId, uint32_t hos
     if (session == nullptr) {
         ORV_LOG(ORV_INFO, "[OrvDaemon] Get OrvImpl in deviceId[%u] vfId[%d] hostPid[%u] is nullptr, skip HDCAbnormalMsgProc",
                 deviceId, vfId, hostPid);
-        return;
+    } else {
+        EndSessionOfDroppedLink(*session, deviceId, vfId, hostPid);
     }
-    if (session->GetCloseHandle()) {
+    // The link's last request names one host process; any other it started
+    // ends with it too, as its own link's end would have ended it.
+    for (const RegisteredSession& other : EraseOrvImplsOfLink(sessionId)) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] HDC session[%u] that ended had also started hostPid[%u] in deviceId[%u] vfId[%d]: it "
+                "ends too",
+                sessionId, other.hostPid, other.deviceId, other.vfId);
+        EndSessionOfDroppedLink(*other.session, other.deviceId, other.vfId, other.hostPid);
+    }
+}
+
+void OrvDaemon::EndSessionOfDroppedLink(OrvImpl& session, uint32_t deviceId, int32_t vfId, uint32_t hostPid) {
+    if (session.GetCloseHandle()) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] already receive close msg in deviceId[%u] vfId[%d] hostPid[%u], skip HDCAbnormalMsgProc.",
                 deviceId, vfId, hostPid);
     } else {
-        session->AbnormalMsgProc(false, false);
+        session.AbnormalMsgProc(false, false);
     }
     ORV_LOG(ORV_INFO, "[OrvDaemon] HDCAbnormalMsgProc end in deviceId[%u] vfId[%d] hostPid[%u]", deviceId, vfId,
             hostPid);
@@ -656,7 +752,13 @@ std::shared_ptr<OrvImpl> OrvDaemon::GetOrvImpl(uint32_t deviceId, int32_t vfId, 
 }
 
 void OrvDaemon::DeleteOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid) {
-    std::shared_ptr<OrvImpl> removed;  // destroyed after the lock is released
+    std::shared_ptr<OrvImpl> removed;
+    // The caller is an event worker: the session ends on the reaper's thread.
+    ScopeGuard release([this, &removed] {
+        if (removed != nullptr) {
+            reaper_.Release({std::move(removed)});
+        }
+    });
     MutexLock lock(&orvImplMapMutex_);
     ORV_LOG(ORV_INFO, "[OrvDaemon] Begin to delete OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId, vfId,
             hostPid);
@@ -706,6 +808,22 @@ std::shared_ptr<OrvImpl> OrvDaemon::EraseOrvImpl(uint32_t deviceId, int32_t vfId
     ORV_LOG(ORV_INFO, "[OrvDaemon] Success to erase OrvImpl with deviceId[%u] vfId[%d] hostPid[%u].", deviceId, vfId,
             hostPid);
     return session;
+}
+
+std::vector<OrvDaemon::RegisteredSession> OrvDaemon::EraseOrvImplsOfLink(uint32_t sessionId) {
+    std::vector<RegisteredSession> erased;
+    MutexLock lock(&orvImplMapMutex_);
+    for (auto& [key, sessions] : orvImplMap_) {
+        for (auto it = sessions.begin(); it != sessions.end();) {
+            if (it->second->GetSessionId() == sessionId) {
+                erased.push_back({key.first, key.second, it->first, std::move(it->second)});
+                it = sessions.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    return erased;
 }
 
 void OrvDaemon::ClearOrvMap() {
@@ -998,6 +1116,15 @@ void OrvDaemon::ProcessEventServerInfo(const void* info, uint32_t subEventId) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] Get OrvImpl in deviceId[%u] hostPid[%u] vfId[%d] is nullptr, skip ProcessEventServerInfo",
                 event.deviceId, event.hostPid, event.vfId);
+        return;
+    }
+    // The event server has checked that srcPid is the record's true sender;
+    // only the session's own sub-processes speak for it.
+    if (!session->IsOwnSubProcess(event.srcPid)) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] record type[%u] from pid[%u] for deviceId[%u] hostPid[%u] vfId[%d] comes from none of "
+                "that session's sub-processes, dropped",
+                event.eventType, event.srcPid, event.deviceId, event.hostPid, event.vfId);
         return;
     }
     ORV_LOG(ORV_EVENT, "[ProcessEventServerInfo] deviceId[%u] srcPid[%u] type[%u]", event.deviceId, event.srcPid,

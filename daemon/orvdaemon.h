@@ -23,6 +23,7 @@
 #include <hdc_server.h>
 
 #include "daemon/orv_pexa_client.h"
+#include "daemon/session_reaper.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
 #include "platform/orv_drv_manager.h"
@@ -101,8 +102,10 @@ public:
     uint32_t SendRspToFmk(uint32_t deviceId, uint32_t sessionId, uint32_t realDeviceId, uint32_t rspCode,
                           HDCMessage::MsgType type);
     // Tears down the session of a host whose HDC session went away, if that
-    // HDC session created it.
+    // HDC session created it, and every other session that HDC session created.
     void HDCAbnormalMsgProc(uint32_t deviceId, int32_t vfId, uint32_t hostPid, uint32_t sessionId);
+    // Ends a session whose link dropped, unless it is closing already.
+    void EndSessionOfDroppedLink(OrvImpl& session, uint32_t deviceId, int32_t vfId, uint32_t hostPid);
     // Check-code query (35); answers and closes the query's HDC session.
     static void ProcessPackageInfoMsg(const uint32_t& sessionId, const HDCMessage& msg);
 
@@ -141,6 +144,16 @@ public:
     // Forgets and returns a session, only if HDC session `sessionId` created it.
     std::shared_ptr<OrvImpl> EraseOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid, uint32_t sessionId)
         LOCKS_EXCLUDED(orvImplMapMutex_);
+
+    // A session together with its place in the registry.
+    struct RegisteredSession {
+        uint32_t deviceId;
+        int32_t vfId;
+        uint32_t hostPid;
+        std::shared_ptr<OrvImpl> session;
+    };
+    // Forgets and returns every session HDC session `sessionId` created.
+    std::vector<RegisteredSession> EraseOrvImplsOfLink(uint32_t sessionId) LOCKS_EXCLUDED(orvImplMapMutex_);
 
     // Empties the registry; sessions die with their last reference.
     void ClearOrvMap() LOCKS_EXCLUDED(orvImplMapMutex_);
@@ -225,6 +238,9 @@ private:
     // mutex only keeps the set itself consistent.
     Mutex attachedGroupsMutex_;
     std::set<std::string> attachedGroups_ GUARDED_BY(attachedGroupsMutex_);
+
+    // Sessions dropped by the event workers and the monitor end here.
+    SessionReaper reaper_;
 };
 
 }  // namespace orv

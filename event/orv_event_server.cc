@@ -1,5 +1,6 @@
 #include "event/orv_event_server.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -25,6 +26,8 @@ constexpr int32_t kWaitTimeoutMs = 3000;
 // The sub-processes' receiving group.
 constexpr uint32_t kSubProcessGroup = 30;
 constexpr uint32_t kDriverMsgLength = 16;
+// The sender of the driver's own notices: no process.
+constexpr int32_t kDriverSender = 0;
 constexpr size_t kDriverMsgVfOffset = 4;
 constexpr int kMaxVf = 16;
 constexpr char kCustomRunnerName[] = "aicpu_custom_runner";
@@ -151,6 +154,14 @@ uint32_t OrvEventServer::ProcessEvent(event_info& event) {
     }
     uint32_t subEventId = event.subevent_id;
     if (subEventId == ORV_SUB_EVENT_VF_CREATE || subEventId == ORV_SUB_EVENT_VF_DESTROY) {
+        // The scheduler stamps each event with its submitter; the driver's own
+        // notices carry no process at all.
+        if (event.src_pid != kDriverSender) {
+            ORV_LOG(ORV_ERROR, "[OrvEventServer] driver notice sub-event[%u] from pid[%d] refused: only the driver "
+                               "sends it",
+                    subEventId, event.src_pid);
+            return 1;
+        }
         if (ProcessDrvEvent(event, subEventId) != 0) {
             ORV_LOG(ORV_ERROR, "[OrvEventServer] Process driver event failed.");
         } else {
@@ -167,6 +178,14 @@ uint32_t OrvEventServer::ProcessEvent(event_info& event) {
             ORV_LOG(ORV_ERROR, "[OrvEventServer] Incorrect msg length[%u], correct msg length[%u]", event.msg_len,
                     kOrvEventRecordLength);
         }
+        return 1;
+    }
+    // The record names its sender; it must be the process that submitted it.
+    uint32_t claimed = 0;
+    (void)memcpy_s(&claimed, sizeof(claimed), event.msg + offsetof(OrvSubEventInfo, srcPid), sizeof(claimed));
+    if (event.src_pid == kDriverSender || claimed != static_cast<uint32_t>(event.src_pid)) {
+        ORV_LOG(ORV_ERROR, "[OrvEventServer] record of sub-event[%u] names sender[%u] but comes from pid[%d], dropped",
+                subEventId, claimed, event.src_pid);
         return 1;
     }
     OrvDaemon::GetInstance()->ProcessEventServerInfo(event.msg, subEventId);

@@ -16,6 +16,8 @@
 #define RELEASE(...) ORV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define EXCLUSIVE_LOCKS_REQUIRED(...) ORV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define LOCKS_EXCLUDED(...) ORV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRED_BEFORE(...) ORV_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#define ACQUIRED_AFTER(...) ORV_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define ASSERT_EXCLUSIVE_LOCK(...) ORV_THREAD_ANNOTATION(assert_capability(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS ORV_THREAD_ANNOTATION(no_thread_safety_analysis)
 

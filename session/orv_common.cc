@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <sstream>
+#include <system_error>
 
 #include <bounds_checked.h>
 #include <driver_hal.h>
@@ -45,7 +46,10 @@ constexpr uint32_t kFpgaStartTimeoutTicks = 2500;
 constexpr uint32_t kForkTaskPolls = 30;
 constexpr uint32_t kForkTaskPollMs = 200;
 constexpr uint32_t kExitPolls = 500;
-constexpr uint32_t kExitPollMs = 10;
+constexpr std::chrono::milliseconds kExitPollPause(10);
+// A process sent SIGKILL ends at once; the bound only keeps a process stuck in
+// the kernel from holding up the clean-up for ever.
+constexpr std::chrono::milliseconds kKilledExitWait(5000);
 constexpr size_t kProcessNameMaxLen = 256;
 constexpr uint32_t kInvalidParam = 14;
 constexpr int32_t kChipZeb = 2;
@@ -69,31 +73,41 @@ std::vector<char*> CStrings(const std::vector<std::string>& strings) {
     return out;
 }
 
-// Pauses between polls for a child's exit that end as soon as it exits,
-// where the kernel can say so (a pidfd); plain pauses elsewhere.
-class ExitWatch {
-public:
-    explicit ExitWatch(pid_t pid) : fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
-    ~ExitWatch() {
-        if (fd_ >= 0) {
-            close(fd_);
+// Threads of a session that may be at work at once, of each list: far more
+// than honest traffic ever needs (a handful of reports and requests).
+constexpr size_t kMaxSessionThreads = 64;
+// How long the compute process's request waits for the custom process.
+constexpr std::chrono::seconds kCustomStartWait(30);
+
+// Joins the finished threads of `threads`, then starts `work` on a new one.
+// False, with the reason in `why`, when `limit` threads are still at work or
+// no thread can be started.
+bool SpawnSessionThread(std::list<SessionThread>* threads, std::function<void()> work, std::string* why) {
+    for (auto it = threads->begin(); it != threads->end();) {
+        if (it->done->load()) {
+            it->thread.join();
+            it = threads->erase(it);
+        } else {
+            ++it;
         }
     }
-    ExitWatch(const ExitWatch&) = delete;
-    ExitWatch& operator=(const ExitWatch&) = delete;
-
-    void Pause(uint32_t ms) const {
-        if (fd_ < 0) {
-            mmSleep(ms);
-            return;
-        }
-        pollfd pfd{fd_, POLLIN, 0};
-        (void)poll(&pfd, 1, static_cast<int>(ms));
+    if (threads->size() >= kMaxSessionThreads) {
+        *why = std::to_string(threads->size()) + " threads still at work";
+        return false;
     }
-
-private:
-    const int fd_;
-};
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    try {
+        threads->push_back({std::thread([work = std::move(work), done] {
+                                work();
+                                done->store(true);
+                            }),
+                            done});
+    } catch (const std::system_error& e) {
+        *why = e.what();
+        return false;
+    }
+    return true;
+}
 
 std::string ThreadIdText(const std::thread& thread) {
     std::ostringstream text;
@@ -144,6 +158,8 @@ void OrvImpl::SetStartStatus(bool startZarn, bool startCp, bool startQs) {
     if (startQs && !startZarn && !startCp) {
         startTick_ = 1;
         startQueue_ = true;
+        MutexLock lock(&startStatusMutex_);
+        startAnswerPending_ = true;
         return;
     }
     if (!startQs && (startZarn || startCp)) {
@@ -156,7 +172,12 @@ void OrvImpl::SetStartStatus(bool startZarn, bool startCp, bool startQs) {
                     sessionId_, fmkPid_, vfId_);
             startZarn_ = false;
         }
-        if (IsAllSubProcRunRegular() && SendRspMsgToFmk(RCV_FMK_START, 0, "") != 0) {
+        if (!IsAllSubProcRunRegular()) {
+            MutexLock lock(&startStatusMutex_);
+            startAnswerPending_ = true;
+            return;
+        }
+        if (SendRspMsgToFmk(RCV_FMK_START, 0, "") != 0) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] StartRspProc send msg failed");
         }
         return;
@@ -184,10 +205,38 @@ void OrvImpl::StartSubProcess() {
             return;
         }
     }
-    MutexLock lock(&forkTaskMutex_);
     for (const ProcessConfig& config : configs) {
-        forkTasks_.emplace_back([this, config] { ExecuteStart(config.path, config.name, config.type); });
+        // A worker that cannot start leaves its kind unstarted; the start
+        // time-out then tells the host.
+        (void)StartForkTask([this, config] { ExecuteStart(config.path, config.name, config.type); },
+                            config.name.c_str());
     }
+}
+
+bool OrvImpl::StartForkTask(std::function<void()> work, const char* what) {
+    std::string why;
+    {
+        MutexLock lock(&forkTaskMutex_);
+        if (SpawnSessionThread(&forkTasks_, std::move(work), &why)) {
+            return true;
+        }
+    }
+    ORV_LOG(ORV_ERROR, "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] cannot start the worker of %s: %s",
+            deviceIdInOs_, sessionId_, fmkPid_, what, why.c_str());
+    return false;
+}
+
+bool OrvImpl::StartEventThread(std::function<void()> work, const char* what) {
+    std::string why;
+    {
+        MutexLock lock(&eventThreadMutex_);
+        if (SpawnSessionThread(&eventThreads_, std::move(work), &why)) {
+            return true;
+        }
+    }
+    ORV_LOG(ORV_ERROR, "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] %s dropped: %s", deviceIdInOs_,
+            sessionId_, fmkPid_, what, why.c_str());
+    return false;
 }
 
 void OrvImpl::SaveProcessConfig(std::vector<ProcessConfig>& configs) {
@@ -260,7 +309,7 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
         perror("[OrvDaemon] ############### ExecuteStart fork() error: ##################");
         // A child whose group grant or affinity restore failed runs on, as it
         // always has; it is tracked like any other, and ends with the session.
-        if (gate.Child() > 0 && RecordForkedSubProcess(gate.Child(), type)) {
+        if (gate.Child() > 0 && RecordForkedSubProcess(gate.TakeHandle(), type)) {
             gate.Release();
         }
     } else {
@@ -271,9 +320,7 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
                 static_cast<uint32_t>(pid), static_cast<int32_t>(profilingMode_.load()));
         ORV_LOG(ORV_INFO, "[OrvDaemon] alloc resource {devOS:[%u]} for {device index in os:%u}",
                 static_cast<uint32_t>(pid), deviceIdInOs_);
-        if (!RecordForkedSubProcess(pid, type)) {
-            ORV_LOG(ORV_ERROR, "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] closing began during the "
-                    "start of subPid[%d], killed", deviceIdInOs_, sessionId_, fmkPid_, pid);
+        if (!RecordForkedSubProcess(gate.TakeHandle(), type)) {
             return;
         }
         gate.Release();
@@ -307,6 +354,17 @@ uint32_t OrvImpl::StartRspProc(uint32_t subPid, uint32_t procType) {
             "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] StartRspProc() [subProcPid=%u]"
             "[procType=%u(0:ZARN,1:COMPUTE,2:CUSTOM_COMPUTE,3.QUEUE_SCHEDULE)]",
             deviceIdInOs_, sessionId_, fmkPid_, subPid, procType);
+    const bool askedFor = procType == ZARN ? startZarn_.load()
+                          : procType == COMPUTE ? startCompute_.load()
+                          : procType == QUEUE_SCHEDULE ? startQueue_.load()
+                                                      : true;
+    if (!askedFor) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] start report of subPid[%u] for procType[%u], "
+                "which was not asked for, dropped",
+                deviceIdInOs_, sessionId_, fmkPid_, subPid, procType);
+        return 0;
+    }
     switch (procType) {
         case ZARN:
             zarnRunning_ = true;
@@ -332,20 +390,36 @@ uint32_t OrvImpl::StartRspProc(uint32_t subPid, uint32_t procType) {
     if (!IsAllSubProcRunRegular()) {
         return 0;
     }
-    MutexLock lock(&startStatusMutex_);
-    if (startStatus_ == START_STATUS_TIMEOUT) {
-        ORV_LOG(ORV_INFO,
-                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] StartRspProc() [subProcPid=%u]"
-                "[procType=%u(0:ZARN,1:COMPUTE,2:CUSTOM_COMPUTE,3.QUEUE_SCHEDULE)], but timeout occurred",
-                deviceIdInOs_, sessionId_, fmkPid_, subPid, procType);
-        return 0;
+    uint32_t statusBefore;
+    {
+        // The answer is decided here and written after: the monitor, which
+        // needs this lock, never waits on a host.
+        MutexLock lock(&startStatusMutex_);
+        if (startStatus_ == START_STATUS_TIMEOUT) {
+            ORV_LOG(ORV_INFO,
+                    "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] StartRspProc() [subProcPid=%u]"
+                    "[procType=%u(0:ZARN,1:COMPUTE,2:CUSTOM_COMPUTE,3.QUEUE_SCHEDULE)], but timeout occurred",
+                    deviceIdInOs_, sessionId_, fmkPid_, subPid, procType);
+            return 0;
+        }
+        if (!startAnswerPending_) {
+            ORV_LOG(ORV_ERROR,
+                    "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] start report of subPid[%u] answers no "
+                    "start request, no second answer",
+                    deviceIdInOs_, sessionId_, fmkPid_, subPid);
+            return 0;
+        }
+        startAnswerPending_ = false;
+        statusBefore = startStatus_.exchange(START_STATUS_ANSWERED);
     }
     uint32_t ret = SendRspMsgToFmk(RCV_FMK_START, 0, "");
     if (ret != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] StartRspProc send msg failed");
+        MutexLock lock(&startStatusMutex_);
+        startStatus_ = statusBefore;
+        startAnswerPending_ = true;
         return ret;
     }
-    startStatus_ = START_STATUS_ANSWERED;
     return 0;
 }
 
@@ -453,14 +527,24 @@ void OrvImpl::CheckAndHandleTimeout() {
         }
         reason += ", device[" + std::to_string(deviceIdInOs_) + "], host pid[" + std::to_string(fmkPid_) + "]";
         startStatus_ = START_STATUS_TIMEOUT;
+        startAnswerPending_ = false;
         ORV_LOG(ORV_ERROR, "[OrvDaemon] %s", reason.c_str());
-        if (SendRspMsgToFmk(RCV_FMK_START, 1, reason) != 0) {
+        // The monitor never writes to a host: a host that stopped reading
+        // would hold up every session's supervision.
+        if (!StartEventThread([this, reason] { SendTimeoutRsp(reason); }, "the start time-out answer")) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] send timeout response to orv client failed");
-            return;
         }
-        ORV_LOG(ORV_INFO, "send timeout response to orv client success");
+        return;
     }
     startTick_.fetch_add(1);
+}
+
+void OrvImpl::SendTimeoutRsp(const std::string& reason) {
+    if (SendRspMsgToFmk(RCV_FMK_START, 1, reason) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] send timeout response to orv client failed");
+        return;
+    }
+    ORV_LOG(ORV_INFO, "send timeout response to orv client success");
 }
 
 void OrvImpl::WaitForkTaskDone() {
@@ -518,11 +602,21 @@ void OrvImpl::SetSubProcPid(int32_t pid, uint32_t procType) {
     }
 }
 
-bool OrvImpl::RecordForkedSubProcess(int32_t pid, uint32_t procType) {
+bool OrvImpl::RecordForkedSubProcess(std::shared_ptr<ProcessHandle> child, uint32_t procType) {
+    if (child == nullptr) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] a sub-process of procType[%u] was killed "
+                "by someone else before its exec",
+                deviceIdInOs_, sessionId_, fmkPid_, procType);
+        return false;
+    }
+    const int32_t pid = child->Pid();
     {
         // Clean-up sets closeHandle before it takes the pids under pidMutex:
         // a pid stored here while closeHandle is clear is one it will find.
         MutexLock lock(&pidMutex_);
+        ForgetEndedSubProcesses();
+        subProcHandles_[pid] = std::move(child);
         int32_t* field = SubProcPid(procType);
         if (field != nullptr && !GetCloseHandle()) {
             *field = pid;
@@ -530,12 +624,43 @@ bool OrvImpl::RecordForkedSubProcess(int32_t pid, uint32_t procType) {
         }
     }
     KillProcess({static_cast<uint32_t>(pid)});
+    ORV_LOG(ORV_ERROR,
+            "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] closing began during the start of subPid[%d], "
+            "killed",
+            deviceIdInOs_, sessionId_, fmkPid_, pid);
     return false;
 }
 
+void OrvImpl::ForgetEndedSubProcesses() {
+    for (auto it = subProcHandles_.begin(); it != subProcHandles_.end();) {
+        const int32_t pid = it->first;
+        bool recorded = pid == computePid_ || pid == zarnPid_ || pid == queuePid_ || pid == customComputePid_;
+        if (!recorded && it->second->Exited()) {
+            it = subProcHandles_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+std::shared_ptr<ProcessHandle> OrvImpl::SubProcHandleLocked(int32_t pid) const {
+    auto it = subProcHandles_.find(pid);
+    return it != subProcHandles_.end() ? it->second : nullptr;
+}
+
+std::shared_ptr<ProcessHandle> OrvImpl::SubProcHandle(int32_t pid) const {
+    MutexLock lock(&pidMutex_);
+    return SubProcHandleLocked(pid);
+}
+
 void OrvImpl::SetCloseHandle(bool closeHandle) {
-    MutexLock lock(&closeMutex_);
-    closeHandle_ = closeHandle;
+    {
+        MutexLock lock(&closeMutex_);
+        closeHandle_ = closeHandle;
+    }
+    // A request for the custom process waits no longer once closing began.
+    MutexLock lock(&custStartMutex_);
+    custStartCond_.SignalAll();
 }
 
 bool OrvImpl::GetCloseHandle() {
@@ -848,32 +973,33 @@ void OrvImpl::CloseSubProcess() {
             static_cast<uint32_t>(startZarn_.load()), zarnPid, static_cast<uint32_t>(startCompute_.load()), computePid,
             static_cast<uint32_t>(startCustomCompute_.load()), customPid, static_cast<uint32_t>(startQueue_.load()),
             queuePid);
-    MutexLock lock(&forkTaskMutex_);
     if (startZarn_ && zarnPid != -1) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] rankSize[%u] vfId[%d] the ZARN will be "
                 "closed",
                 deviceIdInOs_, sessionId_, fmkPid_, rankSize_.load(), vfId_);
-        forkTasks_.emplace_back([this, zarnPid] { ExecuteClose(static_cast<uint32_t>(zarnPid), ZARN); });
+        (void)StartForkTask([this, zarnPid] { ExecuteClose(static_cast<uint32_t>(zarnPid), ZARN); }, "a close");
     }
     if (startCompute_ && computePid != -1) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] rankSize[%u] vfId[%d] the Cp will be closed",
                 deviceIdInOs_, sessionId_, fmkPid_, rankSize_.load(), vfId_);
-        forkTasks_.emplace_back([this, computePid] { ExecuteClose(static_cast<uint32_t>(computePid), COMPUTE); });
+        (void)StartForkTask([this, computePid] { ExecuteClose(static_cast<uint32_t>(computePid), COMPUTE); },
+                            "a close");
     }
     if (customPid != -1) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] devId[%u] sessId[%u] fmkPid[%u] rankSize[%u] vfId[%d] the Custom Cp will be closed",
                 deviceIdInOs_, sessionId_, fmkPid_, rankSize_.load(), vfId_);
-        forkTasks_.emplace_back(
-            [this, customPid] { ExecuteClose(static_cast<uint32_t>(customPid), CUSTOM_COMPUTE); });
+        (void)StartForkTask([this, customPid] { ExecuteClose(static_cast<uint32_t>(customPid), CUSTOM_COMPUTE); },
+                            "a close");
     }
     if (startQueue_ && queuePid != -1) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] rankSize[%u] vfId[%d] the QS will be closed",
                 deviceIdInOs_, sessionId_, fmkPid_, rankSize_.load(), vfId_);
-        forkTasks_.emplace_back([this, queuePid] { ExecuteClose(static_cast<uint32_t>(queuePid), QUEUE_SCHEDULE); });
+        (void)StartForkTask([this, queuePid] { ExecuteClose(static_cast<uint32_t>(queuePid), QUEUE_SCHEDULE); },
+                            "a close");
     }
 }
 
@@ -906,17 +1032,22 @@ uint32_t OrvImpl::CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type) {
             "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u], CheckAndWaitSubProcessExit subProcessPid[%u] "
             "procType[%d](0:ZARN PROC,1:COMPUTE PROC)",
             deviceIdInOs_, sessionId_, fmkPid_, subPid, static_cast<int32_t>(type));
-    // The pid comes from the sub-process's close report. Above INT32_MAX it is
-    // negative as a pid_t, which waitpid and kill take for a process group,
-    // and -1 for every process: no such pid is a sub-process.
-    if (subPid == 0 || subPid > static_cast<uint32_t>(INT32_MAX)) {
+    if (subPid == 0) {
         return 0;
     }
-    // Each pause between polls ends early when the child exits.
-    ExitWatch exitWatch(static_cast<pid_t>(subPid));
+    // Waits and signals reach only a process this session started.
+    std::shared_ptr<ProcessHandle> child =
+        subPid <= static_cast<uint32_t>(INT32_MAX) ? SubProcHandle(static_cast<int32_t>(subPid)) : nullptr;
+    if (child == nullptr) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] pid[%u] is no sub-process of this session: "
+                "not waited on",
+                deviceIdInOs_, sessionId_, fmkPid_, subPid);
+        return 0;
+    }
     for (uint32_t tryTimes = 0; tryTimes < kExitPolls; ++tryTimes) {
         int status = 0;
-        pid_t ret = waitpid(static_cast<pid_t>(subPid), &status, WNOHANG);
+        pid_t ret = child->TryReap(&status);
         ORV_LOG(ORV_INFO, "[OrvDaemon] waitpid finish. retPid is [%d], subProcPid is [%u], waitStatus is [%d]", ret,
                 subPid, status);
         // Reaped, or gone already (children are reaped by the kernel here).
@@ -929,14 +1060,16 @@ uint32_t OrvImpl::CheckAndWaitSubProcessExit(uint32_t subPid, uint32_t type) {
                     deviceIdInOs_, tryTimes);
             return 0;
         }
-        exitWatch.Pause(kExitPollMs);
+        // Each pause ends early when the child exits.
+        (void)child->WaitExit(kExitPollPause);
     }
     ORV_LOG(ORV_ERROR, "[OrvDaemon] subProcessPid[%u] exit failed on device index in os[%u], need to be killed", subPid,
             deviceIdInOs_);
-    int killed = kill(static_cast<pid_t>(subPid), SIGKILL);
+    int killed = child->Signal(SIGKILL);
     if (type == COMPUTE || type == CUSTOM_COMPUTE || type == QUEUE_SCHEDULE) {
+        (void)child->WaitExit(kKilledExitWait);
         int status = 0;
-        pid_t ret = waitpid(static_cast<pid_t>(subPid), &status, 0);
+        pid_t ret = child->TryReap(&status);
         // The line's own wording has the conversion "%D", which the C library
         // prints as it stands; the status conversion then shows the pid.
 #pragma GCC diagnostic push
@@ -961,17 +1094,24 @@ void OrvImpl::KillProcess(const std::vector<uint32_t>& pids) {
         if (pid == 0 || pid == 1) {
             continue;
         }
-        if (kill(static_cast<pid_t>(pid), 0) != 0) {
+        std::shared_ptr<ProcessHandle> child =
+            pid <= static_cast<uint32_t>(INT32_MAX) ? SubProcHandle(static_cast<int32_t>(pid)) : nullptr;
+        if (child == nullptr) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon] pid:%u is no sub-process of this session, not killed", pid);
+            continue;
+        }
+        if (child->Signal(0) != 0) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] find pid:%u is not exist", pid);
             continue;
         }
         ORV_LOG(ORV_INFO, "[OrvDaemon] find pid:%u need to be killed", pid);
-        if (kill(static_cast<pid_t>(pid), SIGKILL) != 0) {
+        if (child->Signal(SIGKILL) != 0) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] kill pid:%u is not exist", pid);
             continue;
         }
+        (void)child->WaitExit(kKilledExitWait);
         int status = 0;
-        pid_t ret = waitpid(static_cast<pid_t>(pid), &status, 0);
+        pid_t ret = child->TryReap(&status);
         ORV_LOG(ORV_INFO, "[OrvDaemon] kill pid:%u success, waitpid[%u] waitStatus[%d]", pid,
                 static_cast<uint32_t>(ret), status);
     }
@@ -981,8 +1121,9 @@ void OrvImpl::CheckSubProcessExit(int32_t& pid, uint32_t type) {
     if (pid == -1) {
         return;
     }
+    std::shared_ptr<ProcessHandle> child = SubProcHandleLocked(pid);
     int status = 0;
-    pid_t ret = waitpid(pid, &status, WNOHANG);
+    pid_t ret = child != nullptr ? child->TryReap(&status) : -1;
     if (ret == 0) {
         ORV_LOG(ORV_INFO, "[OrvDaemon] Subproc[%u] type[%u] status[%d]", static_cast<uint32_t>(pid), type, status);
         return;
@@ -1011,14 +1152,15 @@ void OrvImpl::CheckAicpuSubProcessExit(const int32_t& pid, bool zebFlag) {
     if (computePid_ == -1) {
         return;
     }
+    std::shared_ptr<ProcessHandle> child = SubProcHandleLocked(computePid_);
     if (zebFlag) {
         int status = 0;
-        if (waitpid(computePid_, &status, WNOHANG) == 0) {
+        if (child != nullptr && child->TryReap(&status) == 0) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Subproc[%d] type[%d] status[%d]", computePid_, static_cast<int32_t>(COMPUTE),
                     status);
             return;
         }
-    } else if (pid != computePid_ && kill(computePid_, 0) == 0) {
+    } else if (pid != computePid_ && child != nullptr && !child->Exited()) {
         // Neither reported terminated nor gone: still running.
         ORV_LOG(ORV_INFO, "[OrvDaemon] Subproc[%d] type[%d]", computePid_, static_cast<int32_t>(COMPUTE));
         return;
@@ -1031,9 +1173,10 @@ void OrvImpl::CheckAicpuSubProcessExit(const int32_t& pid, bool zebFlag) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Subprocess abnormal, close hdc server[%u].", sessionId_);
         OrvDaemon::GetInstance()->CloseHdcSession(deviceIdInOs_, sessionId_);
     }
-    if (!zebFlag) {
+    if (!zebFlag && child != nullptr) {
+        (void)child->WaitExit(kKilledExitWait);
         int status = 0;
-        pid_t ret = waitpid(computePid_, &status, 0);
+        pid_t ret = child->TryReap(&status);
         ORV_LOG(ORV_INFO, "[OrvImpl] pid[%d] wait success, waitpid[%d] waitStatus[%d]", computePid_, ret, status);
     }
     OrvDaemon::FreeProcessBuff(static_cast<uint32_t>(computePid_));
@@ -1120,17 +1263,17 @@ void OrvImpl::AbnormalMsgProc(bool customOnly, bool closeHdc) {
 }
 
 void OrvImpl::CleanOrvRcvEventThreads() {
-    std::list<std::thread> threads;
+    std::list<SessionThread> threads;
     {
         MutexLock lock(&eventThreadMutex_);
         threads.swap(eventThreads_);
     }
     uint32_t size = static_cast<uint32_t>(threads.size());
-    for (std::thread& thread : threads) {
-        if (thread.joinable()) {
+    for (SessionThread& entry : threads) {
+        if (entry.thread.joinable()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] CleanOrvRcvEventThreads() [tid=%s] [threadSize=%u]",
-                    ThreadIdText(thread).c_str(), size);
-            thread.join();
+                    ThreadIdText(entry.thread).c_str(), size);
+            entry.thread.join();
         }
     }
     ORV_LOG(ORV_INFO,
@@ -1139,17 +1282,17 @@ void OrvImpl::CleanOrvRcvEventThreads() {
 }
 
 void OrvImpl::CleanOrvRcvHdcThreads() {
-    std::list<std::thread> threads;
+    std::list<SessionThread> threads;
     {
         MutexLock lock(&forkTaskMutex_);
         threads.swap(forkTasks_);
     }
     uint32_t size = static_cast<uint32_t>(threads.size());
-    for (std::thread& thread : threads) {
-        if (thread.joinable()) {
+    for (SessionThread& entry : threads) {
+        if (entry.thread.joinable()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] CleanOrvRcvHdcThreads() [tid=%s] [threadSize=%u]",
-                    ThreadIdText(thread).c_str(), size);
-            thread.join();
+                    ThreadIdText(entry.thread).c_str(), size);
+            entry.thread.join();
         }
     }
     ORV_LOG(ORV_INFO,
@@ -1158,6 +1301,9 @@ void OrvImpl::CleanOrvRcvHdcThreads() {
 }
 
 void OrvImpl::Destory() {
+    // Nothing forks any more, and a request for the custom process stops
+    // waiting, so that every thread joined below ends.
+    SetCloseHandle(true);
     CleanOrvRcvHdcThreads();
     CleanOrvRcvEventThreads();
     CleanSubProcResource();
@@ -1166,12 +1312,6 @@ void OrvImpl::Destory() {
 }
 
 // ---- Event traffic ------------------------------------------------------------------
-
-template <typename Work>
-void OrvImpl::StartEventThread(Work work) {
-    MutexLock lock(&eventThreadMutex_);
-    eventThreads_.emplace_back(std::move(work));
-}
 
 bool OrvImpl::CheckSubProcPid(uint32_t subPid, uint32_t procType) {
     MutexLock lock(&pidMutex_);
@@ -1182,32 +1322,53 @@ bool OrvImpl::CheckSubProcPid(uint32_t subPid, uint32_t procType) {
     return procType <= QUEUE_SCHEDULE;
 }
 
+bool OrvImpl::IsOwnSubProcess(uint32_t pid, uint32_t procType) {
+    if (pid == 0 || pid > static_cast<uint32_t>(INT32_MAX)) {
+        return false;
+    }
+    const int32_t sender = static_cast<int32_t>(pid);
+    MutexLock lock(&pidMutex_);
+    if (procType != kAnyProcType) {
+        const int32_t* field = SubProcPid(procType);
+        return field != nullptr && *field == sender;
+    }
+    return sender == computePid_ || sender == zarnPid_ || sender == queuePid_ || sender == customComputePid_;
+}
+
 void OrvImpl::ProcessEventServerInfo(uint32_t subPid, uint32_t eventType, uint32_t procType, const void* payload) {
     if (!CheckSubProcPid(subPid, procType)) {
         ORV_LOG(ORV_INFO, "Check subProcPid fail, skip event server to orv process.");
+        return;
+    }
+    // A sub-process reports its own start and close only.
+    if ((eventType == ORV_SUB_EVENT_START || eventType == ORV_SUB_EVENT_CLOSE) && !IsOwnSubProcess(subPid, procType)) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] report type[%u] from subPid[%u] is not "
+                "about itself (procType[%u]), dropped",
+                deviceIdInOs_, sessionId_, fmkPid_, eventType, subPid, procType);
         return;
     }
     switch (eventType) {
         case ORV_SUB_EVENT_START:
             ORV_LOG(ORV_EVENT, "[OrvEVENT] #### EventSer->ORV RspMsg device index in os[%u] Start Rsp procType[%u] ####",
                     deviceIdInOs_, procType);
-            StartEventThread([this, subPid, procType] { StartRspProc(subPid, procType); });
+            (void)StartEventThread([this, subPid, procType] { StartRspProc(subPid, procType); }, "a start report");
             break;
         case ORV_SUB_EVENT_CLOSE:
             ORV_LOG(ORV_EVENT, "[OrvEVENT] #### EventSer->ORV RspMsg device index in os[%u] Close Rsp procType[%u] ####",
                     deviceIdInOs_, procType);
-            StartEventThread([this, subPid, procType] { CloseRspProc(subPid, procType); });
+            (void)StartEventThread([this, subPid, procType] { CloseRspProc(subPid, procType); }, "a close report");
             break;
         case ORV_SUB_EVENT_CUST_START: {
             OrvCustStartEventInfo info;
             (void)memcpy_s(&info, sizeof(info), payload, sizeof(info));
-            StartEventThread([this, info] { NotifyAicpuInfoProc(info); });
+            (void)StartEventThread([this, info] { NotifyAicpuInfoProc(info); }, "a custom-process request");
             break;
         }
         case ORV_SUB_EVENT_LOAD_SO: {
             OrvSubEventInfo info;
             (void)memcpy_s(&info, sizeof(info), payload, sizeof(info));
-            StartEventThread([this, info] { NotifySoNameToCustAicpu(info); });
+            (void)StartEventThread([this, info] { NotifySoNameToCustAicpu(info); }, "a shared-object request");
             break;
         }
         default:
@@ -1231,10 +1392,18 @@ void OrvImpl::NotifyAicpuInfoProc(const OrvCustStartEventInfo& info) {
     }
     ExecuteStart(kCustomComputePath, kCustomComputeName, CUSTOM_COMPUTE);
     {
+        // Bounded, and cut short by the session's close: a custom process
+        // that never reports must not keep this thread, and the session's
+        // teardown that joins it, for ever.
+        const auto deadline = std::chrono::steady_clock::now() + kCustomStartWait;
         MutexLock lock(&custStartMutex_);
-        while (!customComputeRunning_) {
-            custStartCond_.Wait();
+        while (!customComputeRunning_ && !GetCloseHandle() && std::chrono::steady_clock::now() < deadline) {
+            (void)custStartCond_.WaitUntil(deadline);
         }
+    }
+    if (!customComputeRunning_) {
+        GiveUpCustomStart();
+        return;
     }
     OrvSubEventInfo reply;
     (void)memset_s(&reply, sizeof(reply), 0, sizeof(reply));
@@ -1254,6 +1423,21 @@ void OrvImpl::NotifyAicpuInfoProc(const OrvCustStartEventInfo& info) {
     } else {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Response to OrvEventClient failed ");
     }
+}
+
+void OrvImpl::GiveUpCustomStart() {
+    if (GetCloseHandle()) {
+        ORV_LOG(ORV_INFO,
+                "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] closing began before the custom process "
+                "reported its start",
+                deviceIdInOs_, sessionId_, fmkPid_);
+        return;
+    }
+    ORV_LOG(ORV_ERROR,
+            "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] the custom process did not report its start "
+            "within %lld s: it is ended",
+            deviceIdInOs_, sessionId_, fmkPid_, static_cast<long long>(kCustomStartWait.count()));
+    CustomProcClean();
 }
 
 void OrvImpl::NotifySoNameToCustAicpu(const OrvSubEventInfo& info) const {

@@ -11,7 +11,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <list>
+#include <memory>
 #include <map>
 #include <string>
 #include <thread>
@@ -46,6 +48,13 @@ enum OrvStartStatus : uint32_t {
     START_STATUS_ANSWERED = 2,        // the success response went out
     START_STATUS_CHECKING_PACKAGE = 3,
     START_STATUS_PACKAGE_CHECKED = 4,
+};
+
+// A thread of a session and whether its work is done: finished threads are
+// joined as new ones start, so that a long session keeps only those at work.
+struct SessionThread {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
 };
 
 // One entry of a start list.
@@ -140,7 +149,7 @@ public:
     // Records a sub-process just forked, still held before its exec, unless
     // closing began since its worker looked; then no clean-up will see it,
     // and it is killed here. True when it was recorded.
-    bool RecordForkedSubProcess(int32_t pid, uint32_t procType);
+    bool RecordForkedSubProcess(std::shared_ptr<ProcessHandle> child, uint32_t procType);
     void SetCloseHandle(bool closeHandle);
     bool GetCloseHandle();
     // Closing has begun and every sub-process has closed.
@@ -187,6 +196,10 @@ public:
 
     // ---- Event traffic ----
 
+    // True when `pid` is a sub-process this session runs now, of kind
+    // `procType` unless that is kAnyProcType.
+    static constexpr uint32_t kAnyProcType = UINT32_MAX;
+    bool IsOwnSubProcess(uint32_t pid, uint32_t procType = kAnyProcType) LOCKS_EXCLUDED(pidMutex_);
     void ProcessEventServerInfo(uint32_t subPid, uint32_t eventType, uint32_t procType, const void* payload);
     bool CheckSubProcPid(uint32_t subPid, uint32_t procType);
     void NotifyAicpuInfoProc(const OrvCustStartEventInfo& info);
@@ -200,11 +213,22 @@ private:
     // Hands a profiling mode to the compute and custom processes that run;
     // the code for the host's reply.
     uint32_t NotifyProfilingToRunningProcs(uint32_t profilingMode);
+    // The handle on a sub-process this session started, or null.
+    std::shared_ptr<ProcessHandle> SubProcHandle(int32_t pid) const LOCKS_EXCLUDED(pidMutex_);
+    std::shared_ptr<ProcessHandle> SubProcHandleLocked(int32_t pid) const EXCLUSIVE_LOCKS_REQUIRED(pidMutex_);
+    // Drops the handles of sub-processes that ended and are recorded no more.
+    void ForgetEndedSubProcesses() EXCLUSIVE_LOCKS_REQUIRED(pidMutex_);
     // Builds the start list, in the fixed order zarn, compute, queue.
     void SaveProcessConfig(std::vector<ProcessConfig>& configs);
-    // Starts `work` on a thread kept in eventThreads_.
-    template <typename Work>
-    void StartEventThread(Work work);
+    // Starts `work` on a thread kept in eventThreads_; false (logged, naming
+    // `what`) when too many are at work or no thread can be started.
+    bool StartEventThread(std::function<void()> work, const char* what);
+    // Starts `work` on a thread kept in forkTasks_; false as above.
+    bool StartForkTask(std::function<void()> work, const char* what);
+    // Sends the start time-out's failure answer, off the monitor thread.
+    void SendTimeoutRsp(const std::string& reason);
+    // The custom process asked for did not report its start in time.
+    void GiveUpCustomStart();
     std::string LogLevel();
 
     // Constant after construction.
@@ -222,9 +246,10 @@ private:
     int32_t zarnPid_ GUARDED_BY(pidMutex_) = -1;
 
     Mutex forkTaskMutex_;
-    std::list<std::thread> forkTasks_ GUARDED_BY(forkTaskMutex_);
+    // The start workers and, despite the name, the close workers.
+    std::list<SessionThread> forkTasks_ GUARDED_BY(forkTaskMutex_);
     Mutex eventThreadMutex_;
-    std::list<std::thread> eventThreads_ GUARDED_BY(eventThreadMutex_);
+    std::list<SessionThread> eventThreads_ GUARDED_BY(eventThreadMutex_);
 
     Mutex closeMutex_;
     bool closeHandle_ GUARDED_BY(closeMutex_) = false;
@@ -267,6 +292,12 @@ private:
     std::string qsGroupName_ GUARDED_BY(groupMutex_);
     std::string custGroupNameList_ GUARDED_BY(groupMutex_);
     uint32_t custGroupNum_ GUARDED_BY(groupMutex_) = 0;
+
+    // Every sub-process this session started and may still have to signal or
+    // wait for, by pid: the recorded ones, and those ended but not yet reaped.
+    std::map<int32_t, std::shared_ptr<ProcessHandle>> subProcHandles_ GUARDED_BY(pidMutex_);
+    // A start request waits for its answer; the answer it gets is its only one.
+    bool startAnswerPending_ GUARDED_BY(startStatusMutex_) = false;
 };
 
 }  // namespace orv

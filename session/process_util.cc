@@ -44,6 +44,7 @@ void StartGate::Forked(int32_t pid) {
     child_ = pid;
     close(fds_[0]);
     fds_[0] = -1;
+    handle_ = ProcessHandle::ForChild(pid);
 }
 
 void StartGate::Release() {

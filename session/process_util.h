@@ -8,8 +8,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "session/process_handle.h"
 
 namespace orv {
 
@@ -25,6 +28,9 @@ public:
 
     // The child forked through this gate; 0 before the fork (and in the child).
     int32_t Child() const { return child_; }
+    // The handle on the child, taken while it waits; null when it is already
+    // gone (killed by someone else before its exec).
+    std::shared_ptr<ProcessHandle> TakeHandle() { return std::move(handle_); }
     // Lets the child exec.
     void Release();
 
@@ -38,6 +44,7 @@ private:
 
     int fds_[2] = {-1, -1};  // [0] the child's end, [1] the parent's
     int32_t child_ = 0;
+    std::shared_ptr<ProcessHandle> handle_;
 };
 
 class ProcessUtil {

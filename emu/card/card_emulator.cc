@@ -72,7 +72,9 @@ void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
             reply.set_code(DRV_ERROR_INVALID_VALUE);
         } else if (control) {
             reply = Control(request);
-        } else if (!IsDriverSocketRequest(request)) {
+        } else if (!IsDriverSocketRequest(request) || peer <= 0) {
+            // A caller the emulator cannot name (outside its PID namespace)
+            // would pass for the driver itself as the sender of its events.
             reply.set_code(DRV_ERROR_NO_PERMISSION);
         } else {
             reply = driver_.Handle(peer, request);

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -116,6 +117,44 @@ bool WriteFrame(int fd, const std::string& payload) {
     std::memcpy(frame.data(), &length, sizeof(length));
     frame += payload;
     return WriteFull(fd, frame.data(), frame.size());
+}
+
+bool WriteFrameWithin(int fd, const std::string& payload, std::chrono::milliseconds limit) {
+    if (payload.size() > UINT32_MAX) {
+        return false;
+    }
+    std::string frame(4, '\0');
+    uint32_t length = htonl(static_cast<uint32_t>(payload.size()));
+    std::memcpy(frame.data(), &length, sizeof(length));
+    frame += payload;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const char* p = frame.data();
+    size_t left = frame.size();
+    while (left > 0) {
+        ssize_t n = ::send(fd, p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0) {
+            p += n;
+            left -= static_cast<size_t>(n);
+            continue;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            return false;
+        }
+        auto remaining =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (remaining.count() <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        pollfd pfd{fd, POLLOUT, 0};
+        if (::poll(&pfd, 1, static_cast<int>(remaining.count())) < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
 }
 
 FrameStatus ReadFrame(int fd, std::string* payload, uint32_t maxLength) {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -38,6 +39,10 @@ enum class FrameStatus {
 // Writes one frame in a single write when it fits, so that concurrent writers
 // on other descriptors never interleave with it.
 bool WriteFrame(int fd, const std::string& payload);
+
+// Writes one frame whole, giving up once `limit` has passed with the peer not
+// reading (errno ETIMEDOUT); false on any failure.
+bool WriteFrameWithin(int fd, const std::string& payload, std::chrono::milliseconds limit);
 
 // Reads one frame of at most `maxLength` bytes.
 FrameStatus ReadFrame(int fd, std::string* payload, uint32_t maxLength);

@@ -7,11 +7,14 @@
 #include <hdc_server.h>
 
 #include <driver_hal.h>
+#include <slog.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -29,6 +32,12 @@ namespace {
 
 // A frame longer than this ends its session.
 constexpr uint32_t kMaxFrameLength = 1048576;
+
+// A reply the host has not taken within this time ends its link.
+constexpr std::chrono::milliseconds kReplyWriteLimit(2000);
+
+// The system log's module for the transport's own lines.
+constexpr int kHdcLogModuleId = 0x48;
 
 // What this side announces in the version handshake.
 constexpr uint32_t kHdcVersion = 1;
@@ -58,15 +67,27 @@ bool IsFrameworkRequest(HDCMessage::MsgType type) {
 struct HdcSession {
     HdcSession(uint32_t id, uint32_t deviceId, int fd) : id(id), deviceId(deviceId), fd(fd) {}
 
+    // Ends the connection (the receive thread then sees its end), unless it
+    // has ended already. Never waits for a writer.
+    void ShutDown() {
+        MutexLock lock(&stateMutex);
+        writable = false;
+        if (open) {
+            ::shutdown(fd, SHUT_RDWR);
+        }
+    }
+
     const uint32_t id;
     const uint32_t deviceId;
     const int fd;  // owned by the server's connection; valid while `open`
     const std::shared_ptr<VersionVerify> version = std::make_shared<VersionVerify>();
 
-    // Serialises writers and guards the descriptor's use by other threads.
-    Mutex writeMutex;
-    bool open GUARDED_BY(writeMutex) = true;      // the descriptor may be used
-    bool writable GUARDED_BY(writeMutex) = true;  // no ClearSingleSession yet
+    // Serialises writers; `open` only turns false with it held, so a writer
+    // that saw it true may use the descriptor to the end of its write.
+    Mutex writeMutex ACQUIRED_BEFORE(stateMutex);
+    Mutex stateMutex;
+    bool open GUARDED_BY(stateMutex) = true;      // the descriptor may be used
+    bool writable GUARDED_BY(stateMutex) = true;  // no ClearSingleSession yet
 
     // The last framework request's identity; the receive thread's alone.
     uint32_t lastDeviceId = 0;
@@ -212,7 +233,8 @@ void HdcServer::Impl::Serve(int fd) {
         dispatcher->ProcessMessage(session->id, msg);
     }
     {
-        MutexLock lock(&session->writeMutex);
+        MutexLock writing(&session->writeMutex);
+        MutexLock lock(&session->stateMutex);
         session->open = false;
     }
     table.Remove(session->id);
@@ -296,13 +318,10 @@ uint32_t HdcServer::ClearSingleSession(uint32_t sessionId) {
     if (session == nullptr) {
         return 1;
     }
-    MutexLock lock(&session->writeMutex);
-    session->writable = false;
-    if (session->open) {
-        // Everything sent before has been written whole; the receive thread
-        // sees the end and reports it.
-        ::shutdown(session->fd, SHUT_RDWR);
-    }
+    // Everything sent before has been written whole (SendMsg returns only
+    // then); a write still under way fails. The receive thread sees the end
+    // and reports it.
+    session->ShutDown();
     return 0;
 }
 
@@ -330,11 +349,26 @@ uint32_t HdcCommon::SendMsg(uint32_t sessionId, const HDCMessage& msg) {
     if (!msg.SerializeToString(&payload)) {
         return 1;
     }
-    MutexLock lock(&session->writeMutex);
-    if (!session->open || !session->writable) {
-        return 1;
+    MutexLock writing(&session->writeMutex);
+    {
+        MutexLock lock(&session->stateMutex);
+        if (!session->open || !session->writable) {
+            return 1;
+        }
     }
-    return emu::WriteFrame(session->fd, payload) ? 0 : 1;
+    if (emu::WriteFrameWithin(session->fd, payload, kReplyWriteLimit)) {
+        return 0;
+    }
+    if (errno == ETIMEDOUT) {
+        // A host that does not read its replies would hold up whoever answers
+        // it; its link ends, as a dropped link does.
+        DlogWarnInner(kHdcLogModuleId,
+                      "[HdcServer] session[%u] of device[%u]: a reply was not taken within %lld ms, the host does "
+                      "not read; its link is ended",
+                      sessionId, session->deviceId, static_cast<long long>(kReplyWriteLimit.count()));
+        session->ShutDown();
+    }
+    return 1;
 }
 
 }  // namespace orv
