@@ -1,8 +1,11 @@
 // orvdaemon: the daemon executable. It starts the daemon library, tells the
 // supervisor (when one asks, through ORV_NOTIFY_SOCKET) that start-up is over,
 // and keeps the process alive until SIGTERM or SIGINT.
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,9 +70,30 @@ void Notify(const std::string& notice) {
     close(fd);
 }
 
+// The daemon's sub-processes run user code: they get the standard
+// descriptors, and nothing else that the daemon's own parent left open.
+void KeepInheritedDescriptorsFromSubProcesses() {
+    if (syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+        return;
+    }
+    // Kernels before 5.11: one descriptor at a time.
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr) {
+        return;
+    }
+    while (dirent* entry = readdir(fds)) {
+        int fd = std::atoi(entry->d_name);
+        if (fd > 2 && fd != dirfd(fds)) {
+            (void)fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+        }
+    }
+    closedir(fds);
+}
+
 }  // namespace
 
 int main() {
+    KeepInheritedDescriptorsFromSubProcesses();
     if (chdir("/") != 0) {
         std::fprintf(stderr, "orvdaemon: cannot change to /: %s\n", std::strerror(errno));
         return 1;

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <system_error>
 
@@ -29,6 +28,7 @@
 #include "platform/log.h"
 #include "platform/scope_guard.h"
 #include "platform/stop_signal.h"
+#include "session/process_handle.h"
 #include "session/process_util.h"
 
 // Drivers that lack the call still load the daemon; the release then counts
@@ -48,7 +48,9 @@ constexpr uint32_t kMaxProcessDefault = 32;
 constexpr uint32_t kMaxProcessLimit = 128;
 constexpr std::chrono::seconds kMonitorPeriod{1};
 constexpr size_t kPidofCommandSize = 257;
-constexpr int kPidofLineSize = 256;
+// A leftover sent SIGKILL ends at once; the bound only keeps one stuck in the
+// kernel from holding up the start.
+constexpr std::chrono::milliseconds kLeftoverExitWait(2000);
 constexpr uint32_t kFormatFailure = 15;
 // The termination channel's record: a 4-byte header, then 920 bytes in which
 // the signal number sits at 0 and the terminated pid at 560.
@@ -139,6 +141,22 @@ bool StartThread(std::thread* thread, std::function<void()> body, const char* na
     } catch (const std::system_error& e) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] cannot start the %s thread: %s", name, e.what());
         return false;
+    }
+    return true;
+}
+
+// Reads one line, without its newline; false at the end of the stream.
+bool ReadLine(FILE* stream, std::string* line) {
+    char* buffer = nullptr;
+    size_t capacity = 0;
+    ssize_t length = getline(&buffer, &capacity, stream);
+    ScopeGuard freeBuffer([buffer] { free(buffer); });
+    if (length < 0) {
+        return false;
+    }
+    line->assign(buffer, static_cast<size_t>(length));
+    if (!line->empty() && line->back() == '\n') {
+        line->pop_back();
     }
     return true;
 }
@@ -840,13 +858,15 @@ void OrvDaemon::ClearOrvMap() {
 
 void OrvDaemon::LoadFileAndSetEnv() const {
     ORV_LOG(ORV_INFO, "[OrvDaemon] load file and set env.");
-    std::ifstream file(kEnvScriptPath);
-    if (!file.is_open()) {
+    // Close-on-exec: sub-processes may be launched meanwhile.
+    FILE* file = fopen(kEnvScriptPath, "re");
+    if (file == nullptr) {
         ORV_LOG(ORV_INFO, "[OrvDaemon] Open config file failed.");
         return;
     }
+    ScopeGuard closeFile([file] { fclose(file); });
     std::string line;
-    for (int handled = 0; handled < kMaxEnvScriptLines && std::getline(file, line); ++handled) {
+    for (int handled = 0; handled < kMaxEnvScriptLines && ReadLine(file, &line); ++handled) {
         if (line.empty()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Skip empty line.");
             continue;
@@ -909,21 +929,26 @@ uint32_t OrvDaemon::GetProcessPidByName(const std::vector<std::string>& names, s
             ORV_LOG(ORV_ERROR, "[OrvDaemon] GetProcessPidByName() Failed to format the echo command!");
             return kFormatFailure;
         }
-        FILE* stream = popen(command, "r");
+        FILE* stream = popen(command, "re");
         if (stream == nullptr) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] popen failed");
             continue;
         }
         ScopeGuard closeStream([stream] { pclose(stream); });
-        char line[kPidofLineSize + 1] = {0};
-        if (fgets(line, kPidofLineSize, stream) == nullptr) {
+        // The whole line: a pid cut off at a buffer's end would name another
+        // process.
+        char* buffer = nullptr;
+        size_t capacity = 0;
+        ScopeGuard freeBuffer([&buffer] { free(buffer); });
+        if (getline(&buffer, &capacity, stream) < 0) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Maybe subprocess is not exit");
             continue;
         }
-        line[strcspn(line, "\n")] = '\0';
-        ORV_LOG(ORV_INFO, "[OrvDaemon] Found remnants process %s, pids:[%s]", name.c_str(), line);
+        buffer[strcspn(buffer, "\n")] = '\0';
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Found remnants process %s, pids:[%s]", name.c_str(), buffer);
         char* save = nullptr;
-        for (char* token = strtok_r(line, " \t\n", &save); token != nullptr; token = strtok_r(nullptr, " \t\n", &save)) {
+        for (char* token = strtok_r(buffer, " \t\n", &save); token != nullptr;
+             token = strtok_r(nullptr, " \t\n", &save)) {
             errno = 0;
             char* end = nullptr;
             long pid = strtol(token, &end, 10);
@@ -935,6 +960,52 @@ uint32_t OrvDaemon::GetProcessPidByName(const std::vector<std::string>& names, s
     return 0;
 }
 
+namespace {
+
+// A handle on `pid` when it runs one of the four sub-process programs; null
+// (logged) for any other process that merely has such a name.
+std::shared_ptr<ProcessHandle> LeftoverSubProcess(int32_t pid) {
+    std::shared_ptr<ProcessHandle> process = ProcessHandle::ForProcess(pid);
+    if (process == nullptr) {
+        return nullptr;
+    }
+    char exe[PATH_MAX] = {0};
+    std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    ssize_t length = readlink(link.c_str(), exe, sizeof(exe) - 1);
+    // The process must still be the one the handle holds once its program
+    // was read.
+    if (length <= 0 || process->Signal(0) != 0) {
+        return nullptr;
+    }
+    // An earlier daemon's sub-process may run a program since replaced.
+    std::string program(exe);
+    const std::string replaced = " (deleted)";
+    if (program.size() > replaced.size() && program.compare(program.size() - replaced.size(), replaced.size(),
+                                                            replaced) == 0) {
+        program.resize(program.size() - replaced.size());
+    }
+    for (const std::string* known : {&kZarnPath, &kComputePath, &kCustomComputePath, &kQueuePath}) {
+        if (*known == program) {
+            return process;
+        }
+    }
+    ORV_LOG(ORV_ERROR, "[OrvDaemon] pid[%d] is named like a sub-process but runs %s: left alone", pid, exe);
+    return nullptr;
+}
+
+// The leftovers among `pids`.
+std::vector<std::shared_ptr<ProcessHandle>> LeftoverSubProcesses(const std::vector<int32_t>& pids) {
+    std::vector<std::shared_ptr<ProcessHandle>> leftovers;
+    for (int32_t pid : pids) {
+        if (std::shared_ptr<ProcessHandle> process = LeftoverSubProcess(pid)) {
+            leftovers.push_back(std::move(process));
+        }
+    }
+    return leftovers;
+}
+
+}  // namespace
+
 uint32_t OrvDaemon::CheckAndCleanProcess() {
     ORV_LOG(ORV_INFO, "[OrvDaemon] CheckAndCleanProcess enter");
     std::vector<int32_t> pids;
@@ -942,20 +1013,26 @@ uint32_t OrvDaemon::CheckAndCleanProcess() {
     if (ret != 0) {
         return ret;
     }
-    for (size_t index = 0; index < pids.size(); ++index) {
-        ORV_LOG(ORV_INFO, "[OrvDaemon] kill [index= %zu][pid= %u]", index, static_cast<uint32_t>(pids[index]));
-        if (kill(pids[index], SIGKILL) != 0) {
+    std::vector<std::shared_ptr<ProcessHandle>> leftovers = LeftoverSubProcesses(pids);
+    for (size_t index = 0; index < leftovers.size(); ++index) {
+        const uint32_t pid = static_cast<uint32_t>(leftovers[index]->Pid());
+        ORV_LOG(ORV_INFO, "[OrvDaemon] kill [index= %zu][pid= %u]", index, pid);
+        if (leftovers[index]->Signal(SIGKILL) != 0) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] process kill failed");
             return 1;
         }
-        FreeProcessBuff(static_cast<uint32_t>(pids[index]));
+        FreeProcessBuff(pid);
+    }
+    // A killed process is gone a moment later, not at once.
+    for (const std::shared_ptr<ProcessHandle>& leftover : leftovers) {
+        (void)leftover->WaitExit(kLeftoverExitWait);
     }
     std::vector<int32_t> remaining;
     if (GetProcessPidByName(kSubProcessNames, remaining) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] CheckAndCleanProcess() again failed");
         return 1;
     }
-    if (!remaining.empty()) {
+    if (!LeftoverSubProcesses(remaining).empty()) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] CheckAndCleanProcess kill failed process is still exist");
         return 1;
     }

@@ -331,7 +331,7 @@ uint32_t OrvEventServer::CreatInotifyWatcher(int vfId) const {
 }
 
 bool OrvEventServer::CheckExistVf(std::vector<int>& vfIds) const {
-    FILE* stream = popen("ls /var |grep \"aicpu_custom_runner[1-9][0-9]*$\"", "r");
+    FILE* stream = popen("ls /var |grep \"aicpu_custom_runner[1-9][0-9]*$\"", "re");
     if (stream == nullptr) {
         ORV_LOG(ORV_ERROR, "Popen cmd failed");
         return false;

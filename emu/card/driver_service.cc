@@ -89,6 +89,7 @@ const char* const StandinTable::kBehaviours[] = {
     "ignore-close",       // never answers a close request
     "kernel-timeout",     // reports start, then a kernel time-out after the delay
     "ask-custom",         // (compute) reports start, then asks for the custom process after the delay
+    "flood",              // reports start, then as many start reports again as the "delay" says
     nullptr,
 };
 

@@ -296,6 +296,8 @@ std::vector<StandinRecord> ReadStandinRecords(const std::string& stateDir) {
                 record.affinity.push_back(std::stoi(value));
             } else if (key == "group") {
                 record.groups.push_back(value);
+            } else if (key == "inherited") {
+                record.inherited.push_back(value);
             } else if (key != "ppid" && key != "exe") {
                 record.notes.push_back(line);
             }

@@ -80,6 +80,7 @@ struct StandinRecord {
     std::vector<std::string> env;
     std::vector<int> affinity;
     std::vector<std::string> groups;  // "NAME PERMISSIONS"
+    std::vector<std::string> inherited;  // descriptors beyond 0-2 it started with: "N -> what"
     std::vector<std::string> notes;   // everything it noted afterwards, in order
     bool Has(const std::string& prefix) const;
     size_t Count(const std::string& prefix) const;

@@ -3,6 +3,7 @@
 // affinity, buffer groups) and what it receives in /run/orv-stub/<pid>.txt,
 // reports to its parent (the daemon) through the event scheduler, and behaves
 // as the card emulator says for its kind (orv-emu-ctl standin ...).
+#include <dirent.h>
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
@@ -118,7 +119,29 @@ std::vector<std::string> OwnGroups() {
     return groups;
 }
 
-void WriteStartRecord(int argc, char** argv, const Options& options) {
+// The descriptors beyond the standard three that this process was started
+// with, as "N -> what": a launch should pass on none.
+std::vector<std::string> InheritedDescriptors() {
+    std::vector<std::string> inherited;
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr) {
+        return inherited;
+    }
+    while (dirent* entry = readdir(fds)) {
+        int fd = std::atoi(entry->d_name);
+        if (entry->d_name[0] == '.' || fd <= 2 || fd == dirfd(fds)) {
+            continue;
+        }
+        char target[4096] = {0};
+        std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        (void)!readlink(link.c_str(), target, sizeof(target) - 1);
+        inherited.push_back(std::string(entry->d_name) + " -> " + target);
+    }
+    closedir(fds);
+    return inherited;
+}
+
+void WriteStartRecord(int argc, char** argv, const Options& options, const std::vector<std::string>& inherited) {
     std::string record = "pid " + std::to_string(getpid()) + "\nppid " + std::to_string(getppid()) + "\nkind " +
                          std::to_string(options.kind) + "\n";
     char exe[4096] = {0};
@@ -145,6 +168,9 @@ void WriteStartRecord(int argc, char** argv, const Options& options) {
     for (const std::string& group : OwnGroups()) {
         record += "group " + group + "\n";
     }
+    for (const std::string& descriptor : inherited) {
+        record += "inherited " + descriptor + "\n";
+    }
     std::string path = RecordPath();
     std::string tmp = path + ".tmp";
     std::lock_guard<std::mutex> lock(g_recordMutex);
@@ -168,10 +194,10 @@ drvError_t SubmitToParent(const Options& options, uint32_t subEvent, const void*
     return halEschedSubmitEvent(kEventDevice, &summary);
 }
 
-// Sends one report. The sub-event is the record's kind, except for a kernel
+// Submits one report. The sub-event is the record's kind, except for a kernel
 // time-out, which rides the report channel (sub-event 0): the daemon routes
 // sub-events 0, 1, 2 and 6 and reads the kind from the record.
-void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
+drvError_t Submit(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
     OrvSubEventInfo record;
     std::memset(&record, 0, sizeof(record));
     record.deviceId = options.deviceId;
@@ -183,7 +209,12 @@ void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, u
     record.eventType = eventType;
     record.payloadWord = payloadWord;
     uint32_t subEvent = eventType == orv::ORV_SUB_EVENT_ABNORMAL ? orv::ORV_SUB_EVENT_START : eventType;
-    drvError_t rc = SubmitToParent(options, subEvent, &record, sizeof(record));
+    return SubmitToParent(options, subEvent, &record, sizeof(record));
+}
+
+// Submits one report and notes how it went.
+void Report(const Options& options, uint32_t eventType, uint32_t procTypeWord, uint32_t payloadWord = 0) {
+    drvError_t rc = Submit(options, eventType, procTypeWord, payloadWord);
     Note("sent " + std::to_string(eventType) + " rc " + std::to_string(rc));
 }
 
@@ -285,6 +316,8 @@ void TaskLoop() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // First, before this process opens anything of its own.
+    const std::vector<std::string> inherited = InheritedDescriptors();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -295,7 +328,7 @@ int main(int argc, char** argv) {
     options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));
     options.vfId = static_cast<int32_t>(std::strtol(Argument(argc, argv, "vfId").c_str(), nullptr, 10));
     options.hostPid = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "pid").c_str(), nullptr, 10));
-    WriteStartRecord(argc, argv, options);
+    WriteStartRecord(argc, argv, options, inherited);
 
     orv::emu::CardRequest query;
     query.mutable_standin_behaviour()->set_kind(options.kind);
@@ -339,6 +372,12 @@ int main(int argc, char** argv) {
         } else if (behaviour == "kernel-timeout") {
             sleepDelay();
             Report(options, orv::ORV_SUB_EVENT_ABNORMAL, options.kind);
+        } else if (behaviour == "flood") {
+            // A sub-process gone wrong: the same report, over and over.
+            for (uint32_t i = 0; i < delayMs; ++i) {
+                Submit(options, orv::ORV_SUB_EVENT_START, options.kind);
+            }
+            Note("flooded " + std::to_string(delayMs));
         } else if (behaviour == "ask-custom" && options.kind == kKindCompute) {
             sleepDelay();
             AskForCustom(options);

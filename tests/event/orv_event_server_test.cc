@@ -58,6 +58,39 @@ TEST_F(OrvEventServerTest, AFailedRegistrationUndoesTheAttachAndStartsNoWorker) 
     EXPECT_FALSE(log.Contains("OrvEventServer begin start thread"));
 }
 
+// A worker whose group cannot be made, or whose subscription fails, ends
+// alone; the other serves its device. Each case runs in a card of its own.
+class OrvEventServerSetUpFaultTest : public OrvEventServerTest,
+                                     public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(OrvEventServerSetUpFaultTest, AWorkerThatCannotSetUpEndsAlone) {
+    test::LogCapture log;
+    InjectFault(InsideControlSocket(), GetParam().first, 5, 1);
+    ASSERT_EQ(server_->Init(2), 0u);
+    EXPECT_TRUE(log.WaitFor(GetParam().second, 5s));
+    EXPECT_TRUE(log.WaitFor("[OrvEventServer] subscribe event on dev[0] group[", 5s)) << "the other worker";
+    EXPECT_EQ(log.Count("[OrvEventServer] subscribe event on dev[0] group["), 1u);
+    EXPECT_TRUE(server_->IsRunning());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, OrvEventServerSetUpFaultTest,
+    ::testing::Values(std::make_pair("halEschedCreateGrp", "type[2] failed, result[5]."),
+                      std::make_pair("halEschedSubscribeEvent",
+                                     "[OrvEventServer] subscribe EVENT_CCPU_CTRL_MSG failed in dev[0] group[")),
+    [](const auto& info) { return std::string(info.param.first); });
+
+// A detach the driver refuses at a worker's end changes nothing.
+TEST_F(OrvEventServerTest, ARefusedDetachAtTheEndChangesNothing) {
+    ASSERT_EQ(server_->Init(2), 0u);
+    InjectFault(InsideControlSocket(), "halEschedDettachDevice", 5, 2);
+    server_->Destroy();
+    EXPECT_FALSE(server_->IsRunning());
+    emu::CardRequest request;
+    request.mutable_list_faults();
+    EXPECT_EQ(test::Control(InsideControlSocket(), request).text(), "") << "each worker met one";
+}
+
 TEST_F(OrvEventServerTest, OnlyControlEventsOfTheRightLengthGoOn) {
     test::LogCapture log;
     event_info event;

@@ -1,0 +1,389 @@
+// Peers that misbehave, played as an attacker would against a booted card: a
+// link that starts several host processes, records forged by a process that
+// is none of the daemon's children, a host that never reads its replies, a
+// custom process that never reports, a sub-process that floods its session,
+// over-long strings, a child whose group grant failed. After each, the
+// daemon still serves everyone else and stops promptly on SIGTERM.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "emu/host/host_link.h"
+#include "tests/support/test_support.h"
+
+namespace orv {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using test::EmuCtl;
+using test::Host;
+using test::SandboxRun;
+using test::StandinRecord;
+
+constexpr uint32_t kCompute = 1;
+constexpr uint32_t kCustom = 2;
+
+class HostilePeerTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        if (!sandbox_.Running()) {
+            return;
+        }
+        // A hang anywhere would keep the daemon from its orderly stop.
+        auto asked = std::chrono::steady_clock::now();
+        EXPECT_EQ(sandbox_.Stop(20s), 0) << "the sandbox did not stop";
+        auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - asked);
+        RecordProperty("stop_ms", std::to_string(took.count()));
+    }
+
+    void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
+
+    void Standin(const std::string& kind, const std::string& behaviour, int delayMs = 0) {
+        std::string output;
+        ASSERT_EQ(EmuCtl(sandbox_, {"standin", kind, behaviour, std::to_string(delayMs)}, &output), 0) << output;
+    }
+
+    std::unique_ptr<host::HostLink> Link(uint32_t device = 0) {
+        std::string error;
+        auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
+        EXPECT_NE(link, nullptr) << error;
+        return link;
+    }
+
+    static HDCMessage Request(HDCMessage::MsgType type, uint32_t hostPid) {
+        HDCMessage request;
+        request.set_type(type);
+        request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+        request.set_start_cp(true);
+        return request;
+    }
+
+    // Sends a request and waits for the answer of `replyType`; its code, or -1.
+    static int Ask(host::HostLink& link, const HDCMessage& request, HDCMessage::MsgType replyType,
+                   std::chrono::milliseconds timeout = 10s) {
+        HDCMessage reply;
+        if (!link.Send(request) || link.Await(replyType, &reply, timeout) != host::Received::kMessage) {
+            return -1;
+        }
+        return static_cast<int>(reply.orv_rsp_code());
+    }
+
+    // A whole start and close by a fresh host on its own link: the daemon
+    // still serves newcomers.
+    void NewcomerIsServed(uint32_t hostPid) {
+        auto link = Link();
+        ASSERT_NE(link, nullptr);
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid), HDCMessage::ORV_START_PROC_RSP), 0);
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, hostPid), HDCMessage::ORV_CLOSE_PROC_RSP), 0);
+    }
+
+    std::vector<StandinRecord> OfKind(uint32_t kind) { return test::StandinRecordsOfKind(sandbox_, kind); }
+    bool Running(const std::string& name) { return sandbox_.Enter({"pidof", name}) == 0; }
+
+    // Runs orv-emu-submit inside the sandbox: a local process of the card
+    // that is none of the daemon's children.
+    int SubmitAsStranger(const std::vector<std::string>& args, std::string* output = nullptr) {
+        std::vector<std::string> command = {test::BinDir() + "/orv-emu-submit"};
+        command.insert(command.end(), args.begin(), args.end());
+        return sandbox_.Enter(command, output);
+    }
+
+    SandboxRun sandbox_;
+};
+
+// One link may carry requests for several host processes; its end is the end
+// of every session it started, not only of the last one it named.
+TEST_F(HostilePeerTest, ALinkThatStartedSeveralHostProcessesEndsThemAllWhenItDrops) {
+    Boot({"--env", "AICPU_MAX_NUM=3"});
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    for (uint32_t hostPid : {501u, 502u, 503u}) {
+        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid), HDCMessage::ORV_START_PROC_RSP), 0);
+    }
+    ASSERT_EQ(OfKind(kCompute).size(), 3u);
+    link->Drop();
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s)) << "a sub-process outlived its session";
+    EXPECT_TRUE(sandbox_.Log().WaitFor("HDC session[1] that ended had also started hostPid[502]", 5s));
+    // The quota of three is free again.
+    for (uint32_t hostPid : {601u, 602u, 603u}) {
+        NewcomerIsServed(hostPid);
+    }
+}
+
+// Records from a process that did not start as a sub-process of the session
+// they name change nothing, whatever they claim.
+TEST_F(HostilePeerTest, ARecordFromAProcessThatIsNoSubProcessOfItsSessionChangesNothing) {
+    Boot();
+    auto victim = Link();
+    ASSERT_NE(victim, nullptr);
+    ASSERT_EQ(Ask(*victim, Request(HDCMessage::ORV_START_PROC_MSG, 700), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_EQ(OfKind(kCompute).size(), 1u);
+    const std::string compute = std::to_string(OfKind(kCompute)[0].pid);
+    struct Forgery {
+        std::vector<std::string> args;
+        std::string refusal;
+    };
+    const Forgery forgeries[] = {
+        // A kernel time-out claimed by the forger itself.
+        {{"0", "--host-pid", "700", "--event-type", "4", "--proc-type", "1"}, "comes from none of that session's"},
+        // A close report naming the victim's compute process.
+        {{"1", "--host-pid", "700", "--claim-pid", compute}, "names sender[" + compute + "] but comes from pid["},
+        // A start report, and a custom-process request, in the forger's name.
+        {{"0", "--host-pid", "700"}, "comes from none of that session's"},
+        {{"2", "--host-pid", "700"}, "comes from none of that session's"},
+    };
+    for (const Forgery& forgery : forgeries) {
+        std::string output;
+        ASSERT_EQ(SubmitAsStranger(forgery.args, &output), 0) << output;
+        EXPECT_TRUE(sandbox_.Log().WaitFor(forgery.refusal, 5s)) << forgery.refusal;
+    }
+    // A forged close report would have the compute process killed after the
+    // close wait of about five seconds.
+    std::this_thread::sleep_for(6s);
+    EXPECT_TRUE(Running("aicpu_runner"));
+    EXPECT_FALSE(sandbox_.Log().Contains("kernel execute time out"));
+    EXPECT_FALSE(sandbox_.Log().Contains("need to be killed"));
+    EXPECT_THAT(OfKind(kCustom), IsEmpty());
+    // The victim's session and link are whole.
+    EXPECT_EQ(Ask(*victim, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 700), HDCMessage::ORV_UPDATE_PROIFILING_RSP),
+              0);
+}
+
+// Only the driver announces VFs; the same notice from an ordinary process is
+// refused and acknowledged to nobody.
+TEST_F(HostilePeerTest, AVfNoticeFromAnOrdinaryProcessIsRefused) {
+    Boot({"--vfs", "2"});
+    const std::string trusted = sandbox_.Env()["ORV_TRUSTED_DIR_0"] + "/vfid2";
+    std::string output;
+    ASSERT_EQ(SubmitAsStranger({"101", "--length", "16", "--word4", "2"}, &output), 0) << output;
+    EXPECT_TRUE(sandbox_.Log().WaitFor("driver notice sub-event[101] from pid[", 5s));
+    EXPECT_FALSE(sandbox_.Log().Contains("destroy_vf_config.sh 2"));
+    EXPECT_EQ(access(trusted.c_str(), F_OK), 0) << "the VF was torn down";
+    // The driver's own notice still works.
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "destroy", "2"}, &output), 0) << output;
+    EXPECT_THAT(output, HasSubstr("0\n"));
+}
+
+// A raw link that sends requests and never reads what comes back.
+class DeafHost {
+public:
+    explicit DeafHost(const std::string& socketPath) {
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, socketPath.c_str(), sizeof(addr.sun_path) - 1);
+        connected_ = fd_ >= 0 && connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    }
+    ~DeafHost() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    bool Connected() const { return connected_; }
+
+    // Sends `msg` until the daemon takes no more (it stopped reading because
+    // its replies are not read), or `limit` times; how many went.
+    size_t Flood(const HDCMessage& msg, size_t limit) {
+        std::string payload = msg.SerializeAsString();
+        uint32_t length = htonl(static_cast<uint32_t>(payload.size()));
+        std::string frame(reinterpret_cast<const char*>(&length), sizeof(length));
+        frame += payload;
+        (void)fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
+        size_t sent = 0;
+        int idle = 0;
+        while (sent < limit && idle < 20) {
+            ssize_t n = send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
+            if (n == static_cast<ssize_t>(frame.size())) {
+                ++sent;
+                idle = 0;
+            } else if (n < 0 && errno == EAGAIN) {
+                ++idle;
+                std::this_thread::sleep_for(50ms);
+            } else {
+                break;
+            }
+        }
+        return sent;
+    }
+
+private:
+    int fd_ = -1;
+    bool connected_ = false;
+};
+
+// A host whose replies pile up unread: whoever would write to it is held up
+// no longer than a moment, and its link then ends. Meanwhile its collective
+// service dies, which has the monitor drop that very link.
+TEST_F(HostilePeerTest, AHostThatNeverReadsHoldsUpNobodyElse) {
+    Boot();
+    Standin("zarn", "crash", 3000);
+    DeafHost deaf(sandbox_.Env()["ORV_HDC_SOCKET_0"]);
+    ASSERT_TRUE(deaf.Connected());
+    HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, 800);
+    start.set_start_zarn(true);
+    ASSERT_EQ(deaf.Flood(start, 1), 1u);
+    ASSERT_TRUE(sandbox_.Log().WaitFor("[OrvEVENT] #### Start Rsp ORV->FMK", 10s));
+    Standin("zarn", "normal");
+    HDCMessage profiling = Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 800);
+    profiling.mutable_proc_sign_pid()->set_proc_sign(std::string(100, 's'));
+    EXPECT_GT(deaf.Flood(profiling, 200000), 0u);
+    EXPECT_TRUE(sandbox_.Log().WaitFor("the host does not read; its link is ended", 15s));
+    for (uint32_t hostPid : {801u, 802u}) {
+        NewcomerIsServed(hostPid);
+    }
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s)) << "the deaf host's session lives on";
+}
+
+// The compute process asks for the custom process, which never reports its
+// start: the request stops waiting when its session closes, and the session's
+// end (its close, or a kernel time-out dropped on an event worker) completes.
+TEST_F(HostilePeerTest, ACustomProcessThatNeverReportsHoldsUpNoSessionsEnd) {
+    Boot();
+    Standin("compute", "ask-custom", 100);
+    Standin("custom", "no-start");
+    {
+        auto link = Link();
+        ASSERT_NE(link, nullptr);
+        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 900), HDCMessage::ORV_START_PROC_RSP), 0);
+        ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 10s));
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, 900), HDCMessage::ORV_CLOSE_PROC_RSP), 0);
+        EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_custom_runner"); }, 10s));
+    }
+    // The same, ended by the compute process's kernel time-out, which the
+    // event worker of device 0 handles.
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 901), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 2; }, 10s));
+    std::vector<StandinRecord> computes = OfKind(kCompute);
+    pid_t compute = std::max_element(computes.begin(), computes.end(), [](const auto& a, const auto& b) {
+                        return a.pid < b.pid;
+                    })->pid;
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_,
+                     {"inject-event", "0", "--host-pid", "901", "--event-type", "4", "--proc-type", "1", "--src-pid",
+                      std::to_string(compute)},
+                     &output),
+              0)
+        << output;
+    EXPECT_TRUE(sandbox_.Log().WaitFor("kernel execute time out.", 5s));
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_custom_runner"); }, 10s));
+    // Device 0's events are still handled: a newcomer's start report answers.
+    Standin("compute", "normal");
+    NewcomerIsServed(902);
+}
+
+// A sub-process gone wrong floods its session with reports: each is handled
+// on a thread of its own that is let go when done, and no second answer goes
+// to the host. (The soak run floods with far more.)
+TEST_F(HostilePeerTest, AFloodOfReportsFromASubProcessKeepsTheDaemonBounded) {
+    // Error lines only: the flood would otherwise write a line for each step.
+    Boot({"--env", "ORV_EMU_LOG_LEVEL=error"});
+    pid_t daemon = test::DaemonPid(sandbox_);
+    const size_t idleThreads = test::ThreadCount(daemon);
+    Standin("compute", "flood", 5000);
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 1000), HDCMessage::ORV_START_PROC_RSP), 0);
+    size_t most = 0;
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            most = std::max(most, test::ThreadCount(daemon));
+            std::vector<StandinRecord> computes = OfKind(kCompute);
+            return computes.size() == 1 && computes[0].Has("flooded");
+        },
+        120s, 50ms));
+    EXPECT_LE(most, idleThreads + 80) << "threads grew with the flood";
+    EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 1000), HDCMessage::ORV_UPDATE_PROIFILING_RSP),
+              0);
+    HDCMessage extra;
+    EXPECT_EQ(link->Next(&extra, 500ms), host::Received::kTimeout) << "a second answer: " << extra.ShortDebugString();
+    NewcomerIsServed(1001);
+}
+
+// Strings a host sends are bounded; a request over a bound is answered with
+// code 1 and says which.
+TEST_F(HostilePeerTest, OverlongStringsAreRefusedWithCodeOne) {
+    Boot();
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    struct Case {
+        HDCMessage::MsgType type;
+        HDCMessage::MsgType reply;
+        const char* field;
+    };
+    const Case cases[] = {
+        {HDCMessage::ORV_START_PROC_MSG, HDCMessage::ORV_START_PROC_RSP, "proc_sign"},
+        {HDCMessage::ORV_START_QS_MSG, HDCMessage::ORV_START_PROC_RSP, "qs_init_group_name"},
+        {HDCMessage::ORV_CLOSE_PROC_MSG, HDCMessage::ORV_CLOSE_PROC_RSP, "log_level"},
+        {HDCMessage::ORV_UPDATE_PROIFILING_MSG, HDCMessage::ORV_UPDATE_PROIFILING_RSP, "proc_sign"},
+    };
+    for (const Case& c : cases) {
+        HDCMessage request = Request(c.type, 1100);
+        const std::string huge(100000, 'A');
+        if (std::string(c.field) == "proc_sign") {
+            request.mutable_proc_sign_pid()->set_proc_sign(huge);
+        } else if (std::string(c.field) == "log_level") {
+            request.mutable_log_level()->set_log_level(huge);
+        } else {
+            request.mutable_qs_init_group_name()->set_qs_init_group_name(huge);
+        }
+        HDCMessage reply;
+        ASSERT_TRUE(link->Send(request));
+        ASSERT_EQ(link->Await(c.reply, &reply, 5s), host::Received::kMessage) << c.field;
+        EXPECT_EQ(reply.orv_rsp_code(), 1u);
+        EXPECT_THAT(reply.error_info().message(), HasSubstr(std::string(c.field) + " is 100000 bytes long"));
+    }
+    EXPECT_THAT(OfKind(kCompute), IsEmpty());
+    EXPECT_FALSE(sandbox_.Log().Contains(std::string(1000, 'A')));
+}
+
+// The grant of its buffer group fails: the queue scheduler runs on, as it
+// always has, but is known to its session and ends with it.
+TEST_F(HostilePeerTest, AChildWhoseGroupGrantFailedStillEndsWithItsSession) {
+    Boot({"--env", "STARTUP_QS=1"});
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"fail", "halGrpAddProc", "5", "1"}, &output), 0) << output;
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    ASSERT_TRUE(link->Send(Request(HDCMessage::ORV_START_QS_MSG, 1200)));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon]Fail to add dstPid[", 5s));
+    ASSERT_TRUE(test::WaitFor([&] { return Running("queue_runner"); }, 5s));
+    link->Drop();
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("queue_runner"); }, 10s)) << "it outlived its session";
+}
+
+// Sub-processes run user code: none may find a descriptor of the daemon's.
+TEST_F(HostilePeerTest, NoDescriptorOfTheDaemonLeaksIntoASubProcess) {
+    Boot({"--env", "STARTUP_QS=1", "--vfs", "1"});
+    Standin("compute", "ask-custom", 100);
+    auto link = Link();
+    ASSERT_NE(link, nullptr);
+    HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, 1300);
+    start.set_start_zarn(true);
+    ASSERT_EQ(Ask(*link, start, HDCMessage::ORV_START_PROC_RSP), 0);
+    auto queueLink = Link();
+    ASSERT_NE(queueLink, nullptr);
+    ASSERT_EQ(Ask(*queueLink, Request(HDCMessage::ORV_START_QS_MSG, 1301), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 10s));
+    std::vector<StandinRecord> records = test::StandinRecords(sandbox_);
+    ASSERT_EQ(records.size(), 4u);
+    for (const StandinRecord& record : records) {
+        EXPECT_THAT(record.inherited, IsEmpty()) << "kind " << record.kind;
+    }
+}
+
+}  // namespace
+}  // namespace orv
