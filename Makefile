@@ -46,10 +46,11 @@ test-tsan: deps
 	@cmake --build --preset tsan
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j $(TEST_JOBS)
 
-# 1,000 start/close cycles with crashes and dropped links, then the leak checks;
+# 10,000 start/close cycles with crashes, dropped links and hostile peers, then a
+# flood of reports to one session, then the leak checks;
 # SOAK_BUILD=build-asan runs it on the sanitized build (after make test-asan).
 SOAK_BUILD ?= $(BUILD_DIR)
-SOAK_CYCLES ?= 1000
+SOAK_CYCLES ?= 10000
 soak: build
 	@cmake --build $(SOAK_BUILD) --target orv-soak
 	$(SOAK_BUILD)/bin/orv-soak --cycles $(SOAK_CYCLES)

@@ -4,11 +4,15 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <system_error>
+
 #include "emu/common/socket_io.h"
 
 namespace orv::emu {
 
-UnixServer::UnixServer(std::string path, Handler handler) : path_(std::move(path)), handler_(std::move(handler)) {}
+UnixServer::UnixServer(std::string path, Handler handler, size_t maxConnections)
+    : path_(std::move(path)), handler_(std::move(handler)), maxConnections_(maxConnections) {}
 
 UnixServer::~UnixServer() {
     Stop();
@@ -23,7 +27,12 @@ bool UnixServer::Start() {
     if (!wakeFd_.Valid()) {
         return false;
     }
-    acceptThread_ = std::thread([this] { AcceptLoop(); });
+    try {
+        acceptThread_ = std::thread([this] { AcceptLoop(); });
+    } catch (const std::system_error&) {
+        errno = EAGAIN;
+        return false;
+    }
     return true;
 }
 
@@ -49,14 +58,21 @@ void UnixServer::AcceptLoop() {
         Connection* raw = connection.get();
         MutexLock lock(&mutex_);
         ReapFinished();
-        raw->thread = std::thread([this, raw, peer] {
-            handler_(raw->fd.Get(), peer);
-            // The descriptor goes at once; the thread is joined at the next
-            // accept or at Stop.
-            MutexLock lock(&mutex_);
-            raw->fd.Reset();
-            raw->done.store(true);
-        });
+        if (maxConnections_ != 0 && connections_.size() >= maxConnections_) {
+            continue;  // closed as `connection` goes
+        }
+        try {
+            raw->thread = std::thread([this, raw, peer] {
+                handler_(raw->fd.Get(), peer);
+                // The descriptor goes at once; the thread is joined at the
+                // next accept or at Stop.
+                MutexLock lock(&mutex_);
+                raw->fd.Reset();
+                raw->done.store(true);
+            });
+        } catch (const std::system_error&) {
+            continue;  // no thread to serve it: closed as `connection` goes
+        }
         connections_.push_back(std::move(connection));
     }
 }

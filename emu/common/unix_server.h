@@ -21,7 +21,9 @@ public:
     // Serves one connection until it returns; `fd` stays owned by the server.
     using Handler = std::function<void(int fd, pid_t peer)>;
 
-    UnixServer(std::string path, Handler handler);
+    // At most `maxConnections` connections are served at once (0: no limit);
+    // one beyond is closed as soon as it is accepted.
+    UnixServer(std::string path, Handler handler, size_t maxConnections = 0);
     ~UnixServer();
     UnixServer(const UnixServer&) = delete;
     UnixServer& operator=(const UnixServer&) = delete;
@@ -50,6 +52,7 @@ private:
 
     const std::string path_;
     const Handler handler_;
+    const size_t maxConnections_;
     UniqueFd listenFd_;
     UniqueFd wakeFd_;  // eventfd that interrupts the accept loop
     std::thread acceptThread_;

@@ -33,6 +33,11 @@ namespace {
 // A frame longer than this ends its session.
 constexpr uint32_t kMaxFrameLength = 1048576;
 
+// Links one device's server serves at once, each on a thread of its own:
+// far above what the hosts of one device open (each host process holds one),
+// and a bound on what hosts that only open links can make the process hold.
+constexpr size_t kMaxSessionsPerServer = 1024;
+
 // A reply the host has not taken within this time ends its link.
 constexpr std::chrono::milliseconds kReplyWriteLimit(2000);
 
@@ -278,7 +283,8 @@ uint32_t HdcServer::Init() {
     ::mkdir(dir.c_str(), 0755);
     impl_->socketPath = dir + "/dev" + std::to_string(impl_->deviceId) + ".sock";
     Impl* impl = impl_.get();
-    auto listener = std::make_unique<emu::UnixServer>(impl_->socketPath, [impl](int fd, pid_t) { impl->Serve(fd); });
+    auto listener = std::make_unique<emu::UnixServer>(
+        impl_->socketPath, [impl](int fd, pid_t) { impl->Serve(fd); }, kMaxSessionsPerServer);
     if (!listener->Start()) {
         return 1;
     }

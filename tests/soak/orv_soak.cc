@@ -1,12 +1,21 @@
 // orv-soak: a long run of start/close cycles from several host processes at
 // once on a two-device card, with sub-process crashes and dropped links mixed
-// in. Afterwards the daemon must be back where it was at rest: its threads,
-// descriptors and memory, no session left in its registry, and no zombie or
-// stray sub-process in the sandbox. Exits non-zero when any cycle went wrong
-// or anything leaked.
+// in, and hostile peers: records forged by a process that is none of the
+// daemon's children, hosts that never read their replies, links that start
+// several host processes and drop, package queries for VFs that do not
+// exist; then one sub-process floods its session with reports. Afterwards the
+// daemon must be back where it was at rest: its threads, descriptors and
+// memory, no session left in its registry, and no zombie or stray sub-process
+// in the sandbox. Exits non-zero when any cycle went wrong or anything leaked.
 //
-//   orv-soak [--cycles 1000] [--hosts 6] [--devices 2] [--limit 16] [--seed 1]
+//   orv-soak [--cycles 10000] [--hosts 6] [--devices 2] [--limit 16] [--seed 1]
+//            [--flood 100000]
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,6 +50,10 @@ constexpr auto kReplyTimeout = 30s;
 // Crash detection runs on the daemon's one-second monitor tick.
 constexpr auto kCrashNoticeTimeout = 15s;
 constexpr uint32_t kFirstSoakHostPid = 100000;
+// Host pids of one link's further host processes lie this far apart.
+constexpr uint32_t kHostPidStride = 1000000;
+constexpr uint32_t kFirstFloodHostPid = 950000;
+constexpr auto kFloodTimeout = 600s;
 constexpr uint32_t kFirstLimitHostPid = 900000;
 constexpr uint32_t kWarmUpIndex = 400000;
 constexpr size_t kMaxReportedFailures = 20;
@@ -64,7 +77,17 @@ constexpr bool kResidentSizeMeaningful = true;
 constexpr bool kResidentSizeMeaningful = true;
 #endif
 
-enum class Cycle { kClose, kDropMidStart, kDropAfterStart, kCrashCollective, kCrashCompute };
+enum class Cycle {
+    kClose,
+    kDropMidStart,
+    kDropAfterStart,
+    kCrashCollective,
+    kCrashCompute,
+    kForgedRecords,
+    kDeafHost,
+    kManyHostsOneLink,
+    kMissingVfQuery,
+};
 
 const char* CycleName(Cycle cycle) {
     switch (cycle) {
@@ -78,40 +101,119 @@ const char* CycleName(Cycle cycle) {
             return "collective service killed";
         case Cycle::kCrashCompute:
             return "compute process killed";
+        case Cycle::kForgedRecords:
+            return "forged records";
+        case Cycle::kDeafHost:
+            return "host that never reads";
+        case Cycle::kManyHostsOneLink:
+            return "several hosts on one dropped link";
+        case Cycle::kMissingVfQuery:
+            return "package query for a missing VF";
     }
     return "?";
 }
 
-constexpr Cycle kAllCycles[] = {Cycle::kClose, Cycle::kDropMidStart, Cycle::kDropAfterStart, Cycle::kCrashCollective,
-                                Cycle::kCrashCompute};
+constexpr Cycle kAllCycles[] = {Cycle::kClose,          Cycle::kDropMidStart,  Cycle::kDropAfterStart,
+                                Cycle::kCrashCollective, Cycle::kCrashCompute,  Cycle::kForgedRecords,
+                                Cycle::kDeafHost,        Cycle::kManyHostsOneLink, Cycle::kMissingVfQuery};
+constexpr size_t kCycleKinds = sizeof(kAllCycles) / sizeof(kAllCycles[0]);
 
-// Seven cycles in ten start and close; the rest drop their link or lose a
-// sub-process. Fixed by the cycle's number and the seed, so a failing run can
-// be repeated.
+// Over half the cycles start and close; the rest drop their link, lose a
+// sub-process or play a hostile peer. Fixed by the cycle's number and the
+// seed, so a failing run can be repeated.
 Cycle CycleOf(uint32_t index, uint32_t seed) {
     std::mt19937 rng(seed * 1000003u + index);
-    switch (rng() % 20) {
+    switch (rng() % 40) {
         case 0:
         case 1:
-            return Cycle::kDropMidStart;
         case 2:
-            return Cycle::kDropAfterStart;
         case 3:
+            return Cycle::kDropMidStart;
         case 4:
-            return Cycle::kCrashCollective;
         case 5:
+            return Cycle::kDropAfterStart;
+        case 6:
+        case 7:
+        case 8:
+        case 9:
+            return Cycle::kCrashCollective;
+        case 10:
+        case 11:
             return Cycle::kCrashCompute;
+        case 12:
+        case 13:
+            return Cycle::kForgedRecords;
+        case 14:
+            return Cycle::kDeafHost;
+        case 15:
+        case 16:
+            return Cycle::kManyHostsOneLink;
+        case 17:
+        case 18:
+            return Cycle::kMissingVfQuery;
         default:
             return Cycle::kClose;
     }
 }
 
+// A raw link that sends and never reads.
+class DeafLink {
+public:
+    explicit DeafLink(const std::string& path) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~DeafLink() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    bool Open() const { return fd_ >= 0; }
+
+    // Sends `msg` until the daemon takes no more or `limit` went.
+    void Flood(const HDCMessage& msg, size_t limit) {
+        std::string payload = msg.SerializeAsString();
+        uint32_t length = htonl(static_cast<uint32_t>(payload.size()));
+        std::string frame(reinterpret_cast<const char*>(&length), sizeof(length));
+        frame += payload;
+        (void)::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+        for (size_t sent = 0, idle = 0; sent < limit && idle < 10;) {
+            ssize_t n = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
+            if (n == static_cast<ssize_t>(frame.size())) {
+                ++sent;
+                idle = 0;
+            } else if (n < 0 && errno == EAGAIN) {
+                ++idle;
+                std::this_thread::sleep_for(20ms);
+            } else {
+                return;
+            }
+        }
+    }
+
+    // True once the daemon has ended the link, within `timeout`.
+    bool EndedWithin(std::chrono::milliseconds timeout) const {
+        pollfd pfd{fd_, POLLRDHUP, 0};
+        return ::poll(&pfd, 1, static_cast<int>(timeout.count())) > 0 && (pfd.revents & (POLLRDHUP | POLLHUP)) != 0;
+    }
+
+private:
+    int fd_ = -1;
+};
+
 struct Options {
-    uint32_t cycles = 1000;
+    uint32_t cycles = 10000;
     uint32_t hosts = 6;
     uint32_t devices = 2;
     uint32_t limit = 16;
     uint32_t seed = 1;
+    uint32_t flood = 100000;
 };
 
 struct Levels {
@@ -137,6 +239,10 @@ private:
     bool StandinsGone() const;
     bool Settle(const Levels& rest, Levels* now) const;
     bool CheckNoSessionLeft(uint32_t device, std::string* why);
+    bool Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const;
+    bool Forge(const std::vector<std::string>& args) const;
+    bool Flood(std::string* why);
+    bool HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid, std::string* why);
     void Failure(const std::string& text);
 
     const Options options_;
@@ -146,7 +252,7 @@ private:
 
     std::atomic<uint32_t> next_{0};
     std::atomic<uint32_t> done_{0};
-    std::atomic<uint32_t> counts_[5] = {};
+    std::atomic<uint32_t> counts_[kCycleKinds] = {};
     std::atomic<uint32_t> failed_{0};
     std::mutex failuresMutex_;
     std::vector<std::string> failures_;
@@ -207,9 +313,100 @@ bool Soak::KillSubProcess(uint32_t hostPid, const std::string& program, std::str
     return false;
 }
 
+bool Soak::Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const {
+    return orv::emu::RunProgram({sandbox_.BinDir() + "/orv-emu-ctl", "--state", sandbox_.StateDir(), "standin", kind,
+                                 behaviour, std::to_string(delay)}) == 0;
+}
+
+// Submits a record from a process of the sandbox that is none of the daemon's
+// children.
+bool Soak::Forge(const std::vector<std::string>& args) const {
+    std::vector<std::string> command = {sandbox_.BinDir() + "/orv-emu-submit"};
+    command.insert(command.end(), args.begin(), args.end());
+    return sandbox_.Enter(command) == 0;
+}
+
+// The cycles that play a hostile peer; each leaves nothing behind when the
+// daemon does its part.
+bool Soak::HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid, std::string* why) {
+    switch (cycle) {
+        case Cycle::kDeafHost: {
+            // A host that starts, then sends and never reads: its link ends,
+            // and its session with it.
+            DeafLink deaf(sockets_[device]);
+            HDCMessage request;
+            request.set_type(HDCMessage::ORV_START_PROC_MSG);
+            request.set_device_id(device);
+            request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+            request.set_start_cp(true);
+            if (!deaf.Open()) {
+                *why = "connect";
+                return false;
+            }
+            deaf.Flood(request, 1);
+            request.set_type(HDCMessage::ORV_UPDATE_PROIFILING_MSG);
+            request.mutable_proc_sign_pid()->set_proc_sign(std::string(100, 's'));
+            deaf.Flood(request, 100000);
+            if (!deaf.EndedWithin(kReplyTimeout)) {
+                *why = "the link of a host that never reads was not ended";
+                return false;
+            }
+            return true;
+        }
+        case Cycle::kManyHostsOneLink: {
+            // One link starts three host processes, then drops: all three end.
+            std::string error;
+            std::unique_ptr<HostLink> link = HostLink::Connect(sockets_[device], &error);
+            if (link == nullptr) {
+                *why = "connect: " + error;
+                return false;
+            }
+            for (uint32_t offset = 0; offset < 3; ++offset) {
+                HDCMessage request;
+                request.set_type(HDCMessage::ORV_START_PROC_MSG);
+                request.set_device_id(device);
+                request.mutable_proc_sign_pid()->set_proc_pid(hostPid + offset * kHostPidStride);
+                request.set_start_cp(true);
+                HDCMessage reply;
+                if (!link->Send(request) ||
+                    link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage ||
+                    reply.orv_rsp_code() != 0) {
+                    *why = "start of host " + std::to_string(offset + 1) + " of 3 not answered with success";
+                    return false;
+                }
+            }
+            link->Drop();
+            return true;
+        }
+        case Cycle::kMissingVfQuery: {
+            // A package query for a VF id no device has: no answer, and
+            // nothing kept for it.
+            std::string error;
+            std::unique_ptr<HostLink> link = HostLink::Connect(sockets_[device], &error);
+            HDCMessage request;
+            request.set_type(HDCMessage::ORV_CHECK_PACKAGE);
+            request.set_device_id(device);
+            request.set_vf_id(static_cast<int32_t>(100 + index));
+            if (link == nullptr || !link->Send(request)) {
+                *why = "query not sent";
+                return false;
+            }
+            HDCMessage reply;
+            link->Next(&reply, 50ms);
+            return true;
+        }
+        default:
+            *why = "not a hostile cycle";
+            return false;
+    }
+}
+
 bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
     const uint32_t device = index % options_.devices;
     const uint32_t hostPid = kFirstSoakHostPid + index;
+    if (cycle == Cycle::kDeafHost || cycle == Cycle::kManyHostsOneLink || cycle == Cycle::kMissingVfQuery) {
+        return HostileCycle(index, cycle, device, hostPid, why);
+    }
     std::string error;
     std::unique_ptr<HostLink> link = HostLink::Connect(sockets_[device], &error);
     if (link == nullptr) {
@@ -241,6 +438,20 @@ bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
         case Cycle::kDropAfterStart:
             link->Drop();
             return true;
+        case Cycle::kForgedRecords: {
+            // A stranger claims this session's kernel time-out and its close,
+            // and tells the daemon a VF went away: nothing changes, and the
+            // close below is answered as always.
+            const std::string host = std::to_string(hostPid);
+            const std::string dev = std::to_string(device);
+            if (!Forge({"0", "--group", dev, "--device", dev, "--host-pid", host, "--event-type", "4"}) ||
+                !Forge({"1", "--group", dev, "--device", dev, "--host-pid", host}) ||
+                !Forge({"101", "--length", "16", "--word4", "1"})) {
+                *why = "a forged record could not be submitted";
+                return false;
+            }
+            break;
+        }
         case Cycle::kCrashCollective:
         case Cycle::kCrashCompute: {
             const char* program = cycle == Cycle::kCrashCollective ? "zarn_service.bin" : "aicpu_runner";
@@ -280,6 +491,53 @@ void Soak::Worker() {
         counts_[static_cast<int>(cycle)].fetch_add(1);
         done_.fetch_add(1);
     }
+}
+
+// One compute process sends its session `options_.flood` start reports; the
+// daemon handles them without growing, answers nothing twice, and the
+// session still closes.
+bool Soak::Flood(std::string* why) {
+    if (!Standin("compute", "flood", options_.flood)) {
+        *why = "stand-in behaviour not set";
+        return false;
+    }
+    const uint32_t hostPid = kFirstFloodHostPid;
+    std::string error;
+    std::unique_ptr<HostLink> link = HostLink::Connect(sockets_[0], &error);
+    HDCMessage request;
+    request.set_type(HDCMessage::ORV_START_PROC_MSG);
+    request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
+    request.set_start_cp(true);
+    HDCMessage reply;
+    bool started = link != nullptr && link->Send(request) &&
+                   link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) == Received::kMessage;
+    Standin("compute", "normal", 0);
+    if (!started) {
+        *why = "start not answered";
+        return false;
+    }
+    const std::string pidArg = "--pid=" + std::to_string(hostPid);
+    auto deadline = Clock::now() + kFloodTimeout;
+    for (bool flooded = false; !flooded;) {
+        if (Clock::now() >= deadline) {
+            *why = "the flood did not end in time";
+            return false;
+        }
+        std::this_thread::sleep_for(250ms);
+        peakThreads_ = std::max(peakThreads_, orv::emu::ThreadCount(daemon_));
+        for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
+            flooded = flooded || (std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end() &&
+                                  record.Has("flooded"));
+        }
+    }
+    std::printf("flood: %u reports to one session; peak %zu threads\n", options_.flood, peakThreads_);
+    request.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
+    if (!link->Send(request) ||
+        link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+        *why = "close not answered after the flood (or a second start answer came first)";
+        return false;
+    }
+    return true;
 }
 
 // Waits up to 30 s for every sub-process the daemon started to end.
@@ -438,6 +696,13 @@ int Soak::Run() {
     }
     std::printf("\npeak: %zu threads, %zu KiB resident\n", peakThreads_, peakRssKb_);
 
+    if (options_.flood != 0) {
+        std::string why;
+        if (!Flood(&why)) {
+            Failure("flood: " + why);
+        }
+    }
+
     bool leaked = false;
     Levels now;
     if (!Settle(rest, &now)) {
@@ -506,9 +771,12 @@ int main(int argc, char** argv) {
             options.limit = std::max(1u, value);
         } else if (std::strcmp(argv[i], "--seed") == 0) {
             options.seed = value;
+        } else if (std::strcmp(argv[i], "--flood") == 0) {
+            options.flood = value;
         } else {
             std::fprintf(stderr,
-                         "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N]\n");
+                         "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N] "
+                         "[--flood N]\n");
             return 2;
         }
     }
