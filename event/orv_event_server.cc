@@ -1,5 +1,7 @@
 #include "event/orv_event_server.h"
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -26,6 +28,9 @@ constexpr int32_t kWaitTimeoutMs = 3000;
 // The sub-processes' receiving group.
 constexpr uint32_t kSubProcessGroup = 30;
 constexpr uint32_t kDriverMsgLength = 16;
+// An event the server sends its own workers to end their waits at its stop;
+// no sub-process or driver event has this sub-event id.
+constexpr uint32_t kWakeSubEvent = 0xffff;
 // The sender of the driver's own notices: no process.
 constexpr int32_t kDriverSender = 0;
 constexpr size_t kDriverMsgVfOffset = 4;
@@ -57,6 +62,10 @@ uint32_t OrvEventInterface::WaitAndProcessEvent(uint32_t devId, uint32_t groupId
     drvError_t ret = halEschedWaitEvent(devId, groupId, static_cast<uint32_t>(threadIndex), kWaitTimeoutMs, &event);
     switch (ret) {
         case DRV_ERROR_NONE:
+            if (event.subevent_id == kWakeSubEvent && event.src_pid == getpid()) {
+                // The server's own stop: the worker's loop looks at its flag.
+                return 0;
+            }
             ORV_LOG(ORV_INFO, "Begin process event msg.");
             (void)ProcessEvent(event);
             return 0;
@@ -217,6 +226,18 @@ uint32_t OrvEventServer::SubmitOrvEvent(OrvSubEventInfo& record) const {
 void OrvEventServer::Destroy() {
     ORV_LOG(ORV_EVENT, "[OrvEventServer] Destroy begin.");
     SetRunningFlag(false);
+    // Each worker would see the flag only when its current wait of up to 3 s
+    // ends: an event of this process's own ends the wait at once.
+    for (uint32_t groupId = 0; groupId < workers_.size(); ++groupId) {
+        event_summary wake;
+        (void)memset_s(&wake, sizeof(wake), 0, sizeof(wake));
+        wake.dst_pid = getpid();
+        wake.grp_id = groupId;
+        wake.event_id = kEventCcpuCtrlMsg;
+        wake.subevent_id = kWakeSubEvent;
+        wake.dst_engine = EVENT_DST_ENGINE_CCPU;
+        (void)halEschedSubmitEvent(kEventDevice, &wake);
+    }
     for (std::thread& worker : workers_) {
         if (worker.joinable()) {
             worker.join();
