@@ -80,8 +80,8 @@ constexpr size_t kMaxSessionThreads = 64;
 constexpr std::chrono::seconds kCustomStartWait(30);
 
 // Joins the finished threads of `threads`, then starts `work` on a new one.
-// False, with the reason in `why`, when `limit` threads are still at work or
-// no thread can be started.
+// False, with the reason in `why`, when kMaxSessionThreads are still at work
+// or no thread can be started.
 bool SpawnSessionThread(std::list<SessionThread>* threads, std::function<void()> work, std::string* why) {
     for (auto it = threads->begin(); it != threads->end();) {
         if (it->done->load()) {

@@ -305,6 +305,14 @@ TEST_F(HostilePeerTest, AFloodOfReportsFromASubProcessKeepsTheDaemonBounded) {
             return computes.size() == 1 && computes[0].Has("flooded");
         },
         120s, 50ms));
+    // The reports wait in the device's one queue: the daemon works through
+    // them (each answers nothing), then serves the others again.
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            most = std::max(most, test::ThreadCount(daemon));
+            return sandbox_.Log().Count("answers no start request, no second answer") == 5000;
+        },
+        120s, 100ms));
     EXPECT_LE(most, idleThreads + 80) << "threads grew with the flood";
     EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 1000), HDCMessage::ORV_UPDATE_PROIFILING_RSP),
               0);
