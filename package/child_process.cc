@@ -90,14 +90,15 @@ void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     // the handler on every architecture.
     for (int sig = 1; sig <= kLastSignal; ++sig) {
         void* action[kKernelSigactionBytes / sizeof(void*)] = {};
-        if (syscall(SYS_rt_sigaction, sig, nullptr, action, kKernelSigsetBytes) == 0 && action[0] != SIG_DFL &&
-            action[0] != SIG_IGN) {
+        if (syscall(SYS_rt_sigaction, sig, nullptr, action, kKernelSigsetBytes) == 0 &&
+            action[0] != SIG_DFL && action[0] != SIG_IGN) {
             static const unsigned char kDefaultAction[kKernelSigactionBytes] = {};
             syscall(SYS_rt_sigaction, sig, kDefaultAction, nullptr, kKernelSigsetBytes);
         }
     }
     SetSignalMask(mask, nullptr);
-    if (PlaceDescriptor(plan.stdio.input, STDIN_FILENO) && PlaceDescriptor(plan.stdio.output, STDOUT_FILENO)) {
+    if (PlaceDescriptor(plan.stdio.input, STDIN_FILENO) &&
+        PlaceDescriptor(plan.stdio.output, STDOUT_FILENO)) {
         for (const std::string& program : plan.programs) {
             syscall(SYS_execve, program.c_str(), plan.argv.data(), plan.envp);
         }
@@ -153,8 +154,8 @@ StartedChild StartChild(const ChildPlan& plan) {
     StartedChild started;
     int statusPipe[2];
     if (pipe2(statusPipe, O_CLOEXEC) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s", plan.args.front().c_str(),
-                SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s",
+                plan.args.front().c_str(), SafeStrerror().c_str());
         return started;
     }
     // Flags 0: a copy of this process, as fork makes, whose end signals
@@ -166,8 +167,8 @@ StartedChild StartChild(const ChildPlan& plan) {
     }
     close(statusPipe[1]);
     if (pid < 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s", plan.args.front().c_str(),
-                SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s",
+                plan.args.front().c_str(), SafeStrerror().c_str());
         close(statusPipe[0]);
         return started;
     }
@@ -181,7 +182,8 @@ int32_t WaitForChild(const StartedChild& started) {
     int status = 0;
     size_t got = 0;
     while (got < sizeof(status)) {
-        ssize_t n = read(started.statusFd, reinterpret_cast<char*>(&status) + got, sizeof(status) - got);
+        ssize_t n =
+            read(started.statusFd, reinterpret_cast<char*>(&status) + got, sizeof(status) - got);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -214,15 +216,16 @@ int32_t RunChild(const std::vector<std::string>& argv, const ChildStdio& stdio) 
     return started.intermediate < 0 ? -1 : WaitForChild(started);
 }
 
-int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::string* output, size_t maxOutput) {
+int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::string* output,
+                          size_t maxOutput) {
     output->clear();
     if (argv.empty()) {
         return -1;
     }
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Make a pipe for child process [%s] failed, %s", argv.front().c_str(),
-                SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Make a pipe for child process [%s] failed, %s",
+                argv.front().c_str(), SafeStrerror().c_str());
         return -1;
     }
     ScopeGuard closeReadEnd([fd = pipeFds[0]] { close(fd); });

@@ -41,7 +41,8 @@ InotifyWatcher::~InotifyWatcher() {
 
 std::shared_ptr<InotifyWatcher> InotifyWatcher::GetInstance(int32_t vfId) {
     if (vfId < 0 || vfId > kMaxVfId) {
-        ORV_LOG(ORV_ERROR, "[InotifyWatcher] No inotify watcher for vfId[%d]: VF ids run from 0 to %d.", vfId,
+        ORV_LOG(ORV_ERROR,
+                "[InotifyWatcher] No inotify watcher for vfId[%d]: VF ids run from 0 to %d.", vfId,
                 kMaxVfId);
         return nullptr;
     }

@@ -95,9 +95,10 @@ struct TreeWalk {
 };
 
 // Looks at one directory's entries; subdirectories go on `pending`.
-bool WalkDirectory(int rootFd, const std::string& rel, TreeWalk& walk, std::deque<std::string>& pending,
-                   std::string* reason) {
-    int fd = openat(rootFd, rel.empty() ? "." : rel.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+bool WalkDirectory(int rootFd, const std::string& rel, TreeWalk& walk,
+                   std::deque<std::string>& pending, std::string* reason) {
+    int fd = openat(rootFd, rel.empty() ? "." : rel.c_str(),
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
     if (dir == nullptr) {
         *reason = "directory [" + rel + "] cannot be read: " + SafeStrerror();
@@ -245,7 +246,8 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
         *reason = "it cannot be read from its start: " + SafeStrerror();
         return false;
     }
-    int32_t status = RunChildForOutput({"tar", "-t", "-z", "-f", "-"}, packageFd, &listing, kMaxListingBytes);
+    int32_t status =
+        RunChildForOutput({"tar", "-t", "-z", "-f", "-"}, packageFd, &listing, kMaxListingBytes);
     if (status != 0) {
         *reason = "tar cannot list it (status " + std::to_string(status) + ")";
         return false;
@@ -294,7 +296,8 @@ bool CheckKernelTree(const std::string& root, std::string* reason) {
     }
     for (const auto& file : walk.shared) {
         if (file.second.second.first < file.second.first) {
-            *reason = "member [" + file.second.second.second + "] is a hard link to a file outside the package";
+            *reason = "member [" + file.second.second.second +
+                      "] is a hard link to a file outside the package";
             return false;
         }
     }
@@ -302,7 +305,8 @@ bool CheckKernelTree(const std::string& root, std::string* reason) {
         if (!LinkStaysInside(rootFd, link)) {
             std::string target;
             (void)ReadLink(rootFd, link, &target);
-            *reason = "member [" + link + "] is a symbolic link to [" + target + "], outside the package";
+            *reason =
+                "member [" + link + "] is a symbolic link to [" + target + "], outside the package";
             return false;
         }
     }
@@ -341,7 +345,8 @@ bool LinkStaysInside(int rootFd, const std::string& link) {
             continue;
         }
         std::string next;
-        if (++hops > kMaxLinkHops || !ReadLink(rootFd, path, &next) || next.empty() || next.front() == '/') {
+        if (++hops > kMaxLinkHops || !ReadLink(rootFd, path, &next) || next.empty() ||
+            next.front() == '/') {
             return false;
         }
         at.pop_back();

@@ -26,7 +26,7 @@ inline constexpr size_t kMaxPackageMembers = 100000;
 // system, so that a rename can swap the two). Whatever it holds when the
 // object goes is removed.
 class StagedKernels {
-public:
+  public:
     explicit StagedKernels(const std::string& installDir);
     ~StagedKernels();
     StagedKernels(const StagedKernels&) = delete;
@@ -41,7 +41,7 @@ public:
     // changed.
     bool Commit(std::string* reason);
 
-private:
+  private:
     const std::string installDir_;
     std::string dir_;
     std::string error_;

@@ -231,7 +231,8 @@ std::string PackageWorker::InstallDir() const {
 std::shared_ptr<PackageWorker> PackageWorker::GetInstance(int32_t vfId) {
     if (vfId < 0 || vfId > kMaxVfId) {
         // A host may ask about any id; only those of VFs that can exist get a worker.
-        ORV_LOG(ORV_ERROR, "[PackageWorker] No package worker for vfId[%d]: VF ids run from 0 to %d.", vfId,
+        ORV_LOG(ORV_ERROR,
+                "[PackageWorker] No package worker for vfId[%d]: VF ids run from 0 to %d.", vfId,
                 kMaxVfId);
         return nullptr;
     }
@@ -270,8 +271,9 @@ PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) NO_THREAD_SAFETY_ANA
     }
     worker_->workerMutex_.Lock();
     if (worker_->checkCode_ != 0) {
-        ORV_LOG(ORV_INFO, "[PackageWorker] Kernels of vfId[%d] are removed: check code [%u] goes back to 0.", vfId,
-                worker_->checkCode_);
+        ORV_LOG(ORV_INFO,
+                "[PackageWorker] Kernels of vfId[%d] are removed: check code [%u] goes back to 0.",
+                vfId, worker_->checkCode_);
         worker_->checkCode_ = 0;
     }
 }
@@ -338,7 +340,8 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, c
     std::string reason;
     int fd = OpenPackageFile(full, &size, &reason);
     if (fd < 0) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", full.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", full.c_str(),
+                reason.c_str());
         struct stat named {};
         if (lstat(full.c_str(), &named) == 0 && !S_ISDIR(named.st_mode)) {
             RemoveFile(full);
@@ -460,7 +463,8 @@ uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
     std::string reason;
     int fd = OpenPackageFile(packagePath, &size, &reason);
     if (fd < 0) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
         RemoveFile(packagePath);
         return 1;
     }
@@ -479,7 +483,8 @@ uint32_t PackageWorker::UnzipAndSetMemLimit(std::string& packagePath) {
     std::string reason;
     int fd = OpenPackageFile(packagePath, &size, &reason);
     if (fd < 0) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
         RemoveFile(packagePath);
         return 1;
     }
@@ -517,7 +522,8 @@ uint32_t PackageWorker::UnzipAndSetMemLimit(const std::string& packagePath, int 
     return 0;
 }
 
-uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packageFd, StagedKernels& staged) {
+uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packageFd,
+                                       StagedKernels& staged) {
     // The package file never outlives its unpack.
     ScopeGuard removePackage([this, &packagePath] { RemoveFile(packagePath); });
     if (fchmod(packageFd, kDirMode) != 0) {
@@ -528,8 +534,8 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
     std::string reason;
     int copy = CopyToPrivateFile(packageFd, &reason);
     if (copy < 0) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.", packagePath.c_str(),
-                reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
         return 1;
     }
     ScopeGuard closeCopy([copy] { close(copy); });
@@ -538,14 +544,15 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
         return kVerifyFailed;
     }
     if (!staged.Ok(&reason)) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.", packagePath.c_str(),
-                reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
         return 1;
     }
     std::string unzip = "tar -xzof - -C " + staged.Dir() + " < " + packagePath;
     ORV_LOG(ORV_INFO, "Unzip_cmd is [%s]", unzip.c_str());
     if (!UnpackPackage(copy, staged.Dir(), &reason)) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
         return kVerifyFailed;
     }
     std::string stagedDir = staged.Dir();
@@ -560,7 +567,8 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
     }
     std::string deviceDir = stagedDir + kDeviceSubdir;
     if (!CheckSandBox(deviceDir, &reason)) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
         return kVerifyFailed;
     }
     uint32_t moved = MoveSoToSandBox(deviceDir);
@@ -569,7 +577,8 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
     }
     // Moved links resolve from where they are now.
     if (!CheckKernelTree(stagedDir, &reason)) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(), reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
         return kVerifyFailed;
     }
     // A missing or faulty sand box does not fail the install.
@@ -580,8 +589,8 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
 uint32_t PackageWorker::CommitKernels(const std::string& packagePath, StagedKernels& staged) {
     std::string reason;
     if (!staged.Commit(&reason)) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.", packagePath.c_str(),
-                reason.c_str());
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
         return 1;
     }
     return 0;
@@ -596,7 +605,8 @@ bool PackageWorker::CheckSandBox(const std::string& deviceDir, std::string* reas
     }
     std::string sandBox = deviceDir + kSandBoxDir;
     if (lstat(sandBox.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
-        *reason = std::string("its sand_box is a ") + FileKindName(st.st_mode) + ", not a real directory";
+        *reason =
+            std::string("its sand_box is a ") + FileKindName(st.st_mode) + ", not a real directory";
         return false;
     }
     std::string line;
@@ -630,7 +640,8 @@ uint32_t PackageWorker::GetPackageName(const std::string& packagePath, std::stri
             return true;
         }
         names[kInnerPackageName] = line.substr(line.find('=') + 1);
-        ORV_LOG(ORV_INFO, "[OrvDaemon] Get innerPackageName[%s] success.", names[kInnerPackageName].c_str());
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Get innerPackageName[%s] success.",
+                names[kInnerPackageName].c_str());
         return false;
     });
     if (!opened) {
@@ -667,7 +678,9 @@ uint32_t PackageWorker::MoveSoToSandBox(const std::string& deviceDir) const {
     for (const std::string& piece : SandBoxItems(value)) {
         // A name with a "/" would move files from and to anywhere.
         if (!IsPlainFileName(piece)) {
-            ORV_LOG(ORV_ERROR, "[PackageWorker] Sand box so item [%s] is not a plain file name, skip.", piece.c_str());
+            ORV_LOG(ORV_ERROR,
+                    "[PackageWorker] Sand box so item [%s] is not a plain file name, skip.",
+                    piece.c_str());
             continue;
         }
         std::string from = deviceDir + piece;

@@ -33,13 +33,14 @@ void Usage() {
                  "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are included\n"
                  "  --pad-bytes N          an incompressible payload of N bytes\n"
                  "  --unsigned             leave the package unsigned\n"
-                 "  --from-dir DIR         the archive holds exactly the entries under DIR, as they are there\n"
-                 "                         (symbolic links, hard links and special files kept; DIR gives its\n"
-                 "                         own aicpu_kernels_device/version.info); none of the options above\n"
-                 "                         but --unsigned applies\n"
-                 "  --transform EXPR       with --from-dir: rewrite member names and link targets with tar's\n"
-                 "                         --transform (sed-like, e.g. 's,^evil,/abs/evil,' or with flag h for\n"
-                 "                         hard link targets only); absolute names and \"..\" are kept\n",
+                 "  --from-dir DIR         the archive holds exactly the entries under DIR,\n"
+                 "                         as they are there (links, hard links and special\n"
+                 "                         files kept; DIR gives its own version.info); no\n"
+                 "                         option above but --unsigned goes with it\n"
+                 "  --transform EXPR       with --from-dir: rewrite member names and link\n"
+                 "                         targets with tar's --transform (sed-like, e.g.\n"
+                 "                         's,^evil,/abs/evil,', flag h for hard link targets\n"
+                 "                         only); absolute names and \"..\" are kept\n",
                  kDefaultInnerName);
 }
 
@@ -87,7 +88,8 @@ std::string ShellQuote(const std::string& text) {
 
 // The tar stream of everything under `dir`, names relative to it, as it is
 // there: nothing followed, nothing left out, nothing made safe.
-bool ArchiveDirectory(const std::string& dir, const std::vector<std::string>& transforms, std::string* archive) {
+bool ArchiveDirectory(const std::string& dir, const std::vector<std::string>& transforms,
+                      std::string* archive) {
     DIR* handle = opendir(dir.c_str());
     if (handle == nullptr) {
         return false;
@@ -179,7 +181,8 @@ int main(int argc, char** argv) {
         }
     }
     bool shapedHere = !innerName.empty() || !sandboxSo.empty() || padBytes > 0;
-    if (out.empty() || (!fromDir.empty() && shapedHere) || (fromDir.empty() && !transforms.empty())) {
+    bool misfit = (!fromDir.empty() && shapedHere) || (fromDir.empty() && !transforms.empty());
+    if (out.empty() || misfit) {
         Usage();
         return 2;
     }

@@ -49,7 +49,8 @@ void WriteSoundTree(const std::string& dir, const std::string& build, size_t pad
 
 // What a tree holds, entry by entry, as lstat and the contents show it: a
 // change anywhere below `root` (outside `skipped`) changes the result.
-std::map<std::string, std::string> Snapshot(const std::string& root, const std::vector<std::string>& skipped,
+std::map<std::string, std::string> Snapshot(const std::string& root,
+                                            const std::vector<std::string>& skipped,
                                             const std::string& rel = "") {
     std::map<std::string, std::string> entries;
     DIR* dir = opendir((root + rel).c_str());
@@ -68,13 +69,16 @@ std::map<std::string, std::string> Snapshot(const std::string& root, const std::
             continue;
         }
         std::string& what = entries[path];
-        what = std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid);
+        what = std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" +
+               std::to_string(st.st_gid);
         if (S_ISREG(st.st_mode)) {
-            what += " links " + std::to_string(st.st_nlink) + " " + std::to_string(std::hash<std::string>()(test::ReadFile(root + path)));
+            what += " links " + std::to_string(st.st_nlink) + " " +
+                    std::to_string(std::hash<std::string>()(test::ReadFile(root + path)));
         } else if (S_ISLNK(st.st_mode)) {
             char target[PATH_MAX] = {0};
-            what += " -> " + std::string(target, std::max<ssize_t>(0, readlink((root + path).c_str(), target,
-                                                                                  sizeof(target) - 1)));
+            what += " -> " +
+                    std::string(target, std::max<ssize_t>(0, readlink((root + path).c_str(), target,
+                                                                      sizeof(target) - 1)));
         } else if (S_ISDIR(st.st_mode)) {
             std::map<std::string, std::string> below = Snapshot(root, skipped, path);
             entries.insert(below.begin(), below.end());
@@ -118,7 +122,8 @@ protected:
 
     // A package holding exactly what `fill` puts into a directory, rewritten
     // by tar's --transform expressions; its path.
-    std::string MakeFromDir(const std::string& name, const std::function<void(const std::string&)>& fill,
+    std::string MakeFromDir(const std::string& name,
+                            const std::function<void(const std::string&)>& fill,
                             const std::vector<std::string>& transforms = {}) {
         std::string dir = work_ + "/" + name + ".d";
         mkdir(dir.c_str(), 0755);
@@ -137,9 +142,10 @@ protected:
     std::map<std::string, std::string> Untouchable(int vf = 0) const {
         std::string kernels = "/lib64/upper/aicpu_kernels/";
         return Snapshot(sandbox_.StateDir(),
-                        {kernels + std::to_string(vf), kernels + "." + std::to_string(vf) + ".new-", "/lib64/work",
-                         "/home/hdc-trusted", "/home/QelvarUser/aicpu_kernels", "/var/log", "/run", "/sandbox.",
-                         "/.orv-sandbox", "/cgroup/memory/usermemory/vf" + std::to_string(vf) + "/memory.limit"});
+                        {kernels + std::to_string(vf), kernels + "." + std::to_string(vf) + ".new-",
+                         "/lib64/work", "/home/hdc-trusted", "/home/QelvarUser/aicpu_kernels",
+                         "/var/log", "/run", "/sandbox.", "/.orv-sandbox",
+                         "/cgroup/memory/usermemory/vf" + std::to_string(vf) + "/memory.limit"});
     }
 
     // A directory outside every install directory that hostile packages aim at.
@@ -432,8 +438,9 @@ TEST_F(PackageTest, NoStringFromAHostReachesAShell) {
 TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirectoryChanges) {
     Boot();
     PlantVictim();
-    std::string good = MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
-                                   [](const std::string& dir) { WriteSoundTree(dir, "good", 100); });
+    std::string good =
+        MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "good", 100); });
     Deliver(good);
     uint32_t code = static_cast<uint32_t>(SizeOf(good));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == code; }, 10s));
@@ -453,8 +460,8 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
     };
     auto sandBoxLine = [](const std::string& items) {
         return [items](const std::string& dev) {
-            test::WriteFile(dev + "version.info",
-                            std::string("Name=") + kArchiveName + "\nBuild=hostile\nSandBoxSo=" + items + "\n");
+            test::WriteFile(dev + "version.info", std::string("Name=") + kArchiveName +
+                                                      "\nBuild=hostile\nSandBoxSo=" + items + "\n");
             test::WriteFile(dev + "libsb.so", "sand box object");
         };
     };
@@ -481,7 +488,9 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
          {"s,^aicpu_kernels_device/zthrough$,aicpu_kernels_device/escape/planted,"},
          "tar cannot unpack it"},
         {"a relative link out",
-         [](const std::string& dev) { symlink("../../../../../home/victim/secret", (dev + "up.so").c_str()); },
+         [](const std::string& dev) {
+             symlink("../../../../../home/victim/secret", (dev + "up.so").c_str());
+         },
          {},
          "is a symbolic link to [../../../../../home/victim/secret], outside the package"},
         {"a link out through a link in the package",
@@ -498,7 +507,10 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
          },
          {"s,^aicpu_kernels_device/a.so$,/home/victim/secret,RSh"},
          "tar cannot unpack it"},
-        {"a FIFO", [](const std::string& dev) { mkfifo((dev + "pipe").c_str(), 0644); }, {}, "is a FIFO"},
+        {"a FIFO",
+         [](const std::string& dev) { mkfifo((dev + "pipe").c_str(), 0644); },
+         {},
+         "is a FIFO"},
         {"a sand box that is a link out",
          [&](const std::string& dev) {
              sandBoxLine("libsb.so")(dev);
@@ -525,11 +537,14 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
          sandBoxLine("libsb.so, ../../../../../../home/victim/secret"),
          {},
          "its SandBoxSo= entry [../../../../../../home/victim/secret] is not a plain file name"},
-        {"a sand-box object in a subdirectory", sandBoxLine("sub/libsb.so"), {},
+        {"a sand-box object in a subdirectory",
+         sandBoxLine("sub/libsb.so"),
+         {},
          "its SandBoxSo= entry [sub/libsb.so] is not a plain file name"},
         {"a version.info naming another archive",
          [](const std::string& dev) {
-             test::WriteFile(dev + "version.info", "Name=Velkan999-aicpu_syskernels.tar.gz\nBuild=hostile\n");
+             test::WriteFile(dev + "version.info",
+                             "Name=Velkan999-aicpu_syskernels.tar.gz\nBuild=hostile\n");
          },
          {},
          "Do clean_cmd failed, packageNames not found"},
@@ -537,21 +552,26 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
     int number = 20;
     for (const Case& c : cases) {
         std::string name = std::to_string(number) + "_" + kArchiveName;
-        std::string package = MakeFromDir(name, soundWith(c.fill, 2000 + 100 * number), c.transforms);
+        std::string package =
+            MakeFromDir(name, soundWith(c.fill, 2000 + 100 * number), c.transforms);
         size_t refusals = sandbox_.Log().Count(c.reason);
         Deliver(package);
         EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count(c.reason) > refusals; }, 10s))
             << c.what << ": never refused with \"" << c.reason << "\"";
         if (std::string(c.reason).find("Do clean_cmd") == std::string::npos) {
-            EXPECT_TRUE(sandbox_.Log().Contains("[PackageWorker] Refused package[/home/QelvarUser/aicpu_kernels/vf0_" +
-                                                name + "]: "))
+            EXPECT_TRUE(sandbox_.Log().Contains(
+                "[PackageWorker] Refused package[/home/QelvarUser/aicpu_kernels/vf0_" + name +
+                "]: "))
                 << c.what;
         }
-        EXPECT_TRUE(test::WaitFor([&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + name); }, 5s))
+        EXPECT_TRUE(test::WaitFor(
+            [&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + name); }, 5s))
             << c.what;
         EXPECT_EQ(CheckCode(), code) << c.what;
-        EXPECT_EQ(test::ReadFile(installed), goodInfo) << c.what << ": the installed kernels changed";
-        EXPECT_EQ(Untouchable(), before) << c.what << ": something outside the install directory changed";
+        EXPECT_EQ(test::ReadFile(installed), goodInfo)
+            << c.what << ": the installed kernels changed";
+        EXPECT_EQ(Untouchable(), before)
+            << c.what << ": something outside the install directory changed";
         ++number;
     }
     std::vector<std::string> staged;
@@ -563,8 +583,9 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
     EXPECT_THAT(staged, ::testing::IsEmpty()) << "no staging tree is left behind";
 
     // After all that, a sound package goes in as ever.
-    std::string next = MakeFromDir("99_Velkan512-aicpu_syskernels.tar.gz",
-                                   [](const std::string& dir) { WriteSoundTree(dir, "next", 300); });
+    std::string next =
+        MakeFromDir("99_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "next", 300); });
     Deliver(next);
     EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(next); }, 10s));
     EXPECT_THAT(test::ReadFile(installed), HasSubstr("Build=next"));
@@ -575,20 +596,23 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
 // an update its memory limit cannot take leaves the old ones, charged as before.
 TEST_F(PackageTest, AnUpdateTheVfsLimitCannotTakeLeavesTheOldKernelsInstalled) {
     Boot({"--vfs", "3"});
-    std::string first = MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
-                                    [](const std::string& dir) { WriteSoundTree(dir, "first", 100); });
+    std::string first =
+        MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "first", 100); });
     Deliver(first, {"--vf", "3"});
     uint32_t code = static_cast<uint32_t>(SizeOf(first));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode(3) == code; }, 10s));
     // The limit now leaves no room for a package much bigger than the first.
     std::string limitFile = Inside("/cgroup/memory/usermemory/vf3/memory.limit_in_bytes");
     test::WriteFile(limitFile, "200000\n");
-    std::string bigger = MakeFromDir("2_Velkan512-aicpu_syskernels.tar.gz",
-                                     [](const std::string& dir) { WriteSoundTree(dir, "bigger", 400000); });
+    std::string bigger =
+        MakeFromDir("2_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "bigger", 400000); });
     Deliver(bigger, {"--vf", "3"});
     EXPECT_TRUE(sandbox_.Log().WaitFor("Set User memory limit failed", 10s));
     EXPECT_EQ(CheckCode(3), code);
-    EXPECT_THAT(test::ReadFile(InstalledPath("3/aicpu_kernels_device/version.info")), HasSubstr("Build=first"));
+    EXPECT_THAT(test::ReadFile(InstalledPath("3/aicpu_kernels_device/version.info")),
+                HasSubstr("Build=first"));
     EXPECT_EQ(SizeOf(InstalledPath("3/aicpu_kernels_device/libpayload.so")), 100u);
     EXPECT_EQ(test::ReadFile(limitFile), "200000\n");
 }
@@ -601,7 +625,8 @@ TEST_F(PackageTest, AFifoNamedLikeAPackageBlocksNobody) {
     Deliver(good);
     uint32_t code = static_cast<uint32_t>(SizeOf(good));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == code; }, 10s));
-    for (const std::string& dir : {Inside("/home/hdc-trusted/dev0"), Inside("/home/hdc-trusted/dev0/vfid2")}) {
+    for (const std::string& dir :
+         {Inside("/home/hdc-trusted/dev0"), Inside("/home/hdc-trusted/dev0/vfid2")}) {
         std::string fifo = dir + "/6_" + kArchiveName;
         ASSERT_EQ(mkfifo(fifo.c_str(), 0666), 0);
         // Opened for reading and writing, so that the open does not wait;
@@ -610,8 +635,10 @@ TEST_F(PackageTest, AFifoNamedLikeAPackageBlocksNobody) {
         ASSERT_GE(fd, 0);
         close(fd);
     }
-    EXPECT_TRUE(sandbox_.Log().WaitFor("/6_Velkan512-aicpu_syskernels.tar.gz]: it is a FIFO, not a regular file.", 10s));
-    EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count("it is a FIFO, not a regular file.") == 2; }, 10s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "/6_Velkan512-aicpu_syskernels.tar.gz]: it is a FIFO, not a regular file.", 10s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return sandbox_.Log().Count("it is a FIFO, not a regular file.") == 2; }, 10s));
     EXPECT_EQ(CheckCode(), code);
     EXPECT_EQ(CheckCode(2), 0u);
     std::string output;
@@ -634,8 +661,11 @@ TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouc
     Boot();
     PlantVictim();
     // A sound signed package lies outside the trusted directory.
-    std::string elsewhere = MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "500"});
-    ASSERT_EQ(rename(elsewhere.c_str(), Inside("/home/victim/8_Velkan512-aicpu_syskernels.tar.gz").c_str()), 0);
+    std::string elsewhere =
+        MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "500"});
+    ASSERT_EQ(rename(elsewhere.c_str(),
+                     Inside("/home/victim/8_Velkan512-aicpu_syskernels.tar.gz").c_str()),
+              0);
     const std::map<std::string, std::string> before = Untouchable();
 
     // The worker is busy with a first package while the others are swapped.
@@ -655,8 +685,9 @@ TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouc
         ASSERT_EQ(rename((trusted + "link").c_str(), (trusted + swap.first).c_str()), 0);
     }
     uint32_t code = static_cast<uint32_t>(SizeOf(busy));
-    EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count("it is a symbolic link, not a regular file.") == 2; },
-                              15s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return sandbox_.Log().Count("it is a symbolic link, not a regular file.") == 2; },
+        15s));
     EXPECT_EQ(CheckCode(), code) << "the first package, not the one the link leads to";
     EXPECT_EQ(Untouchable(), before) << "the links' targets are as they were";
     struct stat st {};
@@ -675,7 +706,8 @@ TEST_F(PackageTest, VfNoticesAndInstallsRunningTogetherAreAnsweredRightAndLeaveN
             for (const char* change : {"create", "destroy"}) {
                 std::string output;
                 int status = EmuCtl(sandbox_, {"vf", change, "5"}, &output);
-                if (status != 0 || output.substr(output.find_last_of('\n', output.size() - 2) + 1) != "0\n") {
+                if (status != 0 ||
+                    output.substr(output.find_last_of('\n', output.size() - 2) + 1) != "0\n") {
                     wrongAcks.push_back(std::string(change) + ": " + output);
                 }
             }
@@ -685,7 +717,8 @@ TEST_F(PackageTest, VfNoticesAndInstallsRunningTogetherAreAnsweredRightAndLeaveN
         std::string package = MakePackage(std::to_string(10 + i) + "_" + kArchiveName,
                                           {"--pad-bytes", std::to_string(1000 * (i + 1))});
         Deliver(package, {"--vf", "3"});
-        EXPECT_TRUE(test::WaitFor([&] { return CheckCode(3) == SizeOf(package); }, 15s)) << "package " << i;
+        EXPECT_TRUE(test::WaitFor([&] { return CheckCode(3) == SizeOf(package); }, 15s))
+            << "package " << i;
     }
     installing = false;
     notices.join();
@@ -747,7 +780,8 @@ TEST_F(PackageTest, PackageQueriesForVfIdsThatCannotExistCreateNothingAndGetNoRe
         std::string output;
         EXPECT_EQ(Host(sandbox_, {"check-package", "--vf", vf, "--timeout", "1500"}, &output), 3)
             << "vf " << vf << ": " << output;
-        EXPECT_TRUE(sandbox_.Log().Contains(std::string("[PackageWorker] No package worker for vfId[") + vf + "]"))
+        EXPECT_TRUE(sandbox_.Log().Contains(
+            std::string("[PackageWorker] No package worker for vfId[") + vf + "]"))
             << vf;
     }
     EXPECT_EQ(CheckCode(16), 0u) << "VF 16 has a worker";
@@ -760,12 +794,14 @@ TEST_F(PackageTest, SubProcessesInheritNoDescriptorOfThePackageWatchers) {
     std::thread host([&] {
         std::string output;
         EXPECT_EQ(Host(sandbox_, {"session"}, &output,
-                       "open a\nsend a start --pid 60 --zarn\nexpect a 8 --code 0 --timeout 10000\nsleep 3000\n"),
+                       "open a\nsend a start --pid 60 --zarn\nexpect a 8 --code 0 --timeout "
+                       "10000\nsleep 3000\n"),
                   0)
             << output;
     });
     std::vector<test::StandinRecord> zarns;
-    ASSERT_TRUE(test::WaitFor([&] { return !(zarns = test::StandinRecordsOfKind(sandbox_, 0)).empty(); }, 10s));
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return !(zarns = test::StandinRecordsOfKind(sandbox_, 0)).empty(); }, 10s));
     std::vector<std::string> inherited;
     for (const emu::SandboxProcess& process : emu::ProcessStates(sandbox_.PidNamespace())) {
         if (process.inner != zarns[0].pid) {
@@ -777,7 +813,8 @@ TEST_F(PackageTest, SubProcessesInheritNoDescriptorOfThePackageWatchers) {
         while (dirent* entry = readdir(dir)) {
             char target[PATH_MAX] = {0};
             if (readlink((fds + "/" + entry->d_name).c_str(), target, sizeof(target) - 1) > 0 &&
-                (std::string(target) == "anon_inode:inotify" || std::string(target) == "anon_inode:[eventpoll]")) {
+                (std::string(target) == "anon_inode:inotify" ||
+                 std::string(target) == "anon_inode:[eventpoll]")) {
                 inherited.push_back(std::string(entry->d_name) + " -> " + target);
             }
         }

@@ -31,15 +31,19 @@ TEST(MkpkgTest, APackageFromADirectoryKeepsLinksHardLinksSpecialFilesAndRewritte
     test::WriteFile(device + "/UP", "up");
     std::string package = work + "/3_Velkan512-aicpu_syskernels.tar.gz";
     std::string output;
-    ASSERT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--from-dir", dir,
-                                "--transform", "s,^aicpu_kernels_device/UP$,aicpu_kernels_device/../../up,"},
-                               &output),
+    ASSERT_EQ(test::RunProgram(
+                  {test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--from-dir", dir,
+                   "--transform", "s,^aicpu_kernels_device/UP$,aicpu_kernels_device/../../up,"},
+                  &output),
               0)
         << output;
 
-    ASSERT_EQ(test::RunProgram({"/bin/sh", "-c", "tar -P -tvzf '" + package + "' 2>/dev/null"}, &output), 0);
+    ASSERT_EQ(
+        test::RunProgram({"/bin/sh", "-c", "tar -P -tvzf '" + package + "' 2>/dev/null"}, &output),
+        0);
     EXPECT_THAT(output, HasSubstr("aicpu_kernels_device/version.info"));
-    EXPECT_THAT(output, HasSubstr("aicpu_kernels_device/hard.so link to aicpu_kernels_device/a.so"));
+    EXPECT_THAT(output,
+                HasSubstr("aicpu_kernels_device/hard.so link to aicpu_kernels_device/a.so"));
     EXPECT_THAT(output, HasSubstr("aicpu_kernels_device/sand_box -> /home/victim"));
     EXPECT_THAT(output, HasSubstr("\np"));  // the FIFO stays a FIFO
     EXPECT_THAT(output, HasSubstr("aicpu_kernels_device/../../up"));
@@ -53,8 +57,8 @@ TEST(MkpkgTest, APackageFromADirectoryKeepsLinksHardLinksSpecialFilesAndRewritte
     EXPECT_EQ(comment.rfind(emu::kSignaturePrefix, 0), 0u);
 
     // Options that shape a package of the tool's own make no sense with a directory.
-    EXPECT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--from-dir", dir,
-                                "--pad-bytes", "10"},
+    EXPECT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--from-dir",
+                                dir, "--pad-bytes", "10"},
                                &output),
               2);
     test::RemoveTree(work);

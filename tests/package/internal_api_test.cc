@@ -125,8 +125,8 @@ size_t ZombieChildren() {
         }
         char state = '?';
         long parent = 0;
-        if (sscanf(line.c_str() + line.rfind(')') + 1, " %c %ld", &state, &parent) == 2 && parent == getpid() &&
-            state == 'Z') {
+        if (sscanf(line.c_str() + line.rfind(')') + 1, " %c %ld", &state, &parent) == 2 &&
+            parent == getpid() && state == 'Z') {
             ++zombies;
         }
     }

@@ -21,7 +21,7 @@ namespace {
 using ::testing::HasSubstr;
 
 class KernelTreeTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         work_ = test::MakeTempDir("orv-tree");
         root_ = work_ + "/tree";
@@ -59,9 +59,9 @@ TEST_F(KernelTreeTest, ALinkIsInsideOnlyWhenItsWholeResolutionStaysInTheTree) {
         {"../..", false},
         {"sub/../../..", false},
         {"/usr/lib64", false},
-        {"self/../..", false},   // self is dev itself: its ".." is the root's
+        {"self/../..", false},  // self is dev itself: its ".." is the root's
         {"self/self/..", true},
-        {"loop_a", false},       // never ends
+        {"loop_a", false},  // never ends
     };
     int rootFd = open(root_.c_str(), O_RDONLY | O_DIRECTORY);
     ASSERT_GE(rootFd, 0);
@@ -95,7 +95,8 @@ TEST_F(KernelTreeTest, OnlyFilesDirectoriesAndLinksInsideMakeATreeAndModesLoseTh
     const std::string outside = work_ + "/outside";
     test::WriteFile(outside, "not the package's");
     const Case cases[] = {
-        {"FIFO", [&] { mkfifo((root_ + "/dev/pipe").c_str(), 0644); }, "member [dev/pipe] is a FIFO"},
+        {"FIFO", [&] { mkfifo((root_ + "/dev/pipe").c_str(), 0644); },
+         "member [dev/pipe] is a FIFO"},
         {"socket", [&] { mknod((root_ + "/dev/sock").c_str(), S_IFSOCK | 0644, 0); },
          "member [dev/sock] is a socket"},
         {"hard link out", [&] { link(outside.c_str(), (root_ + "/dev/hard.so").c_str()); },
@@ -132,8 +133,12 @@ TEST_F(KernelTreeTest, AnArchiveWithAnAbsoluteOrClimbingMemberIsRefusedBeforeAny
     };
     for (const Case& c : cases) {
         std::string package = work_ + "/package.tar.gz";
-        std::vector<std::string> argv = {test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--unsigned",
-                                         "--from-dir", source};
+        std::vector<std::string> argv = {test::BinDir() + "/orv-emu-mkpkg",
+                                         "--out",
+                                         package,
+                                         "--unsigned",
+                                         "--from-dir",
+                                         source};
         if (!c.transform.empty()) {
             argv.push_back("--transform");
             argv.push_back(c.transform);
@@ -166,7 +171,8 @@ TEST_F(KernelTreeTest, StagedKernelsTakeTheInstallDirectorysPlaceOrLeaveNoTrace)
         StagedKernels first(install);
         std::string reason;
         ASSERT_TRUE(first.Ok(&reason)) << reason;
-        EXPECT_EQ(first.Dir().rfind(work_ + "/kernels/.3.new-", 0), 0u) << "beside it, on its file system";
+        EXPECT_EQ(first.Dir().rfind(work_ + "/kernels/.3.new-", 0), 0u)
+            << "beside it, on its file system";
         test::WriteFile(first.Dir() + "/old", "old");
         ASSERT_TRUE(first.Commit(&reason)) << reason;
     }

@@ -217,8 +217,12 @@ TEST(PackageWorkerTest, WorkersAndWatchersExistOnlyForVfIdsZeroTo16) {
     for (int32_t vf : {-1, 17, 1000, INT32_MIN, INT32_MAX}) {
         EXPECT_EQ(PackageWorker::GetInstance(vf), nullptr) << vf;
         EXPECT_EQ(InotifyWatcher::GetInstance(vf), nullptr) << vf;
-        EXPECT_TRUE(log.Contains("[PackageWorker] No package worker for vfId[" + std::to_string(vf) + "]")) << vf;
-        EXPECT_TRUE(log.Contains("[InotifyWatcher] No inotify watcher for vfId[" + std::to_string(vf) + "]")) << vf;
+        EXPECT_TRUE(
+            log.Contains("[PackageWorker] No package worker for vfId[" + std::to_string(vf) + "]"))
+            << vf;
+        EXPECT_TRUE(log.Contains("[InotifyWatcher] No inotify watcher for vfId[" +
+                                 std::to_string(vf) + "]"))
+            << vf;
     }
     for (int32_t vf : {0, 16}) {
         EXPECT_NE(PackageWorker::GetInstance(vf), nullptr) << vf;
@@ -266,7 +270,8 @@ TEST(PackageWorkerTest, TheSandBoxTakesOnlyPlainNamesAndOnlyAsARealDirectory) {
     EXPECT_EQ(access((dir + "sand_box/a.so").c_str(), F_OK), 0);
     EXPECT_EQ(access((root + "/b.so").c_str(), F_OK), 0);
     EXPECT_EQ(access((dir + "sub/c.so").c_str(), F_OK), 0);
-    EXPECT_TRUE(log.Contains("[PackageWorker] Sand box so item [../b.so] is not a plain file name, skip."));
+    EXPECT_TRUE(
+        log.Contains("[PackageWorker] Sand box so item [../b.so] is not a plain file name, skip."));
 
     test::RemoveTree(dir + "sand_box");
     symlink(elsewhere.c_str(), (dir + "sand_box").c_str());
