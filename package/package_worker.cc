@@ -153,6 +153,12 @@ int OpenPackageFile(const std::string& path, off_t* size, std::string* reason) {
         *reason = "it was replaced while it was being opened";
         return -1;
     }
+    // Another name would be another file's: its mode is changed below.
+    if (opened.st_nlink != 1) {
+        close(fd);
+        *reason = "it has " + std::to_string(opened.st_nlink) + " names (hard links), not one";
+        return -1;
+    }
     *size = opened.st_size;
     return fd;
 }

@@ -654,9 +654,9 @@ TEST_F(PackageTest, AFifoNamedLikeAPackageBlocksNobody) {
     EXPECT_EQ(sandbox_.Stop(std::chrono::seconds(30)), 0);
 }
 
-// A dropped file is taken as it was opened: replaced by a link after its
-// close, it is refused, and neither the link's target nor its content is
-// touched or installed.
+// A dropped file is taken as it was opened: replaced by a link (or by another
+// name of a file elsewhere) after its close, it is refused, and what the link
+// leads to is neither touched nor installed.
 TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouched) {
     Boot();
     PlantVictim();
@@ -675,24 +675,38 @@ TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouc
     Deliver(busy);
     ASSERT_TRUE(sandbox_.Log().WaitFor("file[" + std::string(kPackageName) + "] to dstFile[", 10s));
     const std::string trusted = Inside("/home/hdc-trusted/dev0/");
-    const std::vector<std::pair<std::string, std::string>> swaps = {
-        {"11_" + std::string(kArchiveName), "/home/victim/secret"},
-        {"12_" + std::string(kArchiveName), "/home/victim/8_Velkan512-aicpu_syskernels.tar.gz"},
+    // Each is written and closed, then another name takes its place.
+    struct Swap {
+        std::string name;
+        std::string target;  // of a symbolic link, or (outside) of a hard link
+        bool hard;
     };
-    for (const auto& swap : swaps) {
-        test::WriteFile(trusted + swap.first, "closed after writing");
-        ASSERT_EQ(symlink(swap.second.c_str(), (trusted + "link").c_str()), 0);
-        ASSERT_EQ(rename((trusted + "link").c_str(), (trusted + swap.first).c_str()), 0);
+    const std::vector<Swap> swaps = {
+        {"11_" + std::string(kArchiveName), "/home/victim/secret", false},
+        {"12_" + std::string(kArchiveName), "/home/victim/8_Velkan512-aicpu_syskernels.tar.gz", false},
+        {"13_" + std::string(kArchiveName), Inside("/home/victim/secret"), true},
+    };
+    for (const Swap& swap : swaps) {
+        test::WriteFile(trusted + swap.name, "closed after writing");
+        int made = swap.hard ? link(swap.target.c_str(), (trusted + "other").c_str())
+                             : symlink(swap.target.c_str(), (trusted + "other").c_str());
+        ASSERT_EQ(made, 0) << swap.name;
+        ASSERT_EQ(rename((trusted + "other").c_str(), (trusted + swap.name).c_str()), 0);
     }
     uint32_t code = static_cast<uint32_t>(SizeOf(busy));
     EXPECT_TRUE(test::WaitFor(
-        [&] { return sandbox_.Log().Count("it is a symbolic link, not a regular file.") == 2; },
+        [&] {
+            return sandbox_.Log().Count("it is a symbolic link, not a regular file.") == 2 &&
+                   sandbox_.Log().Contains("13_" + std::string(kArchiveName) +
+                                           "]: it has 2 names (hard links), not one.");
+        },
         15s));
     EXPECT_EQ(CheckCode(), code) << "the first package, not the one the link leads to";
     EXPECT_EQ(Untouchable(), before) << "the links' targets are as they were";
     struct stat st {};
-    EXPECT_NE(lstat((trusted + swaps[0].first).c_str(), &st), 0) << "the link is gone";
+    EXPECT_NE(lstat((trusted + swaps[0].name).c_str(), &st), 0) << "the link is gone";
 }
+
 // Shell commands run while other shell commands run: the VF scripts on the
 // event worker, the memory script of installs on a VF's watcher. Each gets
 // its own command's status, and the daemon's children are still reaped by
