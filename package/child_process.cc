@@ -31,40 +31,67 @@ constexpr size_t kKernelSigsetBytes = 8;
 constexpr int kLastSignal = 64;
 constexpr size_t kReadChunk = 65536;
 
-// Everything the child needs, built before it exists: the child runs on a copy
-// of the daemon's memory taken while other threads may hold any lock, so it
-// makes system calls only.
-struct ChildPlan {
-    std::vector<std::string> programs;  // where argv[0] may be, in order
-    std::vector<std::string> args;
-    std::vector<char*> argv;
-    char** envp = environ;
-    ChildStdio stdio;
+// The processes below begin as copies of the daemon taken while other
+// threads may hold any lock (the allocator's, a sanitizer's), so the code
+// they run makes system calls and reads plain data only, and no sanitizer
+// hooks are compiled into it.
+#if defined(__has_attribute)
+#if __has_attribute(disable_sanitizer_instrumentation)
+#define ORV_COPY_SAFE __attribute__((disable_sanitizer_instrumentation))
+#endif
+#endif
+#ifndef ORV_COPY_SAFE
+#define ORV_COPY_SAFE
+#endif
+
+// What the copies need, as plain data.
+struct ChildRecipe {
+    const char* const* programs;  // where argv[0] may be, in order; null-terminated
+    char* const* argv;
+    char* const* envp;
+    int input;
+    int output;
+    int statusFd;
 };
 
-ChildPlan MakePlan(const std::vector<std::string>& argv, const ChildStdio& stdio) {
-    ChildPlan plan;
-    plan.args = argv;
-    plan.stdio = stdio;
-    const std::string& name = argv.front();
-    if (name.find('/') != std::string::npos) {
-        plan.programs.push_back(name);
-    } else {
-        const char* path = getenv("PATH");
-        std::stringstream dirs(path != nullptr && *path != '\0' ? path : kDefaultPath);
-        for (std::string dir; std::getline(dirs, dir, ':');) {
-            plan.programs.push_back((dir.empty() ? std::string(".") : dir) + "/" + name);
+// The strings a recipe points into, built before the copies exist.
+struct ChildPlan {
+    std::string name;
+    std::vector<std::string> programs;
+    std::vector<const char*> programPointers;
+    std::vector<std::string> args;
+    std::vector<char*> argv;
+    ChildRecipe recipe{};
+
+    ChildPlan(const std::vector<std::string>& argvIn, const ChildStdio& stdio)
+        : name(argvIn.front()) {
+        if (name.find('/') != std::string::npos) {
+            programs.push_back(name);
+        } else {
+            const char* path = getenv("PATH");
+            std::stringstream dirs(path != nullptr && *path != '\0' ? path : kDefaultPath);
+            for (std::string dir; std::getline(dirs, dir, ':');) {
+                programs.push_back((dir.empty() ? std::string(".") : dir) + "/" + name);
+            }
         }
+        for (const std::string& program : programs) {
+            programPointers.push_back(program.c_str());
+        }
+        programPointers.push_back(nullptr);
+        args = argvIn;
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        recipe = ChildRecipe{programPointers.data(), argv.data(), environ, stdio.input,
+                             stdio.output,           -1};
     }
-    for (std::string& arg : plan.args) {
-        plan.argv.push_back(arg.data());
-    }
-    plan.argv.push_back(nullptr);
-    return plan;
-}
+    ChildPlan(const ChildPlan&) = delete;
+    ChildPlan& operator=(const ChildPlan&) = delete;
+};
 
 // Makes `fd` the child's descriptor `target`, inheritable across exec.
-bool PlaceDescriptor(int fd, int target) {
+ORV_COPY_SAFE bool PlaceDescriptor(int fd, int target) {
     if (fd < 0) {
         return true;
     }
@@ -74,12 +101,13 @@ bool PlaceDescriptor(int fd, int target) {
     return syscall(SYS_dup3, fd, target, 0) == target;
 }
 
-void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
+ORV_COPY_SAFE void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, mask, previous, kKernelSigsetBytes);
 }
 
 // The program itself: a child of the intermediate below.
-[[noreturn]] void ProgramMain(const ChildPlan& plan, pid_t intermediate, const uint64_t* mask) {
+[[noreturn]] ORV_COPY_SAFE void ProgramMain(const ChildRecipe& recipe, pid_t intermediate,
+                                            const uint64_t* mask) {
     // It must not outlive an intermediate that was killed.
     syscall(SYS_prctl, PR_SET_PDEATHSIG, SIGKILL, 0UL, 0UL, 0UL);
     if (syscall(SYS_getppid) != intermediate) {
@@ -88,19 +116,20 @@ void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     // The daemon's handlers are not this program's: a signal arriving before
     // the exec must not run one. The kernel's struct sigaction begins with
     // the handler on every architecture.
+    static const unsigned char kDefaultAction[kKernelSigactionBytes] = {};
     for (int sig = 1; sig <= kLastSignal; ++sig) {
         void* action[kKernelSigactionBytes / sizeof(void*)] = {};
         if (syscall(SYS_rt_sigaction, sig, nullptr, action, kKernelSigsetBytes) == 0 &&
-            action[0] != SIG_DFL && action[0] != SIG_IGN) {
-            static const unsigned char kDefaultAction[kKernelSigactionBytes] = {};
+            action[0] != reinterpret_cast<void*>(SIG_DFL) &&
+            action[0] != reinterpret_cast<void*>(SIG_IGN)) {
             syscall(SYS_rt_sigaction, sig, kDefaultAction, nullptr, kKernelSigsetBytes);
         }
     }
     SetSignalMask(mask, nullptr);
-    if (PlaceDescriptor(plan.stdio.input, STDIN_FILENO) &&
-        PlaceDescriptor(plan.stdio.output, STDOUT_FILENO)) {
-        for (const std::string& program : plan.programs) {
-            syscall(SYS_execve, program.c_str(), plan.argv.data(), plan.envp);
+    if (PlaceDescriptor(recipe.input, STDIN_FILENO) &&
+        PlaceDescriptor(recipe.output, STDOUT_FILENO)) {
+        for (const char* const* program = recipe.programs; *program != nullptr; ++program) {
+            syscall(SYS_execve, *program, recipe.argv, recipe.envp);
         }
     }
     syscall(SYS_exit_group, kExecFailed);
@@ -110,9 +139,8 @@ void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
 // The daemon's direct child. It never executes anything, so it keeps the
 // "no exit signal" it was started with (an exec would turn that back into
 // SIGCHLD, and the kernel would reap it and lose its status); it starts the
-// program, waits for it with SIGCHLD at the default, and hands its status up
-// through `statusFd`.
-[[noreturn]] void IntermediateMain(const ChildPlan& plan, int statusFd) {
+// program, waits for it with SIGCHLD at the default, and hands its status up.
+[[noreturn]] ORV_COPY_SAFE void IntermediateMain(const ChildRecipe& recipe) {
     // A copy of the daemon's handlers lives on here; none may ever run.
     const uint64_t all = ~0ULL;
     uint64_t mask = 0;
@@ -125,21 +153,21 @@ void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     pid_t self = static_cast<pid_t>(syscall(SYS_getpid));
     long program = syscall(SYS_clone, static_cast<unsigned long>(SIGCHLD), 0UL, 0UL, 0UL, 0UL);
     if (program == 0) {
-        ProgramMain(plan, self, &mask);
+        ProgramMain(recipe, self, &mask);
     }
-    if (plan.stdio.output >= 0) {
-        syscall(SYS_close, plan.stdio.output);
-    }
-    if (program < 0) {
-        syscall(SYS_exit_group, 1);
+    if (recipe.output >= 0) {
+        syscall(SYS_close, recipe.output);
     }
     int status = 0;
-    while (syscall(SYS_wait4, program, &status, 0, nullptr) < 0) {
-        if (errno != EINTR) {
-            syscall(SYS_exit_group, 1);
-        }
+    long waited = -1;
+    if (program > 0) {
+        do {
+            waited = syscall(SYS_wait4, program, &status, 0, nullptr);
+        } while (waited < 0 && errno == EINTR);
     }
-    syscall(SYS_write, statusFd, &status, sizeof(status));
+    if (waited > 0) {
+        syscall(SYS_write, recipe.statusFd, &status, sizeof(status));
+    }
     syscall(SYS_exit_group, 0);
     __builtin_unreachable();
 }
@@ -150,25 +178,26 @@ struct StartedChild {
     int statusFd = -1;
 };
 
-StartedChild StartChild(const ChildPlan& plan) {
+StartedChild StartChild(ChildPlan& plan) {
     StartedChild started;
     int statusPipe[2];
     if (pipe2(statusPipe, O_CLOEXEC) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s",
-                plan.args.front().c_str(), SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s", plan.name.c_str(),
+                SafeStrerror().c_str());
         return started;
     }
+    plan.recipe.statusFd = statusPipe[1];
     // Flags 0: a copy of this process, as fork makes, whose end signals
     // nobody and which the kernel keeps until it is waited for, whatever the
     // daemon's SIGCHLD disposition.
     long pid = syscall(SYS_clone, 0UL, 0UL, 0UL, 0UL, 0UL);
     if (pid == 0) {
-        IntermediateMain(plan, statusPipe[1]);
+        IntermediateMain(plan.recipe);
     }
     close(statusPipe[1]);
     if (pid < 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s",
-                plan.args.front().c_str(), SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Start child process [%s] failed, %s", plan.name.c_str(),
+                SafeStrerror().c_str());
         close(statusPipe[0]);
         return started;
     }
@@ -211,7 +240,7 @@ int32_t RunChild(const std::vector<std::string>& argv, const ChildStdio& stdio) 
     if (argv.empty()) {
         return -1;
     }
-    ChildPlan plan = MakePlan(argv, stdio);
+    ChildPlan plan(argv, stdio);
     StartedChild started = StartChild(plan);
     return started.intermediate < 0 ? -1 : WaitForChild(started);
 }
@@ -229,7 +258,7 @@ int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::
         return -1;
     }
     ScopeGuard closeReadEnd([fd = pipeFds[0]] { close(fd); });
-    ChildPlan plan = MakePlan(argv, ChildStdio{input, pipeFds[1]});
+    ChildPlan plan(argv, ChildStdio{input, pipeFds[1]});
     StartedChild started = StartChild(plan);
     close(pipeFds[1]);
     if (started.intermediate < 0) {
