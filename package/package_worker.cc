@@ -92,8 +92,8 @@ bool ForEachLine(const std::string& path, OnLine onLine) {
     return true;
 }
 
-// The value of the first "SandBoxSo=" line of a version.info; false when it
-// has none (or cannot be read).
+// The first "SandBoxSo=" line of a version.info, into `line`; false when it
+// has none. `readable` tells whether the file could be read at all.
 bool FindSandBoxLine(const std::string& versionInfo, std::string* line, bool* readable) {
     const std::string prefix = kSandBoxPrefix;
     bool found = false;
