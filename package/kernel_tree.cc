@@ -5,6 +5,7 @@
 #include <ftw.h>
 #include <limits.h>
 #include <stdio.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,6 +78,14 @@ bool ReadLink(int rootFd, const std::string& path, std::string* target) {
         return false;
     }
     target->assign(buffer, static_cast<size_t>(n));
+    return true;
+}
+
+bool Rewind(int fd, std::string* reason) {
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        *reason = "it cannot be read from its start: " + SafeStrerror();
+        return false;
+    }
     return true;
 }
 
@@ -241,13 +250,31 @@ bool StagedKernels::Commit(std::string* reason) {
 // ---- Unpacking and checking ---------------------------------------------------------
 
 bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
-    std::string listing;
-    if (lseek(packageFd, 0, SEEK_SET) != 0) {
-        *reason = "it cannot be read from its start: " + SafeStrerror();
+    // The archive is uncompressed once, into an unnamed file of the staging
+    // directory (invisible to the tree check); listing and unpacking it then
+    // cost little more than the one unpack would.
+    int archive = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (archive < 0) {
+        archive = memfd_create("orv-package-tar", MFD_CLOEXEC);
+    }
+    if (archive < 0) {
+        *reason = "no room to uncompress it: " + SafeStrerror();
         return false;
     }
-    int32_t status =
-        RunChildForOutput({"tar", "-t", "-z", "-f", "-"}, packageFd, &listing, kMaxListingBytes);
+    ScopeGuard closeArchive([archive] { close(archive); });
+    if (!Rewind(packageFd, reason)) {
+        return false;
+    }
+    int32_t status = RunChild({"gzip", "-d", "-c"}, ChildStdio{packageFd, archive});
+    if (status != 0) {
+        *reason = "gzip cannot uncompress it (status " + std::to_string(status) + ")";
+        return false;
+    }
+    std::string listing;
+    if (!Rewind(archive, reason)) {
+        return false;
+    }
+    status = RunChildForOutput({"tar", "-t", "-f", "-"}, archive, &listing, kMaxListingBytes);
     if (status != 0) {
         *reason = "tar cannot list it (status " + std::to_string(status) + ")";
         return false;
@@ -264,13 +291,12 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
             return false;
         }
     }
-    if (lseek(packageFd, 0, SEEK_SET) != 0) {
-        *reason = "it cannot be read from its start: " + SafeStrerror();
+    if (!Rewind(archive, reason)) {
         return false;
     }
     // -o: the files belong to the daemon, whoever they belonged to where the
     // package was made.
-    status = RunChild({"tar", "-x", "-z", "-o", "-f", "-", "-C", dir}, ChildStdio{packageFd, -1});
+    status = RunChild({"tar", "-x", "-o", "-f", "-", "-C", dir}, ChildStdio{archive, -1});
     if (status != 0) {
         *reason = "tar cannot unpack it (status " + std::to_string(status) + ")";
         return false;

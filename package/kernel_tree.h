@@ -3,9 +3,9 @@
 // swapped into place with one rename, so that the install directory always
 // holds one whole package and nothing of a refused one.
 //
-// The unpack is done by tar, fed the package on its standard input; what a
-// package may hold is checked twice: its member names before tar runs (no
-// absolute name, no ".."), and the unpacked tree after (nothing but regular
+// The unpack is done by gzip and tar, fed the package on their standard
+// input; what a package may hold is checked twice: its member names before
+// tar unpacks anything (no absolute name, no ".."), and the unpacked tree after (nothing but regular
 // files, directories and symbolic links that resolve inside the tree; no hard
 // link to a file outside it). tar itself never writes through a symbolic link
 // it unpacked whose target is absolute or climbs with "..": it sets such links
@@ -50,7 +50,7 @@ class StagedKernels {
 // Unpacks the gzip-compressed tar archive read from `packageFd` (from its
 // start) into the empty directory `dir`, then checks the tree (CheckKernelTree).
 // False, with the reason, when the archive names a member with an absolute
-// path or "..", when tar fails, or when the tree fails the check.
+// path or "..", when gzip or tar fails, or when the tree fails the check.
 bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason);
 
 // Checks a tree unpacked from a package, without following any link: it may

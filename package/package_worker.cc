@@ -554,7 +554,7 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
                 packagePath.c_str(), reason.c_str());
         return 1;
     }
-    std::string unzip = "tar -xzof - -C " + staged.Dir() + " < " + packagePath;
+    std::string unzip = "gzip -dc < " + packagePath + " | tar -xof - -C " + staged.Dir();
     ORV_LOG(ORV_INFO, "Unzip_cmd is [%s]", unzip.c_str());
     if (!UnpackPackage(copy, staged.Dir(), &reason)) {
         ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
