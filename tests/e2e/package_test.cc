@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -471,7 +472,7 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
         std::vector<std::string> transforms;
         const char* reason;  // of the refusal line, or the line logged instead
     };
-    const std::vector<Case> cases = {
+    std::vector<Case> cases = {
         {"an absolute member name",
          [](const std::string& dev) { test::WriteFile(dev + "ABS", "planted"); },
          {"s,^aicpu_kernels_device/ABS$,/home/victim/planted,"},
@@ -549,6 +550,15 @@ TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirector
          {},
          "Do clean_cmd failed, packageNames not found"},
     };
+    if (geteuid() == 0) {
+        // Only root can make one (and only a root tar unpacks one).
+        cases.push_back({"a device",
+                         [](const std::string& dev) {
+                             mknod((dev + "null").c_str(), S_IFCHR | 0644, makedev(1, 3));
+                         },
+                         {},
+                         "member [aicpu_kernels_device/null] is a character device"});
+    }
     int number = 20;
     for (const Case& c : cases) {
         std::string name = std::to_string(number) + "_" + kArchiveName;

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -87,82 +86,19 @@ TEST_F(KernelTreeTest, OnlyFilesDirectoriesAndLinksInsideMakeATreeAndModesLoseTh
     ASSERT_EQ(stat((root_ + "/dev/sub").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
 
-    struct Case {
-        const char* what;
-        std::function<void()> spoil;
-        const char* reason;
-    };
+    // What tar itself never makes from a package, but a tree must not hold:
+    // a socket, and a file that also has a name outside the tree.
     const std::string outside = work_ + "/outside";
     test::WriteFile(outside, "not the package's");
-    const Case cases[] = {
-        {"FIFO", [&] { mkfifo((root_ + "/dev/pipe").c_str(), 0644); },
-         "member [dev/pipe] is a FIFO"},
-        {"socket", [&] { mknod((root_ + "/dev/sock").c_str(), S_IFSOCK | 0644, 0); },
-         "member [dev/sock] is a socket"},
-        {"hard link out", [&] { link(outside.c_str(), (root_ + "/dev/hard.so").c_str()); },
-         "member [dev/hard.so] is a hard link to a file outside the package"},
-        {"link out", [&] { symlink("../../outside", (root_ + "/dev/out.so").c_str()); },
-         "member [dev/out.so] is a symbolic link to [../../outside], outside the package"},
-    };
-    for (const Case& c : cases) {
-        c.spoil();
-        EXPECT_FALSE(CheckKernelTree(root_, &reason)) << c.what;
-        EXPECT_THAT(reason, HasSubstr(c.reason));
-        test::RemoveTree(root_ + "/dev");
-        mkdir((root_ + "/dev").c_str(), 0755);
-    }
+    ASSERT_EQ(mknod((root_ + "/dev/sock").c_str(), S_IFSOCK | 0644, 0), 0);
+    EXPECT_FALSE(CheckKernelTree(root_, &reason));
+    EXPECT_THAT(reason, HasSubstr("member [dev/sock] is a socket"));
+    unlink((root_ + "/dev/sock").c_str());
+    ASSERT_EQ(link(outside.c_str(), (root_ + "/dev/hard.so").c_str()), 0);
+    EXPECT_FALSE(CheckKernelTree(root_, &reason));
+    EXPECT_THAT(reason,
+                HasSubstr("member [dev/hard.so] is a hard link to a file outside the package"));
     EXPECT_EQ(test::ReadFile(outside), "not the package's");
-}
-
-// Member names are refused before tar writes anything.
-TEST_F(KernelTreeTest, AnArchiveWithAnAbsoluteOrClimbingMemberIsRefusedBeforeAnythingIsWritten) {
-    test::RemoveTree(root_ + "/dev");
-    std::string source = work_ + "/source";
-    mkdir(source.c_str(), 0755);
-    mkdir((source + "/aicpu_kernels_device").c_str(), 0755);
-    test::WriteFile(source + "/aicpu_kernels_device/version.info", "Name=x\n");
-    test::WriteFile(source + "/aicpu_kernels_device/evil", "planted");
-    struct Case {
-        std::string transform;  // none: the archive as the directory is
-        const char* reason;
-    };
-    const Case cases[] = {
-        {"s,/evil$,/../../planted,", "climbs out with \"..\""},
-        {"s,^aicpu_kernels_device/evil$," + work_ + "/planted,", "has an absolute name"},
-        {"", nullptr},
-    };
-    for (const Case& c : cases) {
-        std::string package = work_ + "/package.tar.gz";
-        std::vector<std::string> argv = {test::BinDir() + "/orv-emu-mkpkg",
-                                         "--out",
-                                         package,
-                                         "--unsigned",
-                                         "--from-dir",
-                                         source};
-        if (!c.transform.empty()) {
-            argv.push_back("--transform");
-            argv.push_back(c.transform);
-        }
-        std::string output;
-        ASSERT_EQ(test::RunProgram(argv, &output), 0) << output;
-        int fd = open(package.c_str(), O_RDONLY);
-        ASSERT_GE(fd, 0);
-        std::string into = work_ + "/into";
-        mkdir(into.c_str(), 0700);
-        std::string reason;
-        bool unpacked = UnpackPackage(fd, into, &reason);
-        close(fd);
-        if (c.reason == nullptr) {
-            EXPECT_TRUE(unpacked) << reason;
-            EXPECT_TRUE(Exists(into + "/aicpu_kernels_device/evil"));
-        } else {
-            EXPECT_FALSE(unpacked);
-            EXPECT_THAT(reason, HasSubstr(c.reason));
-            EXPECT_FALSE(Exists(into + "/aicpu_kernels_device"));
-        }
-        EXPECT_FALSE(Exists(work_ + "/planted"));
-        test::RemoveTree(into);
-    }
 }
 
 TEST_F(KernelTreeTest, StagedKernelsTakeTheInstallDirectorysPlaceOrLeaveNoTrace) {

@@ -283,37 +283,5 @@ TEST(PackageWorkerTest, TheSandBoxTakesOnlyPlainNamesAndOnlyAsARealDirectory) {
     test::RemoveTree(root);
 }
 
-// Sub-processes run user code: the watcher's descriptors are not theirs.
-TEST(InotifyWatcherTest, TheWatchersDescriptorsCloseOnExec) {
-    std::shared_ptr<InotifyWatcher> watcher = InotifyWatcher::GetInstance(0);
-    ASSERT_EQ(watcher->Init(1), 0u);
-    size_t found = 0;
-    DIR* fds = opendir("/proc/self/fd");
-    ASSERT_NE(fds, nullptr);
-    while (dirent* entry = readdir(fds)) {
-        char target[PATH_MAX] = {0};
-        std::string fd = entry->d_name;
-        if (readlink(("/proc/self/fd/" + fd).c_str(), target, sizeof(target) - 1) <= 0) {
-            continue;
-        }
-        std::string kind = target;
-        if (kind != "anon_inode:inotify" && kind != "anon_inode:[eventpoll]") {
-            continue;
-        }
-        ++found;
-        std::ifstream info("/proc/self/fdinfo/" + fd);
-        std::string line;
-        unsigned long flags = 0;
-        while (std::getline(info, line)) {
-            if (line.rfind("flags:", 0) == 0) {
-                flags = std::stoul(line.substr(6), nullptr, 8);
-            }
-        }
-        EXPECT_NE(flags & O_CLOEXEC, 0u) << kind;
-    }
-    closedir(fds);
-    EXPECT_GE(found, 2u);
-    watcher->Destory();
-}
 }  // namespace
 }  // namespace orv
