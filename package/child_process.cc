@@ -30,6 +30,7 @@ constexpr size_t kKernelSigactionBytes = 64;
 constexpr size_t kKernelSigsetBytes = 8;
 constexpr int kLastSignal = 64;
 constexpr size_t kReadChunk = 65536;
+constexpr unsigned int kCloseFallbackLimit = 4096;
 
 // The processes below begin as copies of the daemon taken while other
 // threads may hold any lock (the allocator's, a sanitizer's), so the code
@@ -101,8 +102,34 @@ ORV_COPY_SAFE bool PlaceDescriptor(int fd, int target) {
     return syscall(SYS_dup3, fd, target, 0) == target;
 }
 
+ORV_COPY_SAFE void CloseRange(unsigned int first, unsigned int last) {
+    if (first > last) {
+        return;
+    }
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, first, last, 0U) == 0) {
+        return;
+    }
+#endif
+    // A kernel without close_range: the descriptors a process usually has.
+    for (unsigned int fd = first; fd <= last && fd < kCloseFallbackLimit; ++fd) {
+        syscall(SYS_close, fd);
+    }
+}
+
 ORV_COPY_SAFE void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, mask, previous, kKernelSigsetBytes);
+}
+
+// Closes every descriptor from 3 up but `keep`.
+ORV_COPY_SAFE void CloseAllBut(int keep) {
+    const unsigned int last = ~0U;
+    unsigned int first = STDERR_FILENO + 1;
+    if (keep >= static_cast<int>(first)) {
+        CloseRange(first, static_cast<unsigned int>(keep) - 1);
+        first = static_cast<unsigned int>(keep) + 1;
+    }
+    CloseRange(first, last);
 }
 
 // The program itself: a child of the intermediate below.
@@ -155,9 +182,9 @@ ORV_COPY_SAFE void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     if (program == 0) {
         ProgramMain(recipe, self, &mask);
     }
-    if (recipe.output >= 0) {
-        syscall(SYS_close, recipe.output);
-    }
+    // Whatever else the daemon had open (host links among them) is not this
+    // process's to hold while the program runs.
+    CloseAllBut(recipe.statusFd);
     int status = 0;
     long waited = -1;
     if (program > 0) {

@@ -9,8 +9,8 @@
 // waited for, and its pid cannot be reused meanwhile. That child never
 // executes anything (an exec would give it SIGCHLD as exit signal again); it
 // starts the program as its own child, with SIGCHLD at the default, waits for
-// it and hands the status up through a pipe. The process-wide disposition is
-// never touched.
+// it and hands the status up through a pipe, holding none of the daemon's
+// other descriptors meanwhile. The process-wide disposition is never touched.
 #ifndef ORV_PACKAGE_CHILD_PROCESS_H
 #define ORV_PACKAGE_CHILD_PROCESS_H
 

@@ -156,7 +156,12 @@ TEST(InternalApiTest, PackSystemGivesEachCommandItsRawStatusWhileOthersRunWithCh
         {"sleep 0.05; exit 1", 256},
         {"/nonexistent/program", 127 * 256},
         {"sh -c 'exit 4' & wait $!", 1024},  // the shell collects its own children
+        // What waits for the shell holds none of the daemon's descriptors:
+        // only its standard three and the pipe the status goes up.
+        {"test $(ls /proc/$PPID/fd | wc -l) -eq 4", 0},
     };
+    int spare[2];
+    ASSERT_EQ(pipe2(spare, O_CLOEXEC), 0);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 6; ++t) {
@@ -172,6 +177,8 @@ TEST(InternalApiTest, PackSystemGivesEachCommandItsRawStatusWhileOthersRunWithCh
     for (std::thread& thread : threads) {
         thread.join();
     }
+    close(spare[0]);
+    close(spare[1]);
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(ZombieChildren(), 0u);
     struct sigaction now {};
