@@ -14,6 +14,7 @@
 #include "daemon/orvdaemon.h"
 #include "package/inotify_watcher.h"
 #include "package/internal_api.h"
+#include "package/package_worker.h"
 #include "platform/log.h"
 #include "platform/orv_drv_manager.h"
 #include "platform/scope_guard.h"
@@ -326,6 +327,8 @@ int OrvEventServer::ProcessDestoryVfEvevt(int vfId) {
 }
 
 void OrvEventServer::RemoveFile(int vfId) const {
+    // The VF's check code goes with the kernels it describes.
+    PackageWorker::KernelsRemoval removal(vfId);
     std::string kernels = "/usr/lib64/aicpu_kernels/" + std::to_string(vfId);
     std::string command = "rm -rf " + kernels;
     if (PackSystem(command.c_str()) != 0) {

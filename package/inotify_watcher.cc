@@ -16,6 +16,8 @@ namespace orv {
 
 namespace {
 
+// Watchers exist for the physical function and VFs 1 to 16 only.
+constexpr int32_t kMaxVfId = 16;
 constexpr uint32_t kTrustedPathSize = 256;
 constexpr int kMaxEpollEvents = 512;
 constexpr int kEpollTimeoutMs = 250;
@@ -38,6 +40,12 @@ InotifyWatcher::~InotifyWatcher() {
 }
 
 std::shared_ptr<InotifyWatcher> InotifyWatcher::GetInstance(int32_t vfId) {
+    if (vfId < 0 || vfId > kMaxVfId) {
+        ORV_LOG(ORV_ERROR,
+                "[InotifyWatcher] No inotify watcher for vfId[%d]: VF ids run from 0 to %d.", vfId,
+                kMaxVfId);
+        return nullptr;
+    }
     MutexLock lock(&mutexForInotifyWatcherMap_);
     auto it = inotifyWatcherMap_.find(vfId);
     if (it != inotifyWatcherMap_.end()) {
@@ -64,13 +72,14 @@ uint32_t InotifyWatcher::Init(uint32_t deviceCount) {
         ORV_LOG(ORV_ERROR, "get package worker in vfId[%d] failed", vfId_);
         return 1;
     }
-    epollFd_ = epoll_create(1);
+    // Close-on-exec: sub-processes that run user code must not hold them.
+    epollFd_ = epoll_create1(EPOLL_CLOEXEC);
     if (epollFd_ < 0) {
         ORV_LOG(ORV_ERROR, "epoll_create in vfId[%d] failed, ret = %d.", vfId_, epollFd_);
         return 1;
     }
     ORV_LOG(ORV_INFO, "epoll_create epoll_fd[%d] in vfId[%d] success", epollFd_, vfId_);
-    inotifyFd_ = inotify_init();
+    inotifyFd_ = inotify_init1(IN_CLOEXEC);
     if (inotifyFd_ < 0) {
         ORV_LOG(ORV_ERROR, "inotify_init in vfId[%d] failed, ret = %d", vfId_, inotifyFd_);
         return 1;

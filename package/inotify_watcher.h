@@ -25,8 +25,8 @@ inline constexpr char kPackageNamePattern[] = "^[0-9]+_Velkan[0-9]{3}-aicpu_sysk
 
 class InotifyWatcher {
 public:
-    // The watcher of `vfId`, created when there is none; null when it cannot
-    // be allocated.
+    // The watcher of `vfId` (0 to 16), created when there is none; null for
+    // any other id, and when it cannot be allocated.
     static std::shared_ptr<InotifyWatcher> GetInstance(int32_t vfId);
 
     // The watcher of `vfId` if one exists; never creates one.

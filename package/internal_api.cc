@@ -1,14 +1,15 @@
 #include "package/internal_api.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <regex.h>
-#include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
+#include "package/child_process.h"
 #include "platform/log.h"
 
 namespace orv {
@@ -36,13 +37,14 @@ void Trim(std::string& text) {
 }
 
 uint32_t CalFileSize(const std::string& path) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open()) {
+    // Non-blocking, so that a FIFO does not wait for a writer (it has no end
+    // to seek to, and measures 0).
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
         return 0;
     }
-    file.seekg(0, std::ios::end);
-    std::streamoff size = file.tellg();
-    file.close();
+    off_t size = lseek(fd, 0, SEEK_END);
+    close(fd);
     if (size < 0) {
         return 0;
     }
@@ -108,14 +110,14 @@ bool CheckValidatePath(const std::string& path) {
 }
 
 int32_t PackSystem(const char* command) {
-    struct sigaction defaultAction {};
-    struct sigaction previous {};
-    defaultAction.sa_handler = SIG_DFL;
-    sigemptyset(&defaultAction.sa_mask);
-    sigaction(SIGCHLD, &defaultAction, &previous);
-    int32_t result = system(command);
+    if (command == nullptr) {
+        return -1;
+    }
+    // The shell is waited for as the one child it is: the daemon's SIGCHLD
+    // disposition stays as it is, so calls on several threads cannot undo
+    // each other's, and no other child of the daemon is left unreaped.
+    int32_t result = RunChild({"/bin/sh", "-c", command});
     ORV_LOG(ORV_INFO, "[OrvDaemon] PackSystem cmd: [%s], result: [%d]", command, result);
-    sigaction(SIGCHLD, &previous, nullptr);
     return result;
 }
 

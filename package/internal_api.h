@@ -33,8 +33,10 @@ bool CheckRealPath(const std::string& path);
 // True when `path` holds only letters, digits and / _ . - \ characters.
 bool CheckValidatePath(const std::string& path);
 
-// Runs `command` through the shell with SIGCHLD at its default disposition, so
-// that its status can be collected. Returns system()'s result unchanged.
+// Runs `command` through /bin/sh and waits for it, as system() would but
+// without touching the daemon's SIGCHLD disposition. Returns the raw wait
+// status (0 when it exited 0, its code times 256, or the terminating signal);
+// -1 when no shell could be started.
 int32_t PackSystem(const char* command);
 
 // The text of the current errno; errno is left as it was.

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <new>
 #include <regex>
 #include <sstream>
@@ -20,6 +20,7 @@
 #include <osal.h>
 
 #include "package/internal_api.h"
+#include "package/kernel_tree.h"
 #include "platform/log.h"
 #include "platform/scope_guard.h"
 
@@ -34,6 +35,8 @@ const std::vector<std::string> kSandBoxList = {
 
 namespace {
 
+// Package workers exist for the physical function and VFs 1 to 16 only.
+constexpr int32_t kMaxVfId = 16;
 constexpr uint32_t kCheckSumWaitSeconds = 5;
 constexpr uint32_t kVerifyFailed = 14;
 constexpr char kSrcPackageName[] = "srcPackageName";
@@ -53,8 +56,171 @@ constexpr uint32_t kMaxWalkDepth = 20;
 // A first install needs strictly more room than this below the limit ("150M").
 constexpr uint64_t kMinFreeBytes = 157286399;
 
+constexpr size_t kCopyChunk = 65536;
+
 std::string CgroupDir(int32_t vfId) {
     return kCgroupRoot + std::to_string(vfId);
+}
+
+// Calls `onLine` with each line of a file (without its new line) until it
+// returns false. The file is opened close-on-exec, without following a link in
+// its last component and without waiting on a FIFO; false when it cannot be.
+template <typename OnLine>
+bool ForEachLine(const std::string& path, OnLine onLine) {
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    FILE* file = fd >= 0 ? fdopen(fd, "r") : nullptr;
+    if (file == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return false;
+    }
+    ScopeGuard closeFile([file] { fclose(file); });
+    char* buffer = nullptr;
+    size_t capacity = 0;
+    ScopeGuard freeBuffer([&buffer] { free(buffer); });
+    ssize_t length;
+    while ((length = getline(&buffer, &capacity, file)) >= 0) {
+        std::string line(buffer, static_cast<size_t>(length));
+        if (!line.empty() && line.back() == '\n') {
+            line.pop_back();
+        }
+        if (!onLine(line)) {
+            break;
+        }
+    }
+    return true;
+}
+
+// The first "SandBoxSo=" line of a version.info, into `line`; false when it
+// has none. `readable` tells whether the file could be read at all.
+bool FindSandBoxLine(const std::string& versionInfo, std::string* line, bool* readable) {
+    const std::string prefix = kSandBoxPrefix;
+    bool found = false;
+    *readable = ForEachLine(versionInfo, [&](const std::string& text) {
+        found = text.compare(0, prefix.size(), prefix) == 0;
+        if (found) {
+            *line = text;
+        }
+        return !found;
+    });
+    return found;
+}
+
+// The names of a "SandBoxSo=" value: comma-separated, blanks around each
+// ignored, empty ones skipped.
+std::vector<std::string> SandBoxItems(const std::string& value) {
+    std::vector<std::string> items;
+    std::stringstream pieces(value);
+    for (std::string piece; std::getline(pieces, piece, ',');) {
+        Trim(piece);
+        if (!piece.empty()) {
+            items.push_back(piece);
+        }
+    }
+    return items;
+}
+
+// A name that stays in the directory it is looked up in.
+bool IsPlainFileName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
+// Opens a dropped package once, for every later step to use: without
+// following a link, without waiting on a FIFO or device, and only when it is
+// a regular file. Its descriptor, or -1 with the reason.
+int OpenPackageFile(const std::string& path, off_t* size, std::string* reason) {
+    struct stat named {};
+    if (lstat(path.c_str(), &named) != 0) {
+        *reason = "it cannot be found: " + SafeStrerror();
+        return -1;
+    }
+    // Looked at before it is opened, so that opening it cannot wake a device.
+    if (!S_ISREG(named.st_mode)) {
+        *reason = std::string("it is a ") + FileKindName(named.st_mode) + ", not a regular file";
+        return -1;
+    }
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        *reason = "it cannot be opened: " + SafeStrerror();
+        return -1;
+    }
+    struct stat opened {};
+    if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode) || opened.st_dev != named.st_dev ||
+        opened.st_ino != named.st_ino) {
+        close(fd);
+        *reason = "it was replaced while it was being opened";
+        return -1;
+    }
+    // Another name would be another file's: its mode is changed below.
+    if (opened.st_nlink != 1) {
+        close(fd);
+        *reason = "it has " + std::to_string(opened.st_nlink) + " names (hard links), not one";
+        return -1;
+    }
+    *size = opened.st_size;
+    return fd;
+}
+
+// A copy of the package that no other process holds open for writing, so
+// that what is verified is what is unpacked. Its descriptor, or -1.
+int CopyToPrivateFile(int packageFd, std::string* reason) {
+    int copy = open(kStagingDir, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (copy < 0) {
+        // A file system without unnamed files: keep it in memory.
+        copy = memfd_create("orv-package", MFD_CLOEXEC);
+    }
+    if (copy < 0) {
+        *reason = "no private copy can be made: " + SafeStrerror();
+        return -1;
+    }
+    char buffer[kCopyChunk];
+    off_t offset = 0;
+    for (;;) {
+        ssize_t n = pread(packageFd, buffer, sizeof(buffer), offset);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            *reason = "it cannot be read: " + SafeStrerror();
+            close(copy);
+            return -1;
+        }
+        if (n == 0) {
+            return copy;
+        }
+        for (ssize_t done = 0; done < n;) {
+            ssize_t w = write(copy, buffer + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR) {
+                continue;
+            }
+            if (w <= 0) {
+                *reason = "its private copy cannot be written: " + SafeStrerror();
+                close(copy);
+                return -1;
+            }
+            done += w;
+        }
+        offset += n;
+    }
+}
+
+// The size of entry `name` of the directory open at `dirFd`, measured as
+// CalFileSize measures, but never through a link (a link measures 0).
+uint32_t SizeWithoutFollowing(int dirFd, const std::string& name) {
+    int fd = openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    off_t size = lseek(fd, 0, SEEK_END);
+    close(fd);
+    return size < 0 ? 0 : static_cast<uint32_t>(static_cast<uint64_t>(size) & 0xFFFFFFFFULL);
+}
+
+// A path that names an open descriptor, for interfaces that take paths.
+std::string DescriptorPath(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
 }
 
 }  // namespace
@@ -69,6 +235,13 @@ std::string PackageWorker::InstallDir() const {
 }
 
 std::shared_ptr<PackageWorker> PackageWorker::GetInstance(int32_t vfId) {
+    if (vfId < 0 || vfId > kMaxVfId) {
+        // A host may ask about any id; only those of VFs that can exist get a worker.
+        ORV_LOG(ORV_ERROR,
+                "[PackageWorker] No package worker for vfId[%d]: VF ids run from 0 to %d.", vfId,
+                kMaxVfId);
+        return nullptr;
+    }
     MutexLock lock(&mutexForPackageWorkerMap_);
     auto it = packageWorkerMap_.find(vfId);
     if (it != packageWorkerMap_.end()) {
@@ -89,6 +262,32 @@ void PackageWorker::ClearWorkerPtr() {
     }
     self = std::move(it->second);
     packageWorkerMap_.erase(it);
+}
+
+PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) NO_THREAD_SAFETY_ANALYSIS {
+    {
+        MutexLock lock(&mutexForPackageWorkerMap_);
+        auto it = packageWorkerMap_.find(vfId);
+        if (it != packageWorkerMap_.end()) {
+            worker_ = it->second;
+        }
+    }
+    if (worker_ == nullptr) {
+        return;
+    }
+    worker_->workerMutex_.Lock();
+    if (worker_->checkCode_ != 0) {
+        ORV_LOG(ORV_INFO,
+                "[PackageWorker] Kernels of vfId[%d] are removed: check code [%u] goes back to 0.",
+                vfId, worker_->checkCode_);
+        worker_->checkCode_ = 0;
+    }
+}
+
+PackageWorker::KernelsRemoval::~KernelsRemoval() NO_THREAD_SAFETY_ANALYSIS {
+    if (worker_ != nullptr) {
+        worker_->workerMutex_.Unlock();
+    }
 }
 
 void PackageWorker::Stop() {
@@ -142,7 +341,22 @@ uint32_t PackageWorker::CheckSum(uint32_t hostCode) {
 uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, const std::string& fileName) {
     MutexLock lock(&workerMutex_);
     std::string full = dir + fileName;
-    uint32_t code = CalFileSize(full);
+    // Every step below works on what is opened here, never on the name again.
+    off_t size = 0;
+    std::string reason;
+    int fd = OpenPackageFile(full, &size, &reason);
+    if (fd < 0) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", full.c_str(),
+                reason.c_str());
+        struct stat named {};
+        if (lstat(full.c_str(), &named) == 0 && !S_ISDIR(named.st_mode)) {
+            RemoveFile(full);
+        }
+        return 1;
+    }
+    ScopeGuard closePackage([fd] { close(fd); });
+    // As CalFileSize measures it.
+    uint32_t code = static_cast<uint32_t>(static_cast<uint64_t>(size) & 0xFFFFFFFFULL);
     ORV_LOG(ORV_EVENT, "Package checkcode is [%u], current env checkcode is [%u].", code, checkCode_);
     if (code == checkCode_) {
         // Installed already; nobody is waiting for it.
@@ -157,12 +371,12 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, c
     }
     ORV_LOG(ORV_INFO, "Rename path[%s] file[%s] to dstFile[%s] success", dir.c_str(), fileName.c_str(), dst.c_str());
     if (vfId_ > 0 && access(CgroupDir(vfId_).c_str(), F_OK) == 0) {
-        uint32_t ret = UnzipAndSetMemLimit(dst);
+        uint32_t ret = UnzipAndSetMemLimit(dst, fd);
         if (ret != 0) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] UnzipAndSetMemlimit failed.");
             return ret;
         }
-    } else if (DecompressionAicpuPackage(dst) != 0) {
+    } else if (DecompressionAicpuPackage(dst, fd) != 0) {
         ORV_LOG(ORV_ERROR, "Decompression AicpuPackage[%s] failed", dst.c_str());
         return 1;
     }
@@ -247,48 +461,44 @@ uint32_t PackageWorker::VerifyAicpuPackage(const std::string& packagePath) const
 }
 
 uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
-    if (access(packagePath.c_str(), F_OK) != 0) {
+    if (faccessat(AT_FDCWD, packagePath.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] No aicpu package need to decompression, name[%s].", packagePath.c_str());
         return 1;
     }
-    // The package file never outlives its unpack.
-    ScopeGuard removePackage([this, &packagePath] { RemoveFile(packagePath); });
-    if (chmod(packagePath.c_str(), kDirMode) != 0) {
-        ORV_LOG(ORV_ERROR, "Change directory:[%s] mode failed, errno:[%s].", packagePath.c_str(),
-                SafeStrerror().c_str());
+    off_t size = 0;
+    std::string reason;
+    int fd = OpenPackageFile(packagePath, &size, &reason);
+    if (fd < 0) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
+        RemoveFile(packagePath);
         return 1;
     }
-    if (VerifyAicpuPackage(packagePath) != 0) {
-        ORV_LOG(ORV_ERROR, "Verify Aicpu package failed, srcPath[%s].", packagePath.c_str());
-        return kVerifyFailed;
-    }
-    std::string installDir = InstallDir();
-    std::string unzip = "rm -rf " + installDir + " && mkdir -p " + installDir + " && tar -zxvf " + packagePath +
-                        " -C " + installDir;
-    ORV_LOG(ORV_INFO, "Unzip_cmd is [%s]", unzip.c_str());
-    // Whether the unpack worked is judged by the name check that follows.
-    (void)PackSystem(unzip.c_str());
-    PackageNameMap names;
-    if (GetPackageName(packagePath, installDir, names) != 0) {
-        RemoveFile(installDir);
-        ORV_LOG(ORV_ERROR, "GetPackageName faild");
-        return kVerifyFailed;
-    }
-    if (names[kSrcPackageName] != names[kInnerPackageName]) {
-        RemoveFile(installDir);
-        ORV_LOG(ORV_ERROR, "Do clean_cmd failed, packageNames not found");
-        return 1;
-    }
-    uint32_t moved = MoveSoToSandBox(installDir + kDeviceSubdir);
-    if (moved != 0) {
-        ORV_LOG(ORV_EVENT, "Move dynamic link so to sand box failed! status is %d.", static_cast<int>(moved));
-    }
-    // A missing or faulty sand box does not fail the install.
-    ORV_LOG(ORV_INFO, "Move dynamic link so to sand box success.");
-    return 0;
+    ScopeGuard closePackage([fd] { close(fd); });
+    return DecompressionAicpuPackage(packagePath, fd);
+}
+
+uint32_t PackageWorker::DecompressionAicpuPackage(const std::string& packagePath, int packageFd) {
+    StagedKernels staged(InstallDir());
+    uint32_t ret = PrepareKernels(packagePath, packageFd, staged);
+    return ret != 0 ? ret : CommitKernels(packagePath, staged);
 }
 
 uint32_t PackageWorker::UnzipAndSetMemLimit(std::string& packagePath) {
+    off_t size = 0;
+    std::string reason;
+    int fd = OpenPackageFile(packagePath, &size, &reason);
+    if (fd < 0) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
+        RemoveFile(packagePath);
+        return 1;
+    }
+    ScopeGuard closePackage([fd] { close(fd); });
+    return UnzipAndSetMemLimit(packagePath, fd);
+}
+
+uint32_t PackageWorker::UnzipAndSetMemLimit(const std::string& packagePath, int packageFd) {
     if (CheckMemoryLimit() != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Set or check memory limit failed");
         RemoveFile(packagePath);
@@ -297,17 +507,126 @@ uint32_t PackageWorker::UnzipAndSetMemLimit(std::string& packagePath) {
     std::string installDir = InstallDir();
     uint64_t oldSize = 0;
     GetPackageSize(installDir, oldSize);
-    if (DecompressionAicpuPackage(packagePath) != 0) {
+    StagedKernels staged(installDir);
+    if (PrepareKernels(packagePath, packageFd, staged) != 0) {
         ORV_LOG(ORV_ERROR, "Decompression AicpuPackage[%s] failed", packagePath.c_str());
         return 1;
     }
     uint64_t newSize = 0;
-    GetPackageSize(installDir, newSize);
+    GetPackageSize(staged.Dir(), newSize);
+    // The limit moves before the kernels do: a limit that cannot take the new
+    // kernels leaves the old ones installed and charged.
     if (RestoreMemUsage(oldSize, newSize) != 0) {
         ORV_LOG(ORV_ERROR, "Set User memory limit failed");
         return 1;
     }
+    if (CommitKernels(packagePath, staged) != 0) {
+        // The old kernels stayed, and take their old room again.
+        (void)RestoreMemUsage(newSize, oldSize);
+        return 1;
+    }
     return 0;
+}
+
+uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packageFd,
+                                       StagedKernels& staged) {
+    // The package file never outlives its unpack.
+    ScopeGuard removePackage([this, &packagePath] { RemoveFile(packagePath); });
+    if (fchmod(packageFd, kDirMode) != 0) {
+        ORV_LOG(ORV_ERROR, "Change directory:[%s] mode failed, errno:[%s].", packagePath.c_str(),
+                SafeStrerror().c_str());
+        return 1;
+    }
+    std::string reason;
+    int copy = CopyToPrivateFile(packageFd, &reason);
+    if (copy < 0) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
+        return 1;
+    }
+    ScopeGuard closeCopy([copy] { close(copy); });
+    if (VerifyAicpuPackage(DescriptorPath(copy)) != 0) {
+        ORV_LOG(ORV_ERROR, "Verify Aicpu package failed, srcPath[%s].", packagePath.c_str());
+        return kVerifyFailed;
+    }
+    if (!staged.Ok(&reason)) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
+        return 1;
+    }
+    std::string unzip = "gzip -dc < " + packagePath + " | tar -xof - -C " + staged.Dir();
+    ORV_LOG(ORV_INFO, "Unzip_cmd is [%s]", unzip.c_str());
+    if (!UnpackPackage(copy, staged.Dir(), &reason)) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
+        return kVerifyFailed;
+    }
+    std::string stagedDir = staged.Dir();
+    PackageNameMap names;
+    if (GetPackageName(packagePath, stagedDir, names) != 0) {
+        ORV_LOG(ORV_ERROR, "GetPackageName faild");
+        return kVerifyFailed;
+    }
+    if (names[kSrcPackageName] != names[kInnerPackageName]) {
+        ORV_LOG(ORV_ERROR, "Do clean_cmd failed, packageNames not found");
+        return 1;
+    }
+    std::string deviceDir = stagedDir + kDeviceSubdir;
+    if (!CheckSandBox(deviceDir, &reason)) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
+        return kVerifyFailed;
+    }
+    uint32_t moved = MoveSoToSandBox(deviceDir);
+    if (moved != 0) {
+        ORV_LOG(ORV_EVENT, "Move dynamic link so to sand box failed! status is %d.", static_cast<int>(moved));
+    }
+    // Moved links resolve from where they are now.
+    if (!CheckKernelTree(stagedDir, &reason)) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
+                reason.c_str());
+        return kVerifyFailed;
+    }
+    // A missing or faulty sand box does not fail the install.
+    ORV_LOG(ORV_INFO, "Move dynamic link so to sand box success.");
+    return 0;
+}
+
+uint32_t PackageWorker::CommitKernels(const std::string& packagePath, StagedKernels& staged) {
+    std::string reason;
+    if (!staged.Commit(&reason)) {
+        ORV_LOG(ORV_ERROR, "[PackageWorker] Package[%s] cannot be installed: %s.",
+                packagePath.c_str(), reason.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+bool PackageWorker::CheckSandBox(const std::string& deviceDir, std::string* reason) const {
+    struct stat st {};
+    std::string device = deviceDir.substr(0, deviceDir.size() - 1);
+    if (lstat(device.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        *reason = "its aicpu_kernels_device is not a real directory";
+        return false;
+    }
+    std::string sandBox = deviceDir + kSandBoxDir;
+    if (lstat(sandBox.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+        *reason =
+            std::string("its sand_box is a ") + FileKindName(st.st_mode) + ", not a real directory";
+        return false;
+    }
+    std::string line;
+    bool readable = false;
+    if (!FindSandBoxLine(deviceDir + kVersionInfo, &line, &readable)) {
+        return true;
+    }
+    for (const std::string& item : SandBoxItems(line.substr(std::string(kSandBoxPrefix).size()))) {
+        if (!IsPlainFileName(item)) {
+            *reason = "its SandBoxSo= entry [" + item + "] is not a plain file name";
+            return false;
+        }
+    }
+    return true;
 }
 
 uint32_t PackageWorker::GetPackageName(const std::string& packagePath, std::string& installDir,
@@ -322,36 +641,30 @@ uint32_t PackageWorker::GetPackageName(const std::string& packagePath, std::stri
     ORV_LOG(ORV_INFO, "[OrvDaemon] Get srcPackageName[%s] success.", names[kSrcPackageName].c_str());
     std::string inner = installDir + kDeviceSubdir + kVersionInfo;
     ORV_LOG(ORV_INFO, "PackageInnerFile is [%s]", inner.c_str());
-    std::ifstream file(inner);
-    if (!file.is_open()) {
+    bool opened = ForEachLine(inner, [&names](const std::string& line) {
+        if (line.find('=') == std::string::npos || line.find("Name") == std::string::npos) {
+            return true;
+        }
+        names[kInnerPackageName] = line.substr(line.find('=') + 1);
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Get innerPackageName[%s] success.",
+                names[kInnerPackageName].c_str());
+        return false;
+    });
+    if (!opened) {
         ORV_LOG(ORV_ERROR, "Open package name file failed");
         return 1;
-    }
-    std::string line;
-    while (std::getline(file, line)) {
-        if (line.find('=') != std::string::npos && line.find("Name") != std::string::npos) {
-            names[kInnerPackageName] = line.substr(line.find('=') + 1);
-            ORV_LOG(ORV_INFO, "[OrvDaemon] Get innerPackageName[%s] success.", names[kInnerPackageName].c_str());
-            break;
-        }
     }
     return 0;
 }
 
 uint32_t PackageWorker::MoveSoToSandBox(const std::string& deviceDir) const {
-    std::ifstream file(deviceDir + kVersionInfo);
-    if (!file.is_open()) {
-        ORV_LOG(ORV_ERROR, "Open version info file failed");
-        return 1;
-    }
     const std::string prefix = kSandBoxPrefix;
     std::string line;
-    bool found = false;
-    while (std::getline(file, line)) {
-        if (line.compare(0, prefix.size(), prefix) == 0) {
-            found = true;
-            break;
-        }
+    bool readable = false;
+    bool found = FindSandBoxLine(deviceDir + kVersionInfo, &line, &readable);
+    if (!readable) {
+        ORV_LOG(ORV_ERROR, "Open version info file failed");
+        return 1;
     }
     if (!found) {
         ORV_LOG(ORV_EVENT, "Sand box so item in version.info is not exist. Please check.");
@@ -368,11 +681,12 @@ uint32_t PackageWorker::MoveSoToSandBox(const std::string& deviceDir) const {
         ORV_LOG(ORV_ERROR, "Check or make directory[%s] failed.", sandDir.c_str());
         return 1;
     }
-    std::stringstream pieces(value);
-    std::string piece;
-    while (std::getline(pieces, piece, ',')) {
-        Trim(piece);
-        if (piece.empty()) {
+    for (const std::string& piece : SandBoxItems(value)) {
+        // A name with a "/" would move files from and to anywhere.
+        if (!IsPlainFileName(piece)) {
+            ORV_LOG(ORV_ERROR,
+                    "[PackageWorker] Sand box so item [%s] is not a plain file name, skip.",
+                    piece.c_str());
             continue;
         }
         std::string from = deviceDir + piece;
@@ -435,7 +749,14 @@ uint32_t PackageWorker::CheckOrMakeDirectory(const std::string& dir) const {
             return 1;
         }
     }
-    if (mmIsDir(dir.c_str()) != EN_OK) {
+    // A link would take what goes into the directory elsewhere (and a final
+    // "/" would make lstat follow it).
+    std::string bare = dir;
+    while (bare.size() > 1 && bare.back() == '/') {
+        bare.pop_back();
+    }
+    struct stat st {};
+    if (lstat(bare.c_str(), &st) != 0 || S_ISLNK(st.st_mode) || mmIsDir(dir.c_str()) != EN_OK) {
         ORV_LOG(ORV_ERROR, "[PackageWorker] path[%s] is not a folder.", dir.c_str());
         return 1;
     }
@@ -508,13 +829,19 @@ void PackageWorker::GetPackageSizeInSubdirectory(const std::string& dir, const u
     if (dir.empty() || depth > kMaxWalkDepth) {
         return;
     }
-    DIR* handle = opendir(dir.c_str());
+    // No link is followed: one to a directory could make the walk endless,
+    // one to a FIFO could stop it.
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    DIR* handle = fd >= 0 ? fdopendir(fd) : nullptr;
     if (handle == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         ORV_LOG(ORV_WARN, "GetPackageSize path is invalid:%s, depth:%u", dir.c_str(), depth);
         return;
     }
     struct stat status {};
-    if (lstat(dir.c_str(), &status) == 0) {
+    if (fstat(fd, &status) == 0) {
         size += static_cast<uint64_t>(status.st_size);
     }
     while (dirent* entry = readdir(handle)) {
@@ -530,7 +857,7 @@ void PackageWorker::GetPackageSizeInSubdirectory(const std::string& dir, const u
                 pending.emplace(full, depth + 1);
             }
         } else {
-            size += CalFileSize(full);
+            size += SizeWithoutFollowing(fd, name);
         }
     }
     if (closedir(handle) != 0) {
@@ -541,13 +868,15 @@ void PackageWorker::GetPackageSizeInSubdirectory(const std::string& dir, const u
 // ---- Memory limit control ------------------------------------------------------------
 
 uint32_t PackageWorker::ReadMemControlValue(const std::string& file, uint64_t& value) const {
-    std::ifstream in(file);
-    if (!in.is_open()) {
+    std::string line;
+    bool opened = ForEachLine(file, [&line](const std::string& first) {
+        line = first;
+        return false;
+    });
+    if (!opened) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Read memory control file failed, file name:[%s].", file.c_str());
         return 1;
     }
-    std::string line;
-    std::getline(in, line);
     if (line.empty()) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Memory control file is empty, file name:[%s].", file.c_str());
         return 1;

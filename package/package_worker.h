@@ -20,6 +20,8 @@
 
 namespace orv {
 
+class StagedKernels;
+
 using PackageNameMap = std::map<std::string, std::string>;
 
 // Files a process-mode install for VF 0 removes after it succeeded: shared
@@ -29,9 +31,24 @@ extern const std::vector<std::string> kSandBoxList;
 
 class PackageWorker {
 public:
-    // The worker of `vfId`, created when there is none; null when it cannot be
-    // allocated.
+    // The worker of `vfId` (0 to 16), created when there is none; null for
+    // any other id, and when it cannot be allocated.
     static std::shared_ptr<PackageWorker> GetInstance(int32_t vfId);
+
+    // Held while a VF's installed kernels are removed from outside the worker
+    // (the VF notices do that): no install of the VF runs meanwhile, and the
+    // check code goes back to 0, so that it never describes kernels that are
+    // gone. Does nothing for a VF without a worker, whose check code is 0.
+    class KernelsRemoval {
+    public:
+        explicit KernelsRemoval(int32_t vfId);
+        ~KernelsRemoval();
+        KernelsRemoval(const KernelsRemoval&) = delete;
+        KernelsRemoval& operator=(const KernelsRemoval&) = delete;
+
+    private:
+        std::shared_ptr<PackageWorker> worker_;
+    };
 
     ~PackageWorker() = default;
     PackageWorker(const PackageWorker&) = delete;
@@ -64,10 +81,11 @@ public:
 
     // 0 when the package's signature holds, 14 otherwise.
     uint32_t VerifyAicpuPackage(const std::string& packagePath) const;
-    // Verifies, unpacks, checks the inner name and fills the sand box; the
-    // package file is gone afterwards. 0, 1 or 14.
+    // Verifies, unpacks, checks the inner name and fills the sand box, then
+    // puts the new kernels in place; the package file is gone afterwards.
+    // 0, 1 or 14; on failure the installed kernels are those of before.
     uint32_t DecompressionAicpuPackage(std::string& packagePath);
-    // Unpacks under the VF's memory-limit control. 0 on success.
+    // Installs under the VF's memory-limit control. 0 on success.
     uint32_t UnzipAndSetMemLimit(std::string& packagePath);
     // The archive name from the package path and the name its version.info
     // gives. 0, 1 or 14.
@@ -105,6 +123,21 @@ public:
 
 private:
     explicit PackageWorker(int32_t vfId);
+
+    // The steps above on a package already opened: `packageFd` is what was
+    // checked, `packagePath` names it.
+    uint32_t DecompressionAicpuPackage(const std::string& packagePath, int packageFd);
+    uint32_t UnzipAndSetMemLimit(const std::string& packagePath, int packageFd);
+    // Verifies the package and unpacks it into `staged`, where its names and
+    // sand box are checked and filled; the installed kernels are untouched.
+    // Removes the package file. 0, 1 or 14.
+    uint32_t PrepareKernels(const std::string& packagePath, int packageFd, StagedKernels& staged);
+    // Puts staged kernels in place. 0 or 1.
+    uint32_t CommitKernels(const std::string& packagePath, StagedKernels& staged);
+    // What the sand box of an unpacked package may be: aicpu_kernels_device
+    // and sand_box (if present) real directories, and only plain file names
+    // in its "SandBoxSo=" line. False, with the reason, otherwise.
+    bool CheckSandBox(const std::string& deviceDir, std::string* reason) const;
 
     // The VF's install directory, "/usr/lib64/aicpu_kernels/<vfId>".
     std::string InstallDir() const;

@@ -1,9 +1,10 @@
 // Emulated image verification library (/usr/lib64/libvelkan_imgverify.so on
 // the emulated card): checks a package's signature by the emulated vendor key.
+#include <fcntl.h>
 #include <img_verify.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <string>
 
 #include "card.pb.h"
 #include "emu/driver/card_client.h"
@@ -23,11 +24,21 @@ extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, co
     if (code != DRV_ERROR_NONE && reply.code() == code) {
         return code;
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in.is_open()) {
+    // Close-on-exec: this runs inside the daemon, whose sub-processes must
+    // not inherit it.
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return 2;
     }
-    std::stringstream content;
-    content << in.rdbuf();
-    return orv::emu::VerifyPackage(content.str(), kVendorPublicKey) ? 0 : 3;
+    std::string content;
+    char buffer[65536];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof(buffer))) > 0) {
+        content.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    if (n < 0) {
+        return 2;
+    }
+    return orv::emu::VerifyPackage(content, kVendorPublicKey) ? 0 : 3;
 }

@@ -1,10 +1,16 @@
 // Kernel packages, VFs and start-up housekeeping, driven from outside as the
 // host framework and the driver would: packages delivered with orv-host
 // send-package, VF changes with orv-emu-ctl.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -22,6 +28,66 @@ using test::Host;
 using test::SandboxRun;
 
 constexpr char kPackageName[] = "5_Velkan512-aicpu_syskernels.tar.gz";
+constexpr char kArchiveName[] = "Velkan512-aicpu_syskernels.tar.gz";
+
+std::string RandomBytes(size_t count) {
+    std::string bytes(count, '\0');
+    std::ifstream random("/dev/urandom", std::ios::binary);
+    random.read(bytes.data(), static_cast<std::streamsize>(count));
+    return bytes;
+}
+
+// The tree of a sound package, telling itself apart by `build`; `padBytes`
+// of noise give it a size (and so a check code) of its own.
+void WriteSoundTree(const std::string& dir, const std::string& build, size_t padBytes) {
+    mkdir((dir + "/aicpu_kernels_device").c_str(), 0755);
+    test::WriteFile(dir + "/aicpu_kernels_device/version.info",
+                    std::string("Name=") + kArchiveName + "\nBuild=" + build + "\n");
+    test::WriteFile(dir + "/aicpu_kernels_device/libaicpu_demo_kernels.so", "kernels " + build);
+    // A shared object, so that the installed-size walk counts it.
+    test::WriteFile(dir + "/aicpu_kernels_device/libpayload.so", RandomBytes(padBytes));
+}
+
+// What a tree holds, entry by entry, as lstat and the contents show it: a
+// change anywhere below `root` (outside `skipped`) changes the result.
+std::map<std::string, std::string> Snapshot(const std::string& root,
+                                            const std::vector<std::string>& skipped,
+                                            const std::string& rel = "") {
+    std::map<std::string, std::string> entries;
+    DIR* dir = opendir((root + rel).c_str());
+    if (dir == nullptr) {
+        return entries;
+    }
+    while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        std::string path = rel + "/" + name;
+        bool skip = name == "." || name == "..";
+        for (const std::string& prefix : skipped) {
+            skip = skip || path.compare(0, prefix.size(), prefix) == 0;
+        }
+        struct stat st {};
+        if (skip || lstat((root + path).c_str(), &st) != 0) {
+            continue;
+        }
+        std::string& what = entries[path];
+        what = std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" +
+               std::to_string(st.st_gid);
+        if (S_ISREG(st.st_mode)) {
+            what += " links " + std::to_string(st.st_nlink) + " " +
+                    std::to_string(std::hash<std::string>()(test::ReadFile(root + path)));
+        } else if (S_ISLNK(st.st_mode)) {
+            char target[PATH_MAX] = {0};
+            what += " -> " +
+                    std::string(target, std::max<ssize_t>(0, readlink((root + path).c_str(), target,
+                                                                      sizeof(target) - 1)));
+        } else if (S_ISDIR(st.st_mode)) {
+            std::map<std::string, std::string> below = Snapshot(root, skipped, path);
+            entries.insert(below.begin(), below.end());
+        }
+    }
+    closedir(dir);
+    return entries;
+}
 
 class PackageTest : public ::testing::Test {
 protected:
@@ -53,6 +119,43 @@ protected:
         EXPECT_EQ(Host(sandbox_, {"--json", "check-package", "--vf", std::to_string(vf)}, &output), 0) << output;
         size_t at = output.find("\"check_code\":");
         return at == std::string::npos ? 0 : static_cast<uint32_t>(std::stoul(output.substr(at + 13)));
+    }
+
+    // A package holding exactly what `fill` puts into a directory, rewritten
+    // by tar's --transform expressions; its path.
+    std::string MakeFromDir(const std::string& name,
+                            const std::function<void(const std::string&)>& fill,
+                            const std::vector<std::string>& transforms = {}) {
+        std::string dir = work_ + "/" + name + ".d";
+        mkdir(dir.c_str(), 0755);
+        fill(dir);
+        std::vector<std::string> options = {"--from-dir", dir};
+        for (const std::string& transform : transforms) {
+            options.push_back("--transform");
+            options.push_back(transform);
+        }
+        return MakePackage(name, options);
+    }
+
+    // Everything of the sandbox that no package may change: all but the
+    // install directory of `vf` (and its staging siblings), where packages
+    // arrive and wait, and what the card and the log keep changing.
+    std::map<std::string, std::string> Untouchable(int vf = 0) const {
+        std::string kernels = "/lib64/upper/aicpu_kernels/";
+        return Snapshot(sandbox_.StateDir(),
+                        {kernels + std::to_string(vf), kernels + "." + std::to_string(vf) + ".new-",
+                         "/lib64/work", "/home/hdc-trusted", "/home/QelvarUser/aicpu_kernels",
+                         "/var/log", "/run", "/sandbox.", "/.orv-sandbox",
+                         "/cgroup/memory/usermemory/vf" + std::to_string(vf) + "/memory.limit"});
+    }
+
+    // A directory outside every install directory that hostile packages aim at.
+    void PlantVictim() {
+        std::string victim = Inside("/home/victim");
+        mkdir(victim.c_str(), 0755);
+        mkdir((victim + "/dir").c_str(), 0755);
+        test::WriteFile(victim + "/secret", std::string("Name=") + kArchiveName + "\nsecret\n");
+        chmod((victim + "/secret").c_str(), 0600);
     }
 
     std::string Inside(const std::string& path) const { return sandbox_.StateDir() + path; }
@@ -335,5 +438,419 @@ TEST_F(PackageTest, NoStringFromAHostReachesAShell) {
     EXPECT_TRUE(sandbox_.Log().Contains(evilGroup));
 }
 
+// A packager can put anything into a signed package; none of it may reach
+// outside the install directory, and a package that tries is refused whole:
+// the kernels and check code of before stay, and agree with each other.
+TEST_F(PackageTest, HostilePackagesAreRefusedWholeAndNothingOutsideTheirDirectoryChanges) {
+    Boot();
+    PlantVictim();
+    std::string good =
+        MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "good", 100); });
+    Deliver(good);
+    uint32_t code = static_cast<uint32_t>(SizeOf(good));
+    ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == code; }, 10s));
+    const std::string installed = InstalledPath("0/aicpu_kernels_device/version.info");
+    const std::string goodInfo = test::ReadFile(installed);
+    ASSERT_THAT(goodInfo, HasSubstr("Build=good"));
+    const std::map<std::string, std::string> before = Untouchable();
+
+    auto device = [](const std::string& dir) { return dir + "/aicpu_kernels_device/"; };
+    // Noise of a different length in each, so that none has the installed
+    // package's size, which would have it taken for that package and dropped.
+    auto soundWith = [&](std::function<void(const std::string&)> more, size_t padBytes) {
+        return [more, device, padBytes](const std::string& dir) {
+            WriteSoundTree(dir, "hostile", padBytes);
+            more(device(dir));
+        };
+    };
+    auto sandBoxLine = [](const std::string& items) {
+        return [items](const std::string& dev) {
+            test::WriteFile(dev + "version.info", std::string("Name=") + kArchiveName +
+                                                      "\nBuild=hostile\nSandBoxSo=" + items + "\n");
+            test::WriteFile(dev + "libsb.so", "sand box object");
+        };
+    };
+    struct Case {
+        const char* what;
+        std::function<void(const std::string&)> fill;  // on aicpu_kernels_device/
+        std::vector<std::string> transforms;
+        const char* reason;  // of the refusal line, or the line logged instead
+    };
+    std::vector<Case> cases = {
+        {"an absolute member name",
+         [](const std::string& dev) { test::WriteFile(dev + "ABS", "planted"); },
+         {"s,^aicpu_kernels_device/ABS$,/home/victim/planted,"},
+         "has an absolute name"},
+        {"a member name that climbs",
+         [](const std::string& dev) { test::WriteFile(dev + "UP", "planted"); },
+         {"s,^aicpu_kernels_device/UP$,aicpu_kernels_device/../../../../../home/victim/planted,"},
+         "climbs out with \"..\""},
+        {"a link out, and a member written through it",
+         [](const std::string& dev) {
+             symlink("/home/victim", (dev + "escape").c_str());
+             test::WriteFile(dev + "zthrough", "planted");
+         },
+         {"s,^aicpu_kernels_device/zthrough$,aicpu_kernels_device/escape/planted,"},
+         "tar cannot unpack it"},
+        {"a relative link out",
+         [](const std::string& dev) {
+             symlink("../../../../../home/victim/secret", (dev + "up.so").c_str());
+         },
+         {},
+         "is a symbolic link to [../../../../../home/victim/secret], outside the package"},
+        {"a link out through a link in the package",
+         [](const std::string& dev) {
+             symlink(".", (dev + "self").c_str());
+             symlink("self/../..", (dev + "out").c_str());
+         },
+         {},
+         "is a symbolic link to [self/../..], outside the package"},
+        {"a hard link to a file outside",
+         [](const std::string& dev) {
+             test::WriteFile(dev + "a.so", "object");
+             link((dev + "a.so").c_str(), (dev + "hard.so").c_str());
+         },
+         {"s,^aicpu_kernels_device/a.so$,/home/victim/secret,RSh"},
+         "tar cannot unpack it"},
+        {"a FIFO",
+         [](const std::string& dev) { mkfifo((dev + "pipe").c_str(), 0644); },
+         {},
+         "is a FIFO"},
+        {"a sand box that is a link out",
+         [&](const std::string& dev) {
+             sandBoxLine("libsb.so")(dev);
+             symlink("/home/victim/dir", (dev + "sand_box").c_str());
+         },
+         {},
+         "outside the package"},
+        {"a sand box that is a link inside",
+         [&](const std::string& dev) {
+             sandBoxLine("libsb.so")(dev);
+             mkdir((dev + "elsewhere").c_str(), 0755);
+             symlink("elsewhere", (dev + "sand_box").c_str());
+         },
+         {},
+         "its sand_box is a symbolic link, not a real directory"},
+        {"a sand box that is a file",
+         [&](const std::string& dev) {
+             sandBoxLine("libsb.so")(dev);
+             test::WriteFile(dev + "sand_box", "not a directory");
+         },
+         {},
+         "its sand_box is a regular file, not a real directory"},
+        {"a sand-box object named with \"..\"",
+         sandBoxLine("libsb.so, ../../../../../../home/victim/secret"),
+         {},
+         "its SandBoxSo= entry [../../../../../../home/victim/secret] is not a plain file name"},
+        {"a sand-box object in a subdirectory",
+         sandBoxLine("sub/libsb.so"),
+         {},
+         "its SandBoxSo= entry [sub/libsb.so] is not a plain file name"},
+        {"a version.info naming another archive",
+         [](const std::string& dev) {
+             test::WriteFile(dev + "version.info",
+                             "Name=Velkan999-aicpu_syskernels.tar.gz\nBuild=hostile\n");
+         },
+         {},
+         "Do clean_cmd failed, packageNames not found"},
+    };
+    if (geteuid() == 0) {
+        // Only root can make one (and only a root tar unpacks one).
+        cases.push_back({"a device",
+                         [](const std::string& dev) {
+                             mknod((dev + "null").c_str(), S_IFCHR | 0644, makedev(1, 3));
+                         },
+                         {},
+                         "member [aicpu_kernels_device/null] is a character device"});
+    }
+    int number = 20;
+    for (const Case& c : cases) {
+        std::string name = std::to_string(number) + "_" + kArchiveName;
+        std::string package =
+            MakeFromDir(name, soundWith(c.fill, 2000 + 100 * number), c.transforms);
+        size_t refusals = sandbox_.Log().Count(c.reason);
+        Deliver(package);
+        EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count(c.reason) > refusals; }, 10s))
+            << c.what << ": never refused with \"" << c.reason << "\"";
+        if (std::string(c.reason).find("Do clean_cmd") == std::string::npos) {
+            EXPECT_TRUE(sandbox_.Log().Contains(
+                "[PackageWorker] Refused package[/home/QelvarUser/aicpu_kernels/vf0_" + name +
+                "]: "))
+                << c.what;
+        }
+        EXPECT_TRUE(test::WaitFor(
+            [&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + name); }, 5s))
+            << c.what;
+        EXPECT_EQ(CheckCode(), code) << c.what;
+        EXPECT_EQ(test::ReadFile(installed), goodInfo)
+            << c.what << ": the installed kernels changed";
+        EXPECT_EQ(Untouchable(), before)
+            << c.what << ": something outside the install directory changed";
+        ++number;
+    }
+    std::vector<std::string> staged;
+    for (const auto& entry : Snapshot(InstalledPath(""), {})) {
+        if (entry.first.find(".new-") != std::string::npos) {
+            staged.push_back(entry.first);
+        }
+    }
+    EXPECT_THAT(staged, ::testing::IsEmpty()) << "no staging tree is left behind";
+
+    // After all that, a sound package goes in as ever.
+    std::string next =
+        MakeFromDir("99_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "next", 300); });
+    Deliver(next);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(next); }, 10s));
+    EXPECT_THAT(test::ReadFile(installed), HasSubstr("Build=next"));
+    EXPECT_EQ(SizeOf(InstalledPath("0/aicpu_kernels_device/libpayload.so")), 300u);
+}
+
+// The installed kernels of a VF change only together with its check code:
+// an update its memory limit cannot take leaves the old ones, charged as before.
+TEST_F(PackageTest, AnUpdateTheVfsLimitCannotTakeLeavesTheOldKernelsInstalled) {
+    Boot({"--vfs", "3"});
+    std::string first =
+        MakeFromDir("1_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "first", 100); });
+    Deliver(first, {"--vf", "3"});
+    uint32_t code = static_cast<uint32_t>(SizeOf(first));
+    ASSERT_TRUE(test::WaitFor([&] { return CheckCode(3) == code; }, 10s));
+    // The limit now leaves no room for a package much bigger than the first.
+    std::string limitFile = Inside("/cgroup/memory/usermemory/vf3/memory.limit_in_bytes");
+    test::WriteFile(limitFile, "200000\n");
+    std::string bigger =
+        MakeFromDir("2_Velkan512-aicpu_syskernels.tar.gz",
+                    [](const std::string& dir) { WriteSoundTree(dir, "bigger", 400000); });
+    Deliver(bigger, {"--vf", "3"});
+    EXPECT_TRUE(sandbox_.Log().WaitFor("Set User memory limit failed", 10s));
+    EXPECT_EQ(CheckCode(3), code);
+    EXPECT_THAT(test::ReadFile(InstalledPath("3/aicpu_kernels_device/version.info")),
+                HasSubstr("Build=first"));
+    EXPECT_EQ(SizeOf(InstalledPath("3/aicpu_kernels_device/libpayload.so")), 100u);
+    EXPECT_EQ(test::ReadFile(limitFile), "200000\n");
+}
+
+// A FIFO named like a package, closed after writing, is refused at once:
+// it keeps no worker, query, start or shutdown waiting.
+TEST_F(PackageTest, AFifoNamedLikeAPackageBlocksNobody) {
+    Boot({"--vfs", "2"});
+    std::string good = MakePackage(kPackageName);
+    Deliver(good);
+    uint32_t code = static_cast<uint32_t>(SizeOf(good));
+    ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == code; }, 10s));
+    for (const std::string& dir :
+         {Inside("/home/hdc-trusted/dev0"), Inside("/home/hdc-trusted/dev0/vfid2")}) {
+        std::string fifo = dir + "/6_" + kArchiveName;
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0666), 0);
+        // Opened for reading and writing, so that the open does not wait;
+        // the close is a close after writing.
+        int fd = open(fifo.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "/6_Velkan512-aicpu_syskernels.tar.gz]: it is a FIFO, not a regular file.", 10s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return sandbox_.Log().Count("it is a FIFO, not a regular file.") == 2; }, 10s));
+    EXPECT_EQ(CheckCode(), code);
+    EXPECT_EQ(CheckCode(2), 0u);
+    std::string output;
+    EXPECT_EQ(Host(sandbox_, {"session"}, &output,
+                   "open a\nsend a start --pid 40 --cp --check-code " + std::to_string(code) +
+                       "\nexpect a 8 --code 0 --timeout 10000\n"),
+              0)
+        << output;
+    // The package that comes next is installed.
+    std::string next = MakePackage("7_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "200"});
+    Deliver(next);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(next); }, 10s));
+    EXPECT_EQ(sandbox_.Stop(std::chrono::seconds(30)), 0);
+}
+
+// A dropped file is taken as it was opened: replaced by a link (or by another
+// name of a file elsewhere) after its close, it is refused, and what the link
+// leads to is neither touched nor installed.
+TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouched) {
+    Boot();
+    PlantVictim();
+    // A sound signed package lies outside the trusted directory.
+    std::string elsewhere =
+        MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "500"});
+    ASSERT_EQ(rename(elsewhere.c_str(),
+                     Inside("/home/victim/8_Velkan512-aicpu_syskernels.tar.gz").c_str()),
+              0);
+    const std::map<std::string, std::string> before = Untouchable();
+
+    // The worker is busy with a first package while the others are swapped.
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"slow", "halVerifyImg", "3000", "1"}, &output), 0) << output;
+    std::string busy = MakePackage(kPackageName);
+    Deliver(busy);
+    ASSERT_TRUE(sandbox_.Log().WaitFor("file[" + std::string(kPackageName) + "] to dstFile[", 10s));
+    const std::string trusted = Inside("/home/hdc-trusted/dev0/");
+    // Each is written and closed, then another name takes its place.
+    struct Swap {
+        std::string name;
+        std::string target;  // of a symbolic link, or (outside) of a hard link
+        bool hard;
+    };
+    const std::vector<Swap> swaps = {
+        {"11_" + std::string(kArchiveName), "/home/victim/secret", false},
+        {"12_" + std::string(kArchiveName), "/home/victim/8_Velkan512-aicpu_syskernels.tar.gz", false},
+        {"13_" + std::string(kArchiveName), Inside("/home/victim/secret"), true},
+    };
+    for (const Swap& swap : swaps) {
+        test::WriteFile(trusted + swap.name, "closed after writing");
+        int made = swap.hard ? link(swap.target.c_str(), (trusted + "other").c_str())
+                             : symlink(swap.target.c_str(), (trusted + "other").c_str());
+        ASSERT_EQ(made, 0) << swap.name;
+        ASSERT_EQ(rename((trusted + "other").c_str(), (trusted + swap.name).c_str()), 0);
+    }
+    uint32_t code = static_cast<uint32_t>(SizeOf(busy));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            return sandbox_.Log().Count("it is a symbolic link, not a regular file.") == 2 &&
+                   sandbox_.Log().Contains("13_" + std::string(kArchiveName) +
+                                           "]: it has 2 names (hard links), not one.");
+        },
+        15s));
+    EXPECT_EQ(CheckCode(), code) << "the first package, not the one the link leads to";
+    EXPECT_EQ(Untouchable(), before) << "the links' targets are as they were";
+    struct stat st {};
+    EXPECT_NE(lstat((trusted + swaps[0].name).c_str(), &st), 0) << "the link is gone";
+}
+
+// Shell commands run while other shell commands run: the VF scripts on the
+// event worker, the memory script of installs on a VF's watcher. Each gets
+// its own command's status, and the daemon's children are still reaped by
+// the kernel afterwards.
+TEST_F(PackageTest, VfNoticesAndInstallsRunningTogetherAreAnsweredRightAndLeaveNoZombie) {
+    Boot({"--vfs", "3"});
+    std::atomic<bool> installing{true};
+    std::vector<std::string> wrongAcks;
+    std::thread notices([&] {
+        for (int round = 0; round < 40 && (round < 12 || installing); ++round) {
+            for (const char* change : {"create", "destroy"}) {
+                std::string output;
+                int status = EmuCtl(sandbox_, {"vf", change, "5"}, &output);
+                if (status != 0 ||
+                    output.substr(output.find_last_of('\n', output.size() - 2) + 1) != "0\n") {
+                    wrongAcks.push_back(std::string(change) + ": " + output);
+                }
+            }
+        }
+    });
+    for (int i = 0; i < 8; ++i) {
+        std::string package = MakePackage(std::to_string(10 + i) + "_" + kArchiveName,
+                                          {"--pad-bytes", std::to_string(1000 * (i + 1))});
+        Deliver(package, {"--vf", "3"});
+        EXPECT_TRUE(test::WaitFor([&] { return CheckCode(3) == SizeOf(package); }, 15s))
+            << "package " << i;
+    }
+    installing = false;
+    notices.join();
+    EXPECT_THAT(wrongAcks, ::testing::IsEmpty());
+    EXPECT_EQ(sandbox_.Log().Count("result: [-1]"), 0u) << "no command lost its status";
+
+    // The daemon still has its children reaped: a closed sub-process leaves
+    // no zombie behind.
+    std::string output;
+    ASSERT_EQ(Host(sandbox_, {"session"}, &output,
+                   "open a\nsend a start --pid 50 --zarn\nexpect a 8 --code 0 --timeout 10000\n"
+                   "send a close --pid 50\nexpect a 9 --code 0 --timeout 10000\n"),
+              0)
+        << output;
+    auto zombies = [&] {
+        size_t count = 0;
+        for (const emu::SandboxProcess& process : emu::ProcessStates(sandbox_.PidNamespace())) {
+            count += process.state == 'Z' ? 1 : 0;
+        }
+        return count;
+    };
+    EXPECT_TRUE(test::WaitFor([&] { return zombies() == 0; }, 5s)) << zombies() << " zombies";
+}
+
+// Whenever a VF's kernels are removed, its check code goes back to 0: no
+// start or query may go on the word of kernels that are gone.
+TEST_F(PackageTest, AVfsCheckCodeGoesWithTheKernelsItDescribes) {
+    Boot();
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "create", "2"}, &output), 0) << output;
+    auto install = [&](const std::string& name, const char* pad) {
+        std::string package = MakePackage(name, {"--pad-bytes", pad});
+        Deliver(package, {"--vf", "2"});
+        EXPECT_TRUE(test::WaitFor([&] { return CheckCode(2) == SizeOf(package); }, 10s)) << name;
+    };
+    install("1_Velkan512-aicpu_syskernels.tar.gz", "100");
+
+    // A second "created" notice for a VF that has its watcher clears its kernels.
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "create", "2"}, &output), 0) << output;
+    EXPECT_EQ(output.substr(output.find_last_of('\n', output.size() - 2) + 1), "0\n");
+    EXPECT_FALSE(Exists(InstalledPath("2")));
+    EXPECT_EQ(CheckCode(2), 0u);
+
+    // So does a "destroyed" notice whose script fails, though the watcher stays.
+    install("2_Velkan512-aicpu_syskernels.tar.gz", "200");
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf-script-faults", "destroy"}, &output), 0);
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "destroy", "2"}, &output), 0) << output;
+    EXPECT_EQ(output, "-1\n");
+    EXPECT_FALSE(Exists(InstalledPath("2")));
+    EXPECT_EQ(CheckCode(2), 0u);
+    install("3_Velkan512-aicpu_syskernels.tar.gz", "300");
+}
+
+// Package workers exist for the VFs that can exist (0 to 16): a query for
+// any other id creates nothing and gets no answer.
+TEST_F(PackageTest, PackageQueriesForVfIdsThatCannotExistCreateNothingAndGetNoReply) {
+    Boot();
+    for (const char* vf : {"17", "1000", "-1"}) {
+        std::string output;
+        EXPECT_EQ(Host(sandbox_, {"check-package", "--vf", vf, "--timeout", "1500"}, &output), 3)
+            << "vf " << vf << ": " << output;
+        EXPECT_TRUE(sandbox_.Log().Contains(
+            std::string("[PackageWorker] No package worker for vfId[") + vf + "]"))
+            << vf;
+    }
+    EXPECT_EQ(CheckCode(16), 0u) << "VF 16 has a worker";
+}
+
+// The watchers' inotify and epoll descriptors stay in the daemon: the
+// sub-processes it starts run user code.
+TEST_F(PackageTest, SubProcessesInheritNoDescriptorOfThePackageWatchers) {
+    Boot({"--vfs", "1"});
+    std::thread host([&] {
+        std::string output;
+        EXPECT_EQ(Host(sandbox_, {"session"}, &output,
+                       "open a\nsend a start --pid 60 --zarn\nexpect a 8 --code 0 --timeout "
+                       "10000\nsleep 3000\n"),
+                  0)
+            << output;
+    });
+    std::vector<test::StandinRecord> zarns;
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return !(zarns = test::StandinRecordsOfKind(sandbox_, 0)).empty(); }, 10s));
+    std::vector<std::string> inherited;
+    for (const emu::SandboxProcess& process : emu::ProcessStates(sandbox_.PidNamespace())) {
+        if (process.inner != zarns[0].pid) {
+            continue;
+        }
+        std::string fds = "/proc/" + std::to_string(process.outer) + "/fd";
+        DIR* dir = opendir(fds.c_str());
+        ASSERT_NE(dir, nullptr);
+        while (dirent* entry = readdir(dir)) {
+            char target[PATH_MAX] = {0};
+            if (readlink((fds + "/" + entry->d_name).c_str(), target, sizeof(target) - 1) > 0 &&
+                (std::string(target) == "anon_inode:inotify" ||
+                 std::string(target) == "anon_inode:[eventpoll]")) {
+                inherited.push_back(std::string(entry->d_name) + " -> " + target);
+            }
+        }
+        closedir(dir);
+    }
+    host.join();
+    EXPECT_THAT(inherited, ::testing::IsEmpty());
+}
 }  // namespace
 }  // namespace orv

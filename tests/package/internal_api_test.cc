@@ -4,8 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
+#include <signal.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -106,18 +113,78 @@ TEST(InternalApiTest, FpgaPrototypeOnlyForRunModeExactlyOne) {
     unsetenv("DATAMASTER_RUN_MODE");
 }
 
-TEST(InternalApiTest, PackSystemReturnsTheRawWaitStatusEvenWithChildrenIgnored) {
-    // The daemon ignores SIGCHLD; the command's status must still come back.
+// Zombies among this process's children.
+size_t ZombieChildren() {
+    size_t zombies = 0;
+    DIR* proc = opendir("/proc");
+    while (dirent* entry = proc != nullptr ? readdir(proc) : nullptr) {
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        if (!std::getline(stat, line) || line.rfind(')') == std::string::npos) {
+            continue;
+        }
+        char state = '?';
+        long parent = 0;
+        if (sscanf(line.c_str() + line.rfind(')') + 1, " %c %ld", &state, &parent) == 2 &&
+            parent == getpid() && state == 'Z') {
+            ++zombies;
+        }
+    }
+    if (proc != nullptr) {
+        closedir(proc);
+    }
+    return zombies;
+}
+
+// The daemon ignores SIGCHLD (the kernel reaps its children) and runs shell
+// commands from several threads at once: each must still get its own
+// command's status, and the disposition must stay as the daemon set it.
+TEST(InternalApiTest, PackSystemGivesEachCommandItsRawStatusWhileOthersRunWithChildrenIgnored) {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     ignore.sa_flags = SA_NOCLDWAIT;
     struct sigaction previous {};
     sigaction(SIGCHLD, &ignore, &previous);
-    EXPECT_EQ(PackSystem("exit 3"), 768);
-    EXPECT_EQ(PackSystem("true"), 0);
+    struct Case {
+        const char* command;
+        int32_t status;
+    };
+    const Case cases[] = {
+        {"true", 0},
+        {"exit 3", 768},
+        {"kill -9 $$", 9},
+        {"sleep 0.05; exit 1", 256},
+        {"/nonexistent/program", 127 * 256},
+        {"sh -c 'exit 4' & wait $!", 1024},  // the shell collects its own children
+        // What waits for the shell holds none of the daemon's descriptors:
+        // only its standard three and the pipe the status goes up.
+        {"test $(ls /proc/$PPID/fd | wc -l) -eq 4", 0},
+    };
+    int spare[2];
+    ASSERT_EQ(pipe2(spare, O_CLOEXEC), 0);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 10; ++round) {
+                const Case& c = cases[(t + round) % (sizeof(cases) / sizeof(cases[0]))];
+                if (PackSystem(c.command) != c.status) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    close(spare[0]);
+    close(spare[1]);
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(ZombieChildren(), 0u);
     struct sigaction now {};
     sigaction(SIGCHLD, nullptr, &now);
-    EXPECT_EQ(now.sa_handler, SIG_IGN) << "the daemon's disposition is restored";
+    EXPECT_EQ(now.sa_handler, SIG_IGN) << "the daemon's disposition is as it set it";
+    EXPECT_NE(now.sa_flags & SA_NOCLDWAIT, 0);
     sigaction(SIGCHLD, &previous, nullptr);
 }
 

@@ -2,11 +2,14 @@
 // /sys/fs/cgroup, /home/QelvarUser) are the sandbox's own.
 #include "package/package_worker.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
+#include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -206,6 +209,78 @@ TEST(InotifyWatcherTest, OnlyAFileClosedAfterWritingWithAPackagesNameIsPickedUp)
     EXPECT_FALSE(log.Contains("find file[1_Velkan512"));
     EXPECT_TRUE(log.WaitFor("Verify Aicpu package failed", 5s));
     watcher->Destory();
+}
+
+// Hosts may name any VF id; only those that can exist get a worker or a watcher.
+TEST(PackageWorkerTest, WorkersAndWatchersExistOnlyForVfIdsZeroTo16) {
+    test::LogCapture log;
+    for (int32_t vf : {-1, 17, 1000, INT32_MIN, INT32_MAX}) {
+        EXPECT_EQ(PackageWorker::GetInstance(vf), nullptr) << vf;
+        EXPECT_EQ(InotifyWatcher::GetInstance(vf), nullptr) << vf;
+        EXPECT_TRUE(
+            log.Contains("[PackageWorker] No package worker for vfId[" + std::to_string(vf) + "]"))
+            << vf;
+        EXPECT_TRUE(log.Contains("[InotifyWatcher] No inotify watcher for vfId[" +
+                                 std::to_string(vf) + "]"))
+            << vf;
+    }
+    for (int32_t vf : {0, 16}) {
+        EXPECT_NE(PackageWorker::GetInstance(vf), nullptr) << vf;
+        EXPECT_NE(InotifyWatcher::GetInstance(vf), nullptr) << vf;
+    }
+}
+
+// The walk measures what the package holds; a link measures nothing, so
+// that a link to a directory cannot make it endless, one to a FIFO cannot
+// stop it, and one to a file elsewhere does not count that file.
+TEST(PackageWorkerTest, TheInstalledSizeWalkFollowsNoLink) {
+    std::string dir = test::MakeTempDir("orv-size");
+    std::string outside = test::MakeTempDir("orv-size-outside");
+    test::WriteFile(dir + "/a.so", std::string(1000, 'a'));
+    test::WriteFile(outside + "/big.so", std::string(1 << 20, 'b'));
+    mkfifo((outside + "/pipe").c_str(), 0644);
+    symlink((outside + "/big.so").c_str(), (dir + "/big.so").c_str());
+    symlink((outside + "/pipe").c_str(), (dir + "/pipe.so").c_str());
+    symlink("/", (dir + "/root.so").c_str());
+    std::shared_ptr<PackageWorker> worker = PackageWorker::GetInstance(0);
+    uint64_t size = 0;
+    worker->GetPackageSize(dir, size);
+    EXPECT_GE(size, 1000u);
+    EXPECT_LT(size, 1u << 20) << "the file a link leads to is not the package's";
+    test::RemoveTree(dir);
+    test::RemoveTree(outside);
+}
+
+// A "SandBoxSo=" name that is not a plain file name moves nothing, and a
+// sand box that is a link takes nothing.
+TEST(PackageWorkerTest, TheSandBoxTakesOnlyPlainNamesAndOnlyAsARealDirectory) {
+    std::string root = test::MakeTempDir("orv-sandbox-names");
+    std::string dir = root + "/device/";
+    std::string elsewhere = root + "/elsewhere/";
+    mkdir(dir.c_str(), 0755);
+    mkdir(elsewhere.c_str(), 0755);
+    mkdir((dir + "sub").c_str(), 0755);
+    for (const std::string& path : {dir + "a.so", dir + "sub/c.so", root + "/b.so"}) {
+        test::WriteFile(path, "object");
+    }
+    test::WriteFile(dir + "version.info", "SandBoxSo=a.so,../b.so,sub/c.so,..\n");
+    std::shared_ptr<PackageWorker> worker = PackageWorker::GetInstance(0);
+    test::LogCapture log;
+    EXPECT_EQ(worker->MoveSoToSandBox(dir), 0u);
+    EXPECT_EQ(access((dir + "sand_box/a.so").c_str(), F_OK), 0);
+    EXPECT_EQ(access((root + "/b.so").c_str(), F_OK), 0);
+    EXPECT_EQ(access((dir + "sub/c.so").c_str(), F_OK), 0);
+    EXPECT_TRUE(
+        log.Contains("[PackageWorker] Sand box so item [../b.so] is not a plain file name, skip."));
+
+    test::RemoveTree(dir + "sand_box");
+    symlink(elsewhere.c_str(), (dir + "sand_box").c_str());
+    test::WriteFile(dir + "version.info", "SandBoxSo=d.so\n");
+    test::WriteFile(dir + "d.so", "object");
+    EXPECT_EQ(worker->MoveSoToSandBox(dir), 1u);
+    EXPECT_EQ(access((elsewhere + "d.so").c_str(), F_OK), -1);
+    EXPECT_EQ(access((dir + "d.so").c_str(), F_OK), 0);
+    test::RemoveTree(root);
 }
 
 }  // namespace

@@ -1,0 +1,394 @@
+#include "package/kernel_tree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <limits.h>
+#include <stdio.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <deque>
+#include <map>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "package/child_process.h"
+#include "package/internal_api.h"
+#include "platform/scope_guard.h"
+
+namespace orv {
+
+namespace {
+
+// A tar listing of kMaxPackageMembers names of up to PATH_MAX bytes each is
+// far beyond any kernel package; longer ones are refused unread.
+constexpr size_t kMaxListingBytes = 16 * 1024 * 1024;
+// As the kernel gives up resolving a path after 40 links.
+constexpr int kMaxLinkHops = 40;
+// Set-id, sticky and group/other write bits go; the rest stays.
+constexpr mode_t kKeptModeBits = 0755;
+constexpr mode_t kInstalledDirMode = 0755;
+constexpr int kRemoveTreeDescriptors = 16;
+
+std::vector<std::string> SplitPath(const std::string& path) {
+    std::vector<std::string> parts;
+    std::stringstream stream(path);
+    for (std::string part; std::getline(stream, part, '/');) {
+        parts.push_back(part);
+    }
+    return parts;
+}
+
+std::string JoinPath(const std::vector<std::string>& parts) {
+    std::string path;
+    for (const std::string& part : parts) {
+        path += (path.empty() ? "" : "/") + part;
+    }
+    return path;
+}
+
+// A member name tar may unpack: relative, and never climbing with "..".
+bool CheckMemberName(const std::string& name, std::string* reason) {
+    if (name.empty()) {
+        *reason = "a member has an empty name";
+        return false;
+    }
+    if (name.front() == '/') {
+        *reason = "member [" + name + "] has an absolute name";
+        return false;
+    }
+    for (const std::string& part : SplitPath(name)) {
+        if (part == "..") {
+            *reason = "member [" + name + "] climbs out with \"..\"";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ReadLink(int rootFd, const std::string& path, std::string* target) {
+    char buffer[PATH_MAX];
+    ssize_t n = readlinkat(rootFd, path.c_str(), buffer, sizeof(buffer));
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(buffer)) {
+        return false;
+    }
+    target->assign(buffer, static_cast<size_t>(n));
+    return true;
+}
+
+bool Rewind(int fd, std::string* reason) {
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        *reason = "it cannot be read from its start: " + SafeStrerror();
+        return false;
+    }
+    return true;
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, FTW*) {
+    (void)remove(path);
+    return 0;
+}
+
+// What the walk of CheckKernelTree gathers.
+struct TreeWalk {
+    size_t entries = 0;
+    std::vector<std::string> links;
+    // Regular files with more than one name: (device, inode) to (names the
+    // file has, names found in the tree, one of them).
+    std::map<std::pair<dev_t, ino_t>, std::pair<nlink_t, std::pair<nlink_t, std::string>>> shared;
+};
+
+// Looks at one directory's entries; subdirectories go on `pending`.
+bool WalkDirectory(int rootFd, const std::string& rel, TreeWalk& walk,
+                   std::deque<std::string>& pending, std::string* reason) {
+    int fd = openat(rootFd, rel.empty() ? "." : rel.c_str(),
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        *reason = "directory [" + rel + "] cannot be read: " + SafeStrerror();
+        if (fd >= 0) {
+            close(fd);
+        }
+        return false;
+    }
+    ScopeGuard closeDir([dir] { closedir(dir); });
+    while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        std::string path = rel.empty() ? name : rel + "/" + name;
+        if (++walk.entries > kMaxPackageMembers) {
+            *reason = "it holds more than " + std::to_string(kMaxPackageMembers) + " entries";
+            return false;
+        }
+        struct stat st {};
+        if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            *reason = "member [" + path + "] cannot be examined: " + SafeStrerror();
+            return false;
+        }
+        if (S_ISLNK(st.st_mode)) {
+            walk.links.push_back(path);
+            continue;
+        }
+        if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
+            *reason = "member [" + path + "] is a " + FileKindName(st.st_mode);
+            return false;
+        }
+        if ((st.st_mode & ~S_IFMT & ~kKeptModeBits) != 0 &&
+            fchmodat(fd, name.c_str(), st.st_mode & kKeptModeBits, 0) != 0) {
+            *reason = "member [" + path + "] cannot have its mode set: " + SafeStrerror();
+            return false;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            pending.push_back(path);
+        } else if (st.st_nlink > 1) {
+            auto& seen = walk.shared[{st.st_dev, st.st_ino}];
+            seen.first = st.st_nlink;
+            ++seen.second.first;
+            seen.second.second = path;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+const char* FileKindName(mode_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return "regular file";
+        case S_IFDIR:
+            return "directory";
+        case S_IFLNK:
+            return "symbolic link";
+        case S_IFIFO:
+            return "FIFO";
+        case S_IFCHR:
+            return "character device";
+        case S_IFBLK:
+            return "block device";
+        case S_IFSOCK:
+            return "socket";
+        default:
+            return "special file";
+    }
+}
+
+// ---- Staging ------------------------------------------------------------------------
+
+StagedKernels::StagedKernels(const std::string& installDir) : installDir_(installDir) {
+    size_t slash = installDir.find_last_of('/');
+    std::string parent = installDir.substr(0, slash);
+    if (mkdir(parent.c_str(), kInstalledDirMode) != 0 && errno != EEXIST) {
+        error_ = "cannot make [" + parent + "]: " + SafeStrerror();
+        return;
+    }
+    std::string pattern = parent + "/." + installDir.substr(slash + 1) + ".new-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        error_ = "cannot make a staging directory beside [" + installDir + "]: " + SafeStrerror();
+        return;
+    }
+    dir_ = pattern;
+}
+
+StagedKernels::~StagedKernels() {
+    if (!dir_.empty()) {
+        (void)RemoveTree(dir_);
+    }
+}
+
+bool StagedKernels::Ok(std::string* reason) const {
+    if (dir_.empty()) {
+        *reason = error_;
+        return false;
+    }
+    return true;
+}
+
+bool StagedKernels::Commit(std::string* reason) {
+    if (dir_.empty()) {
+        *reason = error_;
+        return false;
+    }
+    // mkdtemp made it private; installed kernels are read by sub-processes.
+    if (chmod(dir_.c_str(), kInstalledDirMode) != 0) {
+        *reason = "cannot set the mode of [" + dir_ + "]: " + SafeStrerror();
+        return false;
+    }
+    // The staging directory then holds the previous kernels, and goes with them.
+    if (renameat2(AT_FDCWD, dir_.c_str(), AT_FDCWD, installDir_.c_str(), RENAME_EXCHANGE) == 0) {
+        return true;
+    }
+    if (errno == ENOENT) {
+        if (rename(dir_.c_str(), installDir_.c_str()) == 0) {
+            return true;
+        }
+    } else if (errno == EINVAL || errno == ENOSYS) {
+        // A file system that cannot exchange: the previous kernels step aside
+        // for a moment, and come back if the new ones cannot go in.
+        std::string aside = dir_ + ".old";
+        if (rename(installDir_.c_str(), aside.c_str()) == 0) {
+            if (rename(dir_.c_str(), installDir_.c_str()) == 0) {
+                (void)RemoveTree(aside);
+                return true;
+            }
+            int saved = errno;
+            (void)rename(aside.c_str(), installDir_.c_str());
+            errno = saved;
+        }
+    }
+    *reason = "cannot put [" + dir_ + "] in the place of [" + installDir_ + "]: " + SafeStrerror();
+    return false;
+}
+
+// ---- Unpacking and checking ---------------------------------------------------------
+
+bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
+    // The archive is uncompressed once, into an unnamed file of the staging
+    // directory (invisible to the tree check); listing and unpacking it then
+    // cost little more than the one unpack would.
+    int archive = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (archive < 0) {
+        archive = memfd_create("orv-package-tar", MFD_CLOEXEC);
+    }
+    if (archive < 0) {
+        *reason = "no room to uncompress it: " + SafeStrerror();
+        return false;
+    }
+    ScopeGuard closeArchive([archive] { close(archive); });
+    if (!Rewind(packageFd, reason)) {
+        return false;
+    }
+    int32_t status = RunChild({"gzip", "-d", "-c"}, ChildStdio{packageFd, archive});
+    if (status != 0) {
+        *reason = "gzip cannot uncompress it (status " + std::to_string(status) + ")";
+        return false;
+    }
+    std::string listing;
+    if (!Rewind(archive, reason)) {
+        return false;
+    }
+    status = RunChildForOutput({"tar", "-t", "-f", "-"}, archive, &listing, kMaxListingBytes);
+    if (status != 0) {
+        *reason = "tar cannot list it (status " + std::to_string(status) + ")";
+        return false;
+    }
+    // One name a line: tar escapes a new line inside a name.
+    std::stringstream names(listing);
+    size_t members = 0;
+    for (std::string name; std::getline(names, name);) {
+        if (++members > kMaxPackageMembers) {
+            *reason = "it holds more than " + std::to_string(kMaxPackageMembers) + " members";
+            return false;
+        }
+        if (!CheckMemberName(name, reason)) {
+            return false;
+        }
+    }
+    if (!Rewind(archive, reason)) {
+        return false;
+    }
+    // -o: the files belong to the daemon, whoever they belonged to where the
+    // package was made.
+    status = RunChild({"tar", "-x", "-o", "-f", "-", "-C", dir}, ChildStdio{archive, -1});
+    if (status != 0) {
+        *reason = "tar cannot unpack it (status " + std::to_string(status) + ")";
+        return false;
+    }
+    return CheckKernelTree(dir, reason);
+}
+
+bool CheckKernelTree(const std::string& root, std::string* reason) {
+    int rootFd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (rootFd < 0) {
+        *reason = "its tree [" + root + "] cannot be opened: " + SafeStrerror();
+        return false;
+    }
+    ScopeGuard closeRoot([rootFd] { close(rootFd); });
+    TreeWalk walk;
+    std::deque<std::string> pending = {""};
+    while (!pending.empty()) {
+        std::string rel = pending.front();
+        pending.pop_front();
+        if (!WalkDirectory(rootFd, rel, walk, pending, reason)) {
+            return false;
+        }
+    }
+    for (const auto& file : walk.shared) {
+        if (file.second.second.first < file.second.first) {
+            *reason = "member [" + file.second.second.second +
+                      "] is a hard link to a file outside the package";
+            return false;
+        }
+    }
+    for (const std::string& link : walk.links) {
+        if (!LinkStaysInside(rootFd, link)) {
+            std::string target;
+            (void)ReadLink(rootFd, link, &target);
+            *reason =
+                "member [" + link + "] is a symbolic link to [" + target + "], outside the package";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool LinkStaysInside(int rootFd, const std::string& link) {
+    std::vector<std::string> at = SplitPath(link);
+    at.pop_back();
+    std::string target;
+    if (!ReadLink(rootFd, link, &target) || target.empty() || target.front() == '/') {
+        return false;
+    }
+    std::vector<std::string> parts = SplitPath(target);
+    std::deque<std::string> todo(parts.begin(), parts.end());
+    int hops = 0;
+    while (!todo.empty()) {
+        std::string part = todo.front();
+        todo.pop_front();
+        if (part.empty() || part == ".") {
+            continue;
+        }
+        if (part == "..") {
+            if (at.empty()) {
+                return false;
+            }
+            at.pop_back();
+            continue;
+        }
+        at.push_back(part);
+        // `at` holds no link: each one met is replaced by its target. A name
+        // that does not exist (a dangling link) is taken as it reads.
+        std::string path = JoinPath(at);
+        struct stat st {};
+        if (fstatat(rootFd, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) {
+            continue;
+        }
+        std::string next;
+        if (++hops > kMaxLinkHops || !ReadLink(rootFd, path, &next) || next.empty() ||
+            next.front() == '/') {
+            return false;
+        }
+        at.pop_back();
+        std::vector<std::string> more = SplitPath(next);
+        todo.insert(todo.begin(), more.begin(), more.end());
+    }
+    return true;
+}
+
+bool RemoveTree(const std::string& path) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) {
+        return errno == ENOENT;
+    }
+    (void)nftw(path.c_str(), RemoveEntry, kRemoveTreeDescriptors, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+    return lstat(path.c_str(), &st) != 0 && errno == ENOENT;
+}
+
+}  // namespace orv
