@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "emu/host/host_link.h"
+#include "orv_version.h"
 
 namespace {
 
@@ -545,6 +546,9 @@ int main(int argc, char** argv) {
                 g_settings.json = true;
             } else if (arg == "--help" || arg == "-h") {
                 std::fputs(kUsage, stdout);
+                return kExitOk;
+            } else if (arg == "--version") {
+                std::printf("orv-host %s\n", ORV_VERSION);
                 return kExitOk;
             } else {
                 args.push_back(arg);

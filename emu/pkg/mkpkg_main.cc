@@ -16,14 +16,15 @@
 #include <vector>
 
 #include "emu/pkg/package_signature.h"
+#include "orv_version.h"
 #include "vendor_private_key.h"
 
 namespace {
 
 constexpr char kDefaultInnerName[] = "Velkan512-aicpu_syskernels.tar.gz";
 
-void Usage() {
-    std::fprintf(stderr,
+void Usage(FILE* out = stderr) {
+    std::fprintf(out,
                  "usage: orv-emu-mkpkg --out FILE [options]\n"
                  "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
                  "                         of FILE's name, or %s)\n"
@@ -100,6 +101,12 @@ int main(int argc, char** argv) {
             padBytes = std::strtoull(argv[++i], nullptr, 10);
         } else if (arg == "--unsigned") {
             sign = false;
+        } else if (arg == "--help" || arg == "-h") {
+            Usage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            std::printf("orv-emu-mkpkg %s\n", ORV_VERSION);
+            return 0;
         } else {
             Usage();
             return 2;
