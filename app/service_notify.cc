@@ -11,7 +11,8 @@ namespace orv {
 bool NotifySocketAddress(const std::string& name, sockaddr_un* address, socklen_t* length) {
     *address = sockaddr_un{};
     address->sun_family = AF_UNIX;
-    if (name.size() < 2 || (name[0] != '/' && name[0] != '@') || name.size() >= sizeof(address->sun_path)) {
+    if (name.size() < 2 || (name[0] != '/' && name[0] != '@') ||
+        name.size() >= sizeof(address->sun_path)) {
         return false;
     }
     std::memcpy(address->sun_path, name.data(), name.size());

@@ -19,7 +19,7 @@
 namespace orv {
 
 class ServiceNotifier {
-public:
+  public:
     // Takes the socket name out of environment variable `variable`. Call
     // before any thread starts: it changes the environment.
     static ServiceNotifier FromEnvironment(const char* variable);
@@ -34,7 +34,7 @@ public:
     // datagram. False when disabled or when it could not be sent.
     bool Notify(const std::string& assignments) const;
 
-private:
+  private:
     sockaddr_un address_{};
     socklen_t length_ = 0;  // 0: disabled
 };

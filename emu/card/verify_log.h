@@ -15,7 +15,7 @@
 namespace orv::emu {
 
 class VerifyLog {
-public:
+  public:
     struct Entry {
         std::string path;
         uint64_t size = 0;
@@ -31,7 +31,7 @@ public:
     void Record(const std::string& path) LOCKS_EXCLUDED(mutex_);
     std::vector<Entry> Entries() const LOCKS_EXCLUDED(mutex_);
 
-private:
+  private:
     static constexpr size_t kKept = 256;
 
     mutable Mutex mutex_;

@@ -29,7 +29,8 @@ namespace {
 // directory (the inside path with the state directory in front).
 constexpr char kSessionBoard[] = "/run/orv-hdc/sessions";
 constexpr char kTrustedRoot[] = "/home/hdc-trusted";
-constexpr char kKernelsRoot[] = "/lib64/upper/aicpu_kernels";  // the overlay's upper half of /usr/lib64
+constexpr char kKernelsRoot[] =
+    "/lib64/upper/aicpu_kernels";  // the overlay's upper half of /usr/lib64
 constexpr char kVersionInfo[] = "/aicpu_kernels_device/version.info";
 constexpr char kMemoryCgroups[] = "/cgroup/memory/usermemory";
 constexpr char kStagingDir[] = "/home/QelvarUser/aicpu_kernels/";
@@ -151,8 +152,10 @@ std::optional<ProcessInfo> ReadProcess(pid_t outer, int64_t bootMs) {
     // The parent's inner pid comes from the parent's own NSpid.
     long long parent = 0;
     size_t digits = outerParent.find_first_not_of(" \t");
-    if (digits != std::string::npos && ParseInt(outerParent.substr(digits), &parent) && parent > 0) {
-        std::istringstream parentStatus(ReadSmallFile("/proc/" + std::to_string(parent) + "/status"));
+    if (digits != std::string::npos && ParseInt(outerParent.substr(digits), &parent) &&
+        parent > 0) {
+        std::istringstream parentStatus(
+            ReadSmallFile("/proc/" + std::to_string(parent) + "/status"));
         for (std::string line; std::getline(parentStatus, line);) {
             if (line.compare(0, 6, "NSpid:") == 0) {
                 std::istringstream ids(line.substr(6));
@@ -386,7 +389,8 @@ CardView ReadCardView(const std::string& stateDir) {
                 view.daemonSinceMs = process->sinceMs;
                 continue;
             }
-            std::string kind = process->argv.empty() ? std::string() : SubProcessKind(process->argv[0]);
+            std::string kind =
+                process->argv.empty() ? std::string() : SubProcessKind(process->argv[0]);
             if (kind.empty()) {
                 continue;
             }
@@ -429,8 +433,8 @@ CardView ReadCardView(const std::string& stateDir) {
         std::string trusted = stateDir + kTrustedRoot + "/dev" + std::to_string(device.index());
         std::set<int32_t> vfs = {0};
         for (const std::string& name : DirectoryEntries(trusted)) {
-            if (ParseInt(name.substr(name.compare(0, 4, "vfid") == 0 ? 4 : name.size()), &number) && number >= 1 &&
-                number <= kMaxVfId) {
+            if (ParseInt(name.substr(name.compare(0, 4, "vfid") == 0 ? 4 : name.size()), &number) &&
+                number >= 1 && number <= kMaxVfId) {
                 vfs.insert(static_cast<int32_t>(number));
             }
         }
@@ -490,10 +494,13 @@ CardView ReadCardView(const std::string& stateDir) {
         if (vfId < 0) {
             // The collective service is not told its VF: the host's session says it.
             for (const BoardEntry& entry : board) {
-                vfId = entry.hostPid == sub.hostPid && static_cast<int64_t>(entry.device) == device ? entry.vf : vfId;
+                vfId = entry.hostPid == sub.hostPid && static_cast<int64_t>(entry.device) == device
+                           ? entry.vf
+                           : vfId;
             }
         }
-        VfView* vf = device >= 0 ? findVf(static_cast<uint32_t>(device), std::max(vfId, 0)) : nullptr;
+        VfView* vf =
+            device >= 0 ? findVf(static_cast<uint32_t>(device), std::max(vfId, 0)) : nullptr;
         if (vf == nullptr) {
             view.unplaced.push_back(sub);
             continue;

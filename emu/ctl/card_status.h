@@ -26,7 +26,7 @@ struct SubProcessView {
     bool orphan = false;  // its parent is not the running daemon
     int64_t sinceMs = 0;  // when it started, ms since the epoch
     uint32_t hostPid = 0;
-    int32_t vfId = -1;    // -1 when its command line does not say
+    int32_t vfId = -1;  // -1 when its command line does not say
     int32_t chipId = -1;
 };
 
@@ -41,7 +41,7 @@ struct HostView {
 };
 
 struct PackageView {
-    std::string name;                 // the Name= of its version.info
+    std::string name;                   // the Name= of its version.info
     std::optional<uint32_t> checkCode;  // the package file's size, when the card saw it verified
     int64_t installedMs = 0;
 };
@@ -72,7 +72,7 @@ struct CardView {
     int64_t timeMs = 0;
     std::string error;  // why nothing could be read; empty when the card was read
     pid_t sandboxPid = 0;
-    pid_t daemonPid = 0;       // inside; 0 when no daemon runs
+    pid_t daemonPid = 0;  // inside; 0 when no daemon runs
     pid_t daemonOuterPid = 0;
     int64_t daemonSinceMs = 0;
     int32_t chipType = 0;

@@ -74,8 +74,8 @@ std::string Quote(const std::string& text) {
 
 std::string SubProcessLine(const SubProcessView& sub, int64_t now) {
     char text[256];
-    std::snprintf(text, sizeof(text), "%-8s pid %d (outside %d)  %s", sub.kind.c_str(), sub.pid, sub.outerPid,
-                  StateName(sub.state).c_str());
+    std::snprintf(text, sizeof(text), "%-8s pid %d (outside %d)  %s", sub.kind.c_str(), sub.pid,
+                  sub.outerPid, StateName(sub.state).c_str());
     std::string line = text;
     if (sub.orphan) {
         line += ", not the daemon's child";
@@ -86,10 +86,11 @@ std::string SubProcessLine(const SubProcessView& sub, int64_t now) {
 
 std::string SubProcessJson(const SubProcessView& sub) {
     std::ostringstream out;
-    out << "{\"kind\":" << Quote(sub.kind) << ",\"pid\":" << sub.pid << ",\"outer_pid\":" << sub.outerPid
-        << ",\"state\":" << Quote(std::string(1, sub.state)) << ",\"state_name\":" << Quote(StateName(sub.state))
-        << ",\"daemon_child\":" << (sub.orphan ? "false" : "true") << ",\"since_ms\":" << sub.sinceMs
-        << ",\"host_pid\":" << sub.hostPid << "}";
+    out << "{\"kind\":" << Quote(sub.kind) << ",\"pid\":" << sub.pid
+        << ",\"outer_pid\":" << sub.outerPid << ",\"state\":" << Quote(std::string(1, sub.state))
+        << ",\"state_name\":" << Quote(StateName(sub.state))
+        << ",\"daemon_child\":" << (sub.orphan ? "false" : "true")
+        << ",\"since_ms\":" << sub.sinceMs << ",\"host_pid\":" << sub.hostPid << "}";
     return out.str();
 }
 
@@ -100,6 +101,46 @@ std::string JsonList(const std::vector<T>& items, Fn each) {
         out += (i == 0 ? "" : ",") + each(items[i]);
     }
     return out + "]";
+}
+
+std::string HostJson(const HostView& host) {
+    std::ostringstream out;
+    out << "{\"host_pid\":" << host.hostPid
+        << ",\"sessions\":" << JsonList(host.sessions, [](uint32_t s) { return std::to_string(s); })
+        << ",\"runs\":" << JsonList(host.Runs(), Quote) << ",\"since_ms\":" << host.sinceMs
+        << ",\"sub_processes\":" << JsonList(host.subProcesses, SubProcessJson) << "}";
+    return out.str();
+}
+
+std::string VfJson(const VfView& vf) {
+    std::ostringstream out;
+    out << "{\"vf\":" << vf.id << ",\"watcher\":" << (vf.watcher ? "true" : "false")
+        << ",\"package\":";
+    if (vf.package) {
+        out << "{\"name\":" << Quote(vf.package->name) << ",\"check_code\":"
+            << (vf.package->checkCode ? std::to_string(*vf.package->checkCode)
+                                      : std::string("null"))
+            << ",\"installed_ms\":" << vf.package->installedMs << "}";
+    } else {
+        out << "null";
+    }
+    out << ",\"memory\":";
+    if (vf.memory) {
+        out << "{\"limit\":" << vf.memory->limit << ",\"usage\":" << vf.memory->usage << "}";
+    } else {
+        out << "null";
+    }
+    out << ",\"hosts\":" << JsonList(vf.hosts, HostJson) << "}";
+    return out.str();
+}
+
+std::string DeviceJson(const DeviceView& device) {
+    std::ostringstream out;
+    out << "{\"index\":" << device.index << ",\"chip_id\":" << device.chipId << ",\"ctrl_cpus\":"
+        << JsonList(device.ctrlCpus, [](uint32_t cpu) { return std::to_string(cpu); })
+        << ",\"anonymous_links\":" << device.anonymousLinks
+        << ",\"vfs\":" << JsonList(device.vfs, VfJson) << "}";
+    return out.str();
 }
 
 }  // namespace
@@ -159,8 +200,9 @@ std::string RenderStatusTree(const CardView& view) {
         for (uint32_t cpu : device.ctrlCpus) {
             cpus.push_back(std::to_string(cpu));
         }
-        out << (lastDevice ? "└── " : "├── ") << "device " << device.index << " (chip " << device.chipId
-            << "), control CPUs " << (cpus.empty() ? std::string("none") : Join(cpus, ","));
+        out << (lastDevice ? "└── " : "├── ") << "device " << device.index << " (chip "
+            << device.chipId << "), control CPUs "
+            << (cpus.empty() ? std::string("none") : Join(cpus, ","));
         if (device.anonymousLinks > 0) {
             out << ", " << device.anonymousLinks << " HDC link(s) without a request yet";
         }
@@ -173,13 +215,15 @@ std::string RenderStatusTree(const CardView& view) {
                 << (vf.watcher ? "yes" : "no") << ", ";
             if (vf.package) {
                 out << "package " << vf.package->name << " (check code "
-                    << (vf.package->checkCode ? std::to_string(*vf.package->checkCode) : std::string("unknown"))
+                    << (vf.package->checkCode ? std::to_string(*vf.package->checkCode)
+                                              : std::string("unknown"))
                     << ", installed " << ClockTime(vf.package->installedMs) << ")";
             } else {
                 out << "no package";
             }
             if (vf.memory) {
-                out << ", memory " << HumanBytes(vf.memory->usage) << " used of " << HumanBytes(vf.memory->limit);
+                out << ", memory " << HumanBytes(vf.memory->usage) << " used of "
+                    << HumanBytes(vf.memory->limit);
             }
             out << "\n";
             std::string vfPad = devicePad + (lastVf ? "    " : "│   ");
@@ -191,7 +235,8 @@ std::string RenderStatusTree(const CardView& view) {
                     sessions.push_back(std::to_string(session));
                 }
                 std::vector<std::string> runs = host.Runs();
-                out << vfPad << (lastHost ? "└── " : "├── ") << "host " << host.hostPid << ": HDC session "
+                out << vfPad << (lastHost ? "└── " : "├── ") << "host " << host.hostPid
+                    << ": HDC session "
                     << (sessions.empty() ? std::string("none") : Join(sessions, ",")) << ", runs "
                     << (runs.empty() ? std::string("nothing") : Join(runs, ", "));
                 std::string since = Since(host.sinceMs, view.timeMs);
@@ -220,47 +265,15 @@ std::string RenderStatusJson(const CardView& view) {
         out << ",\"error\":" << Quote(view.error) << "}\n";
         return out.str();
     }
-    out << ",\"sandbox_pid\":" << view.sandboxPid << ",\"chip_type\":" << view.chipType << ",\"daemon\":";
+    out << ",\"sandbox_pid\":" << view.sandboxPid << ",\"chip_type\":" << view.chipType
+        << ",\"daemon\":";
     if (view.daemonPid > 0) {
         out << "{\"pid\":" << view.daemonPid << ",\"outer_pid\":" << view.daemonOuterPid
             << ",\"since_ms\":" << view.daemonSinceMs << "}";
     } else {
         out << "null";
     }
-    out << ",\"devices\":" << JsonList(view.devices, [](const DeviceView& device) {
-        std::ostringstream d;
-        d << "{\"index\":" << device.index << ",\"chip_id\":" << device.chipId << ",\"ctrl_cpus\":"
-          << JsonList(device.ctrlCpus, [](uint32_t cpu) { return std::to_string(cpu); })
-          << ",\"anonymous_links\":" << device.anonymousLinks << ",\"vfs\":" << JsonList(device.vfs, [](const VfView& vf) {
-                 std::ostringstream v;
-                 v << "{\"vf\":" << vf.id << ",\"watcher\":" << (vf.watcher ? "true" : "false") << ",\"package\":";
-                 if (vf.package) {
-                     v << "{\"name\":" << Quote(vf.package->name) << ",\"check_code\":"
-                       << (vf.package->checkCode ? std::to_string(*vf.package->checkCode) : std::string("null"))
-                       << ",\"installed_ms\":" << vf.package->installedMs << "}";
-                 } else {
-                     v << "null";
-                 }
-                 v << ",\"memory\":";
-                 if (vf.memory) {
-                     v << "{\"limit\":" << vf.memory->limit << ",\"usage\":" << vf.memory->usage << "}";
-                 } else {
-                     v << "null";
-                 }
-                 v << ",\"hosts\":" << JsonList(vf.hosts, [](const HostView& host) {
-                     std::ostringstream h;
-                     h << "{\"host_pid\":" << host.hostPid << ",\"sessions\":"
-                       << JsonList(host.sessions, [](uint32_t s) { return std::to_string(s); })
-                       << ",\"runs\":" << JsonList(host.Runs(), Quote) << ",\"since_ms\":" << host.sinceMs
-                       << ",\"sub_processes\":" << JsonList(host.subProcesses, SubProcessJson) << "}";
-                     return h.str();
-                 });
-                 v << "}";
-                 return v.str();
-             })
-          << "}";
-        return d.str();
-    });
+    out << ",\"devices\":" << JsonList(view.devices, DeviceJson);
     out << ",\"unplaced_sub_processes\":" << JsonList(view.unplaced, SubProcessJson) << "}\n";
     return out.str();
 }

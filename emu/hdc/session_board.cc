@@ -26,7 +26,8 @@ std::string SessionBoardPath(const std::string& hdcDir) {
 
 SessionBoard& SessionBoard::Instance() {
     // Never destroyed: receive threads may still report while the process exits.
-    static SessionBoard* const board = new SessionBoard(SessionBoardPath(EnvOr(kHdcDirEnv, kDefaultHdcDir)));
+    static SessionBoard* const board =
+        new SessionBoard(SessionBoardPath(EnvOr(kHdcDirEnv, kDefaultHdcDir)));
     return *board;
 }
 
@@ -40,7 +41,8 @@ void SessionBoard::Opened(uint32_t sessionId, uint32_t deviceId) {
     Publish();
 }
 
-void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid, int32_t type) {
+void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid,
+                           int32_t type) {
     MutexLock lock(&mutex_);
     auto it = sessions_.find(sessionId);
     if (it == sessions_.end()) {
@@ -48,8 +50,8 @@ void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, 
     }
     Entry& entry = it->second;
     // Only a change is published: a host repeating its request costs nothing.
-    if (entry.sinceMs != 0 && entry.deviceId == deviceId && entry.vfId == vfId && entry.hostPid == hostPid &&
-        entry.lastType == type) {
+    if (entry.sinceMs != 0 && entry.deviceId == deviceId && entry.vfId == vfId &&
+        entry.hostPid == hostPid && entry.lastType == type) {
         return;
     }
     if (entry.sinceMs == 0) {
@@ -73,10 +75,11 @@ void SessionBoard::Publish() {
     std::string text;
     char line[256];
     for (const auto& [id, e] : sessions_) {
-        std::snprintf(line, sizeof(line),
-                      "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n", id,
-                      e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
-                      static_cast<long long>(e.sinceMs), e.lastType);
+        std::snprintf(
+            line, sizeof(line),
+            "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n",
+            id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
+            static_cast<long long>(e.sinceMs), e.lastType);
         text += line;
     }
     // Best effort: a board that cannot be written leaves the sessions alone.

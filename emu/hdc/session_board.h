@@ -5,7 +5,8 @@
 // rewritten whole and renamed into place at each change, so a reader always
 // sees one complete table.
 //
-//   session 3 device 0 vf 0 host_pid 4242 opened_ms 1763900000000 since_ms 1763900000120 last_type 6
+//   session 3 device 0 vf 0 host_pid 4242 opened_ms 1763900000000 since_ms 1763900000120 last_type
+//   6
 //
 // since_ms is the time of the session's first framework request (0 before
 // one); the identity is its last one's, as the transport reports it when the
@@ -25,7 +26,7 @@ namespace orv::emu {
 std::string SessionBoardPath(const std::string& hdcDir);
 
 class SessionBoard {
-public:
+  public:
     // The process's board, in the HDC socket directory (ORV_EMU_HDC_DIR).
     static SessionBoard& Instance();
 
@@ -35,11 +36,11 @@ public:
 
     void Opened(uint32_t sessionId, uint32_t deviceId) LOCKS_EXCLUDED(mutex_);
     // A framework request (start, close, profiling, queue start) arrived.
-    void Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid, int32_t type)
-        LOCKS_EXCLUDED(mutex_);
+    void Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid,
+                 int32_t type) LOCKS_EXCLUDED(mutex_);
     void Closed(uint32_t sessionId) LOCKS_EXCLUDED(mutex_);
 
-private:
+  private:
     struct Entry {
         uint32_t deviceId = 0;
         int32_t vfId = 0;

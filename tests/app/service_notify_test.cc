@@ -26,8 +26,9 @@ TEST(ServiceNotifyTest, AddressesArePathsOrAbstractNamesAndNothingElse) {
     EXPECT_EQ(std::string(address.sun_path + 1, 10), "orv/notify");
     EXPECT_EQ(length, offsetof(sockaddr_un, sun_path) + 11) << "no terminator in an abstract name";
 
-    for (const std::string& bad : {std::string(), std::string("@"), std::string("/"), std::string("relative/sock"),
-                                   "/" + std::string(sizeof(address.sun_path), 'x')}) {
+    for (const std::string& bad :
+         {std::string(), std::string("@"), std::string("/"), std::string("relative/sock"),
+          "/" + std::string(sizeof(address.sun_path), 'x')}) {
         EXPECT_FALSE(NotifySocketAddress(bad, &address, &length)) << bad;
     }
 }
@@ -42,7 +43,8 @@ TEST(ServiceNotifyTest, NoticesArriveWholeAtAPathAndAtAnAbstractName) {
         EXPECT_TRUE(notifier.Enabled());
         ASSERT_TRUE(notifier.Notify("READY=1\nSTATUS=Serving host requests on 1 device"));
         ASSERT_TRUE(notifier.Notify("STOPPING=1"));
-        EXPECT_EQ(listener.Receive(5s), "READY=1\nSTATUS=Serving host requests on 1 device") << name;
+        EXPECT_EQ(listener.Receive(5s), "READY=1\nSTATUS=Serving host requests on 1 device")
+            << name;
         EXPECT_EQ(listener.Receive(5s), "STOPPING=1") << name;
     }
     test::RemoveTree(dir);

@@ -1,8 +1,8 @@
 // orv-emu-ctl status: the card as seen from outside the daemon, while hosts
 // come and go.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,14 +16,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using test::SandboxRun;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using test::SandboxRun;
 
 // An orv-host session whose script is written as the test goes, so that its
 // links stay open until the test closes the script.
 class HeldHost {
-public:
+  public:
     explicit HeldHost(const SandboxRun& sandbox) {
         int in[2];
         if (::pipe2(in, O_CLOEXEC) != 0) {
@@ -60,7 +60,7 @@ public:
         }
     }
 
-private:
+  private:
     pid_t pid_ = -1;
     int script_ = -1;
 };
@@ -82,14 +82,17 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
     ASSERT_TRUE(sandbox.Boot({"--devices", "2", "--vfs", "1"}));
     std::string package = sandbox.StateDir() + ".pkg/5_Velkan512-aicpu_syskernels.tar.gz";
     ASSERT_EQ(::mkdir((sandbox.StateDir() + ".pkg").c_str(), 0755), 0);
-    ASSERT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--pad-bytes", "3000"}), 0);
+    ASSERT_EQ(test::RunProgram(
+                  {test::BinDir() + "/orv-emu-mkpkg", "--out", package, "--pad-bytes", "3000"}),
+              0);
     std::string checkCode = std::to_string(test::ReadFile(package).size());
     ASSERT_EQ(test::Host(sandbox, {"send-package", package, "--vf", "1"}), 0);
 
     HeldHost host(sandbox);
-    host.Write("open a\nsend a start --pid 4242 --cp --zarn\nexpect a 8 --code 0\n"
-               "open b --device 1\nsend b start --pid 777 --cp --vf 1 --device-id 1 --check-code " + checkCode +
-               "\nexpect b 8 --code 0\n");
+    host.Write(
+        "open a\nsend a start --pid 4242 --cp --zarn\nexpect a 8 --code 0\n"
+        "open b --device 1\nsend b start --pid 777 --cp --vf 1 --device-id 1 --check-code " +
+        checkCode + "\nexpect b 8 --code 0\n");
     std::string tree;
     ASSERT_TRUE(test::WaitFor(
         [&] {
@@ -105,15 +108,18 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
     std::string compute4242;
     std::string compute777;
     for (const test::StandinRecord& record : test::StandinRecordsOfKind(sandbox, 1)) {
-        bool first = std::find(record.argv.begin(), record.argv.end(), "--pid=4242") != record.argv.end();
+        bool first =
+            std::find(record.argv.begin(), record.argv.end(), "--pid=4242") != record.argv.end();
         (first ? compute4242 : compute777) = std::to_string(record.pid);
     }
 
     EXPECT_THAT(tree, HasSubstr("├── device 0 (chip 0), control CPUs 0\n"));
     EXPECT_THAT(tree, HasSubstr("└── device 1 (chip 1), control CPUs 1\n"));
     EXPECT_THAT(tree, HasSubstr("VF 0: watcher yes, no package\n"));
-    EXPECT_THAT(tree, HasSubstr("VF 1: watcher yes, package Velkan512-aicpu_syskernels.tar.gz (check code " +
-                                checkCode + ", installed "));
+    EXPECT_THAT(
+        tree,
+        HasSubstr("VF 1: watcher yes, package Velkan512-aicpu_syskernels.tar.gz (check code " +
+                  checkCode + ", installed "));
     EXPECT_THAT(tree, HasSubstr("memory 1.0 GiB used of 4.0 GiB\n"));
     // Host 4242 on device 0's physical function, host 777 on device 1's VF 1,
     // each above its own sub-processes.
@@ -123,8 +129,10 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
     ASSERT_NE(device1, std::string::npos);
     ASSERT_LT(first, device1);
     ASSERT_GT(second, tree.find("VF 1:", device1));
-    EXPECT_THAT(tree.substr(first, tree.find('\n', first) - first), HasSubstr("runs zarn, compute, since "));
-    EXPECT_THAT(tree.substr(second, tree.find('\n', second) - second), HasSubstr("runs compute, since "));
+    EXPECT_THAT(tree.substr(first, tree.find('\n', first) - first),
+                HasSubstr("runs zarn, compute, since "));
+    EXPECT_THAT(tree.substr(second, tree.find('\n', second) - second),
+                HasSubstr("runs compute, since "));
     size_t zarnLine = tree.find("zarn     pid " + zarn + " (outside ");
     size_t firstCompute = tree.find("compute  pid " + compute4242 + " (outside ");
     size_t secondCompute = tree.find("compute  pid " + compute777 + " (outside ");
@@ -134,7 +142,8 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
     EXPECT_LT(firstCompute, device1);
     EXPECT_NE(secondCompute, std::string::npos);
     EXPECT_GT(secondCompute, second);
-    EXPECT_THAT(tree.substr(firstCompute, tree.find('\n', firstCompute) - firstCompute), HasSubstr("  sleeping  since "));
+    EXPECT_THAT(tree.substr(firstCompute, tree.find('\n', firstCompute) - firstCompute),
+                HasSubstr("  sleeping  since "));
     EXPECT_THAT(tree, Not(HasSubstr("not the daemon's child")));
     EXPECT_THAT(tree, Not(HasSubstr("sub-processes of no device")));
 
@@ -144,10 +153,12 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
     EXPECT_THAT(json, HasSubstr("\"host_pid\":777,\"sessions\":["));
     EXPECT_THAT(json, HasSubstr("\"runs\":[\"zarn\",\"compute\"]"));
     EXPECT_THAT(json, HasSubstr("{\"kind\":\"compute\",\"pid\":" + compute777 + ",\"outer_pid\":"));
-    EXPECT_THAT(json, HasSubstr("\"state\":\"S\",\"state_name\":\"sleeping\",\"daemon_child\":true"));
+    EXPECT_THAT(json,
+                HasSubstr("\"state\":\"S\",\"state_name\":\"sleeping\",\"daemon_child\":true"));
     EXPECT_THAT(json, HasSubstr("\"check_code\":" + checkCode));
     // The install moved the VF's limit by the kernels' size: the view reads it as it is now.
-    std::string limit = test::ReadFile(sandbox.StateDir() + "/cgroup/memory/usermemory/vf1/memory.limit_in_bytes");
+    std::string limit =
+        test::ReadFile(sandbox.StateDir() + "/cgroup/memory/usermemory/vf1/memory.limit_in_bytes");
     limit.erase(limit.find_last_not_of('\n') + 1);
     EXPECT_THAT(json, HasSubstr("\"memory\":{\"limit\":" + limit + ",\"usage\":1073741824}"));
 
@@ -173,8 +184,8 @@ TEST(StatusTest, WatchRedrawsUntilInterruptedAndAStoppedCardIsSaidSo) {
     if (watcher == 0) {
         ::dup2(out[1], STDOUT_FILENO);
         std::string ctl = test::BinDir() + "/orv-emu-ctl";
-        ::execl(ctl.c_str(), ctl.c_str(), "--state", sandbox.StateDir().c_str(), "status", "--watch", "--interval",
-                "100", static_cast<char*>(nullptr));
+        ::execl(ctl.c_str(), ctl.c_str(), "--state", sandbox.StateDir().c_str(), "status",
+                "--watch", "--interval", "100", static_cast<char*>(nullptr));
         ::_exit(127);
     }
     ::close(out[1]);

@@ -26,25 +26,32 @@ TEST(CardStatusTest, InotifyWatchesNameTheWatchedDirectoriesAsStatDoes) {
     ASSERT_GE(fd, 0);
     ASSERT_GE(::inotify_add_watch(fd, dir.c_str(), IN_CLOSE_WRITE), 0);
     ASSERT_GE(::inotify_add_watch(fd, (dir + "/vfid1").c_str(), IN_CLOSE_WRITE), 0);
-    std::vector<std::string> watches = InotifyWatches(test::ReadFile("/proc/self/fdinfo/" + std::to_string(fd)));
+    std::vector<std::string> watches =
+        InotifyWatches(test::ReadFile("/proc/self/fdinfo/" + std::to_string(fd)));
     ::close(fd);
     ASSERT_EQ(watches.size(), 2u);
     for (const std::string& path : {dir, dir + "/vfid1"}) {
         struct stat st {};
         ASSERT_EQ(::stat(path.c_str(), &st), 0);
-        EXPECT_THAT(watches, Contains(std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev)) +
-                                      ":" + std::to_string(st.st_ino)));
+        EXPECT_THAT(watches,
+                    Contains(std::to_string(major(st.st_dev)) + ":" +
+                             std::to_string(minor(st.st_dev)) + ":" + std::to_string(st.st_ino)));
     }
-    EXPECT_TRUE(InotifyWatches("pos:\t0\nflags:\t02000000\nmnt_id:\t25\n").empty()) << "not an inotify descriptor";
+    EXPECT_TRUE(InotifyWatches("pos:\t0\nflags:\t02000000\nmnt_id:\t25\n").empty())
+        << "not an inotify descriptor";
     test::RemoveTree(dir);
 }
 
 TEST(CardStatusTest, SubProcessesAreKnownByTheirProgramNames) {
     const std::pair<const char*, const char*> cases[] = {
-        {"/var/zarn_service.bin", "zarn"},        {"aicpu_runner", "compute"},
-        {"/var/aicpu_custom_runner", "custom"},   {"/var/aicpu_custom_runner3", "custom"},
-        {"queue_runner", "queue"},                {"/var/aicpu_runner_x", ""},
-        {"orvdaemon", ""},                        {"", ""},
+        {"/var/zarn_service.bin", "zarn"},
+        {"aicpu_runner", "compute"},
+        {"/var/aicpu_custom_runner", "custom"},
+        {"/var/aicpu_custom_runner3", "custom"},
+        {"queue_runner", "queue"},
+        {"/var/aicpu_runner_x", ""},
+        {"orvdaemon", ""},
+        {"", ""},
     };
     for (const auto& [program, kind] : cases) {
         EXPECT_EQ(SubProcessKind(program), kind) << program;
@@ -69,13 +76,15 @@ TEST(CardStatusTest, TheSessionBoardFollowsEachSessionFromOpenToClose) {
     SessionBoard board(SessionBoardPath(dir));
     board.Opened(3, 1);
     std::string text = test::ReadFile(dir + "/sessions");
-    EXPECT_THAT(text, ::testing::MatchesRegex("session 3 device 1 vf 0 host_pid 0 opened_ms [0-9]+ since_ms 0 "
-                                              "last_type 0\n"));
+    EXPECT_THAT(text, ::testing::MatchesRegex(
+                          "session 3 device 1 vf 0 host_pid 0 opened_ms [0-9]+ since_ms 0 "
+                          "last_type 0\n"));
     board.Request(3, 1, 2, 4242, 6);
     board.Opened(4, 0);
     text = test::ReadFile(dir + "/sessions");
-    EXPECT_THAT(text, ::testing::MatchesRegex("session 3 device 1 vf 2 host_pid 4242 opened_ms [0-9]+ since_ms "
-                                              "[1-9][0-9]* last_type 6\nsession 4 device 0 .*\n"));
+    EXPECT_THAT(text, ::testing::MatchesRegex(
+                          "session 3 device 1 vf 2 host_pid 4242 opened_ms [0-9]+ since_ms "
+                          "[1-9][0-9]* last_type 6\nsession 4 device 0 .*\n"));
     board.Request(9, 0, 0, 1, 6);
     EXPECT_EQ(test::ReadFile(dir + "/sessions"), text) << "an unknown session changes nothing";
     board.Closed(3);
