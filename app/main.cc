@@ -50,7 +50,7 @@ void OnStopSignal(int /*signo*/) {
 }
 
 const char kUsage[] =
-    "usage: orvdaemon [--help | --version]\n"
+    "Usage: orvdaemon [--help | --version]\n"
     "Starts the device-side process-management daemon and runs it until SIGTERM or SIGINT.\n"
     "Its settings come from the environment (STARTUP_QS, AICPU_MAX_NUM, REGISTER_TO_VELKANMONITOR,\n"
     "DATAMASTER_RUN_MODE, QS_RESCHED_INTEVAL, AICPU_ADD_BUFFERGROUP) and from\n"

@@ -19,7 +19,7 @@ namespace {
 
 void Usage(FILE* out = stderr) {
     std::fprintf(out,
-                 "usage: orv-card-emu [options]\n"
+                 "Usage: orv-card-emu [options]\n"
                  "  --driver-socket PATH   driver HAL socket (default %s)\n"
                  "  --control-socket PATH  control socket (default %s)\n"
                  "  --appmon-socket PATH   app monitor socket (default %s)\n"

@@ -35,7 +35,7 @@ constexpr int kExitNoReply = 3;
 constexpr int kExitClosed = 4;
 
 const char kUsage[] =
-    "usage: orv-host [--state DIR | --socket PATH] [--device D] [--json] [--timeout MS] COMMAND [ARGS]\n"
+    "Usage: orv-host [--state DIR | --socket PATH] [--device D] [--json] [--timeout MS] COMMAND [ARGS]\n"
     "\n"
     "The options above may also follow the command. Without --state or --socket, the device's socket\n"
     "and trusted directory come from ORV_HDC_SOCKET_<D> and ORV_TRUSTED_DIR_<D> in the environment\n"

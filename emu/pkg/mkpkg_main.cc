@@ -25,7 +25,7 @@ constexpr char kDefaultInnerName[] = "Velkan512-aicpu_syskernels.tar.gz";
 
 void Usage(FILE* out = stderr) {
     std::fprintf(out,
-                 "usage: orv-emu-mkpkg --out FILE [options]\n"
+                 "Usage: orv-emu-mkpkg --out FILE [options]\n"
                  "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
                  "                         of FILE's name, or %s)\n"
                  "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are included\n"
