@@ -5,7 +5,8 @@
 #
 #  - lintian on each: no error, and no warning that debian/*.lintian-overrides
 #    does not justify (the README lists those);
-#  - the orvdaemon packages hold nothing of the emulated card;
+#  - the orvdaemon packages hold nothing of the emulated card, and systemd
+#    accepts their unit;
 #  - nothing in any package refers to the tree it was built in;
 #  - a smoke test of orv-emu unpacked with dpkg -x into a temporary directory:
 #    the card booted from there, one host's start and close with orv-host, the
@@ -60,6 +61,13 @@ for deb in "${debs[@]}"; do
         [[ -x $dir/usr/sbin/orvdaemon && -f $dir/lib/systemd/system/orvdaemon.service ]] ||
             fail "$name lacks the daemon or its unit"
         grep -qx 'Type=notify' "$dir/lib/systemd/system/orvdaemon.service" || fail "$name: the unit is not Type=notify"
+        # systemd's own reading of the unit: any unknown key or bad value is a fault
+        # (only the executable's absence from this machine is expected).
+        if command -v systemd-analyze >/dev/null; then
+            complaints=$(systemd-analyze verify --man=no "$dir/lib/systemd/system/orvdaemon.service" 2>&1 |
+                grep -v 'orvdaemon is not executable' || true)
+            [[ -z $complaints ]] || fail "$name: systemd-analyze verify: $complaints"
+        fi
     fi
     echo "check-packages: $name: $(dpkg-deb -f "$deb" Architecture), $(find "$dir" -type f | wc -l) files"
 done
@@ -83,14 +91,29 @@ for _ in $(seq 300); do
     sleep 0.1
 done
 grep -q '^ORV_DAEMON_PID=' "$state/sandbox.env" 2>/dev/null || { cat "$scratch/sandbox.out"; fail "the daemon never got ready"; }
-"$bin/orv-host" --state "$state" session <<'EOT' || { cat "$state/var/log/orv/system.log"; fail "start and close failed"; }
+# One host's start and close, its link held open in between while the
+# status view shows it.
+"$bin/orv-host" --state "$state" session >"$scratch/host.out" 2>&1 <<'EOT' &
 open a
 send a start --pid 4242 --cp --zarn
 expect a 8 --code 0
+sleep 4000
 send a close --pid 4242
 expect a 9 --code 0
 EOT
-"$bin/orv-emu-ctl" --state "$state" status || fail "the status view failed"
+host_pid=$!
+shown=0
+for _ in $(seq 100); do
+    if "$bin/orv-emu-ctl" --state "$state" status >"$scratch/status.out" 2>&1 &&
+        grep -q 'host 4242: HDC session [0-9]*, runs zarn, compute' "$scratch/status.out"; then
+        shown=1
+        break
+    fi
+    sleep 0.05
+done
+cat "$scratch/status.out"
+((shown)) || fail "the status view never showed the host and its sub-processes"
+wait "$host_pid" || { cat "$scratch/host.out" "$state/var/log/orv/system.log"; fail "start and close failed"; }
 kill -TERM "$sandbox_pid"
 status=0
 wait "$sandbox_pid" || status=$?
