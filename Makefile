@@ -7,7 +7,7 @@ CMAKE_FLAGS ?=
 # The tests mostly wait on the daemon's fixed periods, so they run wide.
 TEST_JOBS ?= 8
 
-.PHONY: all build deps test test-asan test-tsan soak fuzz demo emulate bench card card-test clean
+.PHONY: all build deps test test-asan test-tsan soak fuzz demo emulate bench card card-test package clean
 
 all: build
 
@@ -82,6 +82,14 @@ FUZZ_SECONDS ?= 60
 fuzz:
 	@tools/install-deps.sh base fuzz
 	@tools/run-fuzzers.sh $(FUZZ_SECONDS)
+
+# The Debian packages, in build-deb/: orvdaemon for this machine and (cross-built)
+# for arm64, orv-emu for this machine; then lintian, their contents and a smoke
+# test of the emulated card unpacked from its package (tools/check-packages.sh).
+package:
+	@tools/install-deps.sh base cross package
+	@tools/build-packages.sh build-deb
+	@tools/check-packages.sh build-deb
 
 clean:
 	rm -rf $(BUILD_DIR) build-*

@@ -1,13 +1,12 @@
-// orvdaemon: the daemon executable. It starts the daemon library, tells the
-// supervisor (when one asks, through ORV_NOTIFY_SOCKET) that start-up is over,
-// and keeps the process alive until SIGTERM or SIGINT.
+// orvdaemon: the daemon executable. It starts the daemon library, tells its
+// supervisors how start-up went (systemd through NOTIFY_SOCKET, the emulated
+// card's sandbox through ORV_NOTIFY_SOCKET), and keeps the process alive until
+// SIGTERM or SIGINT, when it runs the daemon's orderly shutdown.
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,7 +15,9 @@
 #include <cstring>
 #include <string>
 
+#include "app/service_notify.h"
 #include "daemon/orvdaemon.h"
+#include "orv_version.h"
 #include "platform/log.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -51,24 +52,13 @@ void OnStopSignal(int /*signo*/) {
     _exit(status);
 }
 
-// Tells the supervisor how start-up went: "READY=1" or "START_FAILED=<code>".
-void Notify(const std::string& notice) {
-    const char* path = getenv("ORV_NOTIFY_SOCKET");
-    if (path == nullptr || *path == '\0') {
-        return;
-    }
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return;
-    }
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (strlen(path) < sizeof(addr.sun_path)) {
-        memcpy(addr.sun_path, path, strlen(path) + 1);
-        (void)sendto(fd, notice.data(), notice.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    }
-    close(fd);
-}
+const char kUsage[] =
+    "Usage: orvdaemon [--help | --version]\n"
+    "Starts the device-side process-management daemon and runs it until SIGTERM or SIGINT.\n"
+    "Its settings come from the environment (STARTUP_QS, AICPU_MAX_NUM, REGISTER_TO_VELKANMONITOR,\n"
+    "DATAMASTER_RUN_MODE, QS_RESCHED_INTEVAL, AICPU_ADD_BUFFERGROUP) and from\n"
+    "/var/orvdaemon_add_env_variable.sh. Under systemd (Type=notify) it reports READY=1 once\n"
+    "started and STOPPING=1 when it begins to stop.\n";
 
 // The daemon's sub-processes run user code: they get the standard
 // descriptors, and nothing else that the daemon's own parent left open.
@@ -92,8 +82,20 @@ void KeepInheritedDescriptorsFromSubProcesses() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0)) {
+        std::fputs(std::strcmp(argv[1], "--version") == 0 ? "orvdaemon " ORV_VERSION "\n" : kUsage, stdout);
+        return 0;
+    }
+    if (argc != 1) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    // Taken (and removed from the environment) before any thread starts.
+    const orv::ServiceNotifier systemd = orv::ServiceNotifier::FromEnvironment("NOTIFY_SOCKET");
+    const orv::ServiceNotifier sandbox = orv::ServiceNotifier::FromEnvironment("ORV_NOTIFY_SOCKET");
     KeepInheritedDescriptorsFromSubProcesses();
+
     if (chdir("/") != 0) {
         std::fprintf(stderr, "orvdaemon: cannot change to /: %s\n", std::strerror(errno));
         return 1;
@@ -108,20 +110,26 @@ int main() {
     sigaction(SIGTERM, &stop, nullptr);
     sigaction(SIGINT, &stop, nullptr);
 
+    systemd.Notify("STATUS=Starting");
     orv::OrvDaemon* daemon = orv::OrvDaemon::GetInstance();
     uint32_t ret = daemon->Start();
     if (ret != 0) {
         std::fprintf(stderr, "orvdaemon: start failed with code %u:\n%s", ret,
                      orv::ORVLog::GetInstance().GetErrorMsg().c_str());
-        Notify("START_FAILED=" + std::to_string(ret));
+        systemd.Notify("STATUS=Start failed with code " + std::to_string(ret) + "; see the system log");
+        sandbox.Notify("START_FAILED=" + std::to_string(ret));
         daemon->Destroy();
         Exit(1);
     }
-    Notify("READY=1");
+    uint32_t devices = daemon->GetDeviceNum();
+    systemd.Notify("READY=1\nSTATUS=Serving host requests on " + std::to_string(devices) +
+                   (devices == 1 ? " device" : " devices"));
+    sandbox.Notify("READY=1");
 
     char byte = 0;
     while (read(g_stopPipe[0], &byte, 1) < 0 && errno == EINTR) {
     }
+    systemd.Notify("STOPPING=1\nSTATUS=Stopping: closing sessions and sub-processes");
     daemon->Destroy();
     Exit(0);
 }

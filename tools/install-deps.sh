@@ -6,8 +6,9 @@
 #
 # SET is one of: base (building, testing and running the emulated card; the
 # default), fuzz (the fuzz targets), bench (the benchmarks' peers), cross (the
-# AArch64 card build), cross-test (the AArch64 unit tests under emulation). A
-# set that needs a foreign architecture adds it first.
+# AArch64 card build), cross-test (the AArch64 unit tests under emulation),
+# package (building and checking the Debian packages). A set that needs a
+# foreign architecture adds it first.
 set -euo pipefail
 
 declare -A sets
@@ -18,6 +19,8 @@ sets[base]="cmake ninja-build g++ clang pkg-config make
     procps sysvinit-utils tar gzip"
 sets[fuzz]="clang libclang-rt-14-dev"
 sets[bench]="supervisor"
+# dpkg-buildpackage with debhelper, the manual pages made from --help, lintian.
+sets[package]="debhelper dpkg-dev fakeroot help2man lintian"
 sets[cross]="g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libprotobuf-dev:arm64"
 # Foreign architectures (dpkg's names) whose packages a set installs.
 declare -A set_arches
@@ -43,7 +46,7 @@ missing=()
 arches=()
 for set in "${wanted[@]}"; do
     if [[ ! -v "sets[$set]" ]]; then
-        echo "install-deps: unknown set '$set' (base, fuzz, bench, cross, cross-test)" >&2
+        echo "install-deps: unknown set '$set' (base, fuzz, bench, cross, cross-test, package)" >&2
         exit 2
     fi
     [[ -v "set_arches[$set]" ]] && arches+=(${set_arches[$set]})

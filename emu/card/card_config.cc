@@ -95,6 +95,21 @@ bool CardConfig::ApplyChipId(const std::string& spec, std::string* error) {
     return true;
 }
 
+std::vector<uint32_t> CardConfig::ControlCpus(uint32_t index) const {
+    int64_t base = 0;
+    for (uint32_t i = 0; i < index && i < devices.size(); ++i) {
+        const DeviceConfig& d = devices[i];
+        base += d.ai.count * d.ai.osSched + d.data.count * d.data.osSched + d.ctrl.count * d.ctrl.osSched;
+    }
+    std::vector<uint32_t> cpus;
+    if (index < devices.size() && devices[index].ctrl.osSched >= 1) {
+        for (int64_t i = 0; i < devices[index].ctrl.count; ++i) {
+            cpus.push_back(static_cast<uint32_t>(base + i));
+        }
+    }
+    return cpus;
+}
+
 std::string CardConfig::Describe() const {
     std::ostringstream out;
     out << "devices " << devices.size() << "\n";

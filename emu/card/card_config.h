@@ -50,6 +50,12 @@ struct CardConfig {
     // Applies "D=ID" as device D's chip id.
     bool ApplyChipId(const std::string& spec, std::string* error);
 
+    // The Linux CPU ids of device `index`'s control CPUs, numbered as the
+    // platform numbers them: each device's OS-scheduled CPUs follow the
+    // previous device's, control CPUs first. Empty when they are not
+    // OS-scheduled.
+    std::vector<uint32_t> ControlCpus(uint32_t index) const;
+
     // One line per device, for orv-emu-ctl.
     std::string Describe() const;
 };

@@ -86,6 +86,26 @@ void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
     }
 }
 
+std::string CardEmulator::Status() const {
+    CardStatus status;
+    status.set_chip_type(config_.chipType);
+    for (uint32_t index = 0; index < config_.devices.size(); ++index) {
+        CardStatus::Device* device = status.add_devices();
+        device->set_index(index);
+        device->set_chip_id(config_.devices[index].chipId);
+        for (uint32_t cpu : config_.ControlCpus(index)) {
+            device->add_ctrl_cpus(cpu);
+        }
+    }
+    for (const VerifyLog::Entry& entry : verified_.Entries()) {
+        CardStatus::VerifiedPackage* package = status.add_verified();
+        package->set_path(entry.path);
+        package->set_size(entry.size);
+        package->set_time_ms(entry.timeMs);
+    }
+    return status.SerializeAsString();
+}
+
 CardReply CardEmulator::Control(const CardRequest& request) {
     switch (request.call_case()) {
         case CardRequest::kInjectFault: {
@@ -124,6 +144,12 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             return TextReply(DRV_ERROR_NONE, scheduler_.DescribeEvents());
         case CardRequest::kShowStandins:
             return TextReply(DRV_ERROR_NONE, standins_.Describe());
+        case CardRequest::kShowStatus: {
+            CardReply reply;
+            reply.set_code(DRV_ERROR_NONE);
+            reply.set_data(Status());
+            return reply;
+        }
         case CardRequest::kSetStandin: {
             const SetStandin& set = request.set_standin();
             if (!standins_.Set(set.kind(), set.behaviour(), set.delay_ms())) {

@@ -41,6 +41,9 @@ public:
     CardReply Control(const CardRequest& request);
 
 private:
+    // The tables the status view reads, serialised as a CardStatus.
+    std::string Status() const;
+
     // Serves one connection of framed CardRequests; `control` selects which kind is allowed.
     void ServeFrames(int fd, pid_t peer, bool control);
 
@@ -53,8 +56,9 @@ private:
     ProcessTable processes_;
     EventScheduler scheduler_;
     StandinTable standins_;
+    VerifyLog verified_;
     AppMonitor appMonitor_{&faults_};
-    DriverService driver_{&config_, &faults_, &groups_, &processes_, &scheduler_, &standins_};
+    DriverService driver_{&config_, &faults_, &groups_, &processes_, &scheduler_, &standins_, &verified_};
     std::unique_ptr<UnixServer> driverServer_;
     std::unique_ptr<UnixServer> controlServer_;
     std::unique_ptr<UnixServer> appmonServer_;

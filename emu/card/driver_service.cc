@@ -125,13 +125,15 @@ std::string StandinTable::Describe() const {
 }
 
 DriverService::DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups,
-                             ProcessTable* processes, EventScheduler* scheduler, StandinTable* standins)
+                             ProcessTable* processes, EventScheduler* scheduler, StandinTable* standins,
+                             VerifyLog* verified)
     : config_(config),
       faults_(faults),
       groups_(groups),
       processes_(processes),
       scheduler_(scheduler),
-      standins_(standins) {}
+      standins_(standins),
+      verified_(verified) {}
 
 CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
     CardReply reply = Serve(caller, request);
@@ -205,6 +207,7 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
             return reply;
         }
         case CardRequest::kHalVerifyImg:
+            verified_->Record(request.hal_verify_img().path());
             return Reply(DRV_ERROR_NONE);
         case CardRequest::kStandinBehaviour: {
             std::string behaviour;

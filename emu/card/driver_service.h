@@ -12,6 +12,7 @@
 #include "emu/card/fault_table.h"
 #include "emu/card/group_table.h"
 #include "emu/card/process_table.h"
+#include "emu/card/verify_log.h"
 
 namespace orv::emu {
 
@@ -48,7 +49,7 @@ bool IsDriverCall(const std::string& name);
 class DriverService {
 public:
     DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups, ProcessTable* processes,
-                  EventScheduler* scheduler, StandinTable* standins);
+                  EventScheduler* scheduler, StandinTable* standins, VerifyLog* verified);
     DriverService(const DriverService&) = delete;
     DriverService& operator=(const DriverService&) = delete;
 
@@ -66,6 +67,7 @@ private:
     ProcessTable* const processes_;
     EventScheduler* const scheduler_;
     StandinTable* const standins_;
+    VerifyLog* const verified_;
 };
 
 }  // namespace orv::emu

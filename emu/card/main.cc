@@ -13,12 +13,13 @@
 #include "emu/card/emu_log.h"
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
+#include "orv_version.h"
 
 namespace {
 
-void Usage() {
-    std::fprintf(stderr,
-                 "usage: orv-card-emu [options]\n"
+void Usage(FILE* out = stderr) {
+    std::fprintf(out,
+                 "Usage: orv-card-emu [options]\n"
                  "  --driver-socket PATH   driver HAL socket (default %s)\n"
                  "  --control-socket PATH  control socket (default %s)\n"
                  "  --appmon-socket PATH   app monitor socket (default %s)\n"
@@ -78,7 +79,10 @@ int main(int argc, char** argv) {
         } else if (arg == "--ready-fd") {
             readyFd = std::atoi(value().c_str());
         } else if (arg == "--help" || arg == "-h") {
-            Usage();
+            Usage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            std::printf("orv-card-emu %s\n", ORV_VERSION);
             return 0;
         } else {
             std::fprintf(stderr, "orv-card-emu: unknown option %s\n", arg.c_str());

@@ -1,4 +1,9 @@
-// orv-emu-ctl: drives a running card emulator through its control socket.
+// orv-emu-ctl: drives a running card emulator through its control socket, and
+// shows the card's state (status).
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <algorithm>
 #include <cstdlib>
@@ -7,14 +12,25 @@
 #include <string>
 #include <vector>
 
+#include "emu/ctl/card_status.h"
 #include "emu/ctl/control_client.h"
+#include "emu/ctl/status_render.h"
+#include "orv_version.h"
 
 namespace {
 
-void Usage() {
-    std::fprintf(stderr,
-                 "usage: orv-emu-ctl (--state DIR | --socket PATH) COMMAND [ARGS]\n"
-                 "commands:\n"
+void Usage(FILE* out = stderr) {
+    std::fprintf(out,
+                 "Usage: orv-emu-ctl (--state DIR | --socket PATH) COMMAND [ARGS]\n"
+                 "Commands:\n"
+                 "  status [--json] [--watch [--interval MS]]\n"
+                 "                             (with --state) the card as a tree: devices and their\n"
+                 "                             control CPUs; per device the VFs (package watcher, installed\n"
+                 "                             package and its check code, memory limit and usage); per VF\n"
+                 "                             the host processes with a session (host pid, HDC sessions,\n"
+                 "                             what runs, since when) and their sub-processes (kind, pid,\n"
+                 "                             state). --json prints the same for scripts; --watch redraws\n"
+                 "                             it every MS (default 1000) until interrupted\n"
                  "  devices                    show the device table\n"
                  "  groups                     list buffer groups, their members and recycled pids\n"
                  "  appmon                     list the app monitor's clients\n"
@@ -56,17 +72,82 @@ bool ParseNumber(const std::string& text, long* value) {
     return !text.empty() && end != nullptr && *end == '\0';
 }
 
+volatile sig_atomic_t g_stop = 0;
+
+void OnStop(int) {
+    g_stop = 1;
+}
+
+// The status view, once or (--watch) redrawn in place until interrupted.
+int Status(const std::string& stateDir, const std::vector<std::string>& options) {
+    bool json = false;
+    bool watch = false;
+    long intervalMs = 1000;
+    for (size_t i = 0; i < options.size(); ++i) {
+        if (options[i] == "--json") {
+            json = true;
+        } else if (options[i] == "--watch") {
+            watch = true;
+        } else if (options[i] == "--interval" && i + 1 < options.size() && ParseNumber(options[i + 1], &intervalMs) &&
+                   intervalMs > 0) {
+            ++i;
+        } else {
+            Usage();
+            return 2;
+        }
+    }
+    if (stateDir.empty()) {
+        std::fprintf(stderr, "orv-emu-ctl: status reads the sandbox's files too: give --state DIR\n");
+        return 2;
+    }
+    auto render = [&] {
+        orv::emu::CardView view = orv::emu::ReadCardView(stateDir);
+        return std::make_pair(view.error.empty(),
+                              json ? orv::emu::RenderStatusJson(view) : orv::emu::RenderStatusTree(view));
+    };
+    if (!watch) {
+        auto [ok, text] = render();
+        std::fputs(text.c_str(), stdout);
+        return ok ? 0 : 1;
+    }
+    struct sigaction stop {};
+    stop.sa_handler = OnStop;
+    sigaction(SIGINT, &stop, nullptr);
+    sigaction(SIGTERM, &stop, nullptr);
+    bool terminal = ::isatty(STDOUT_FILENO) == 1;
+    while (g_stop == 0) {
+        std::string text = render().second;
+        // Home and clear below, as top does; JSON and pipes get one document a round.
+        if (terminal && !json) {
+            text = "\033[H\033[2J" + text;
+        }
+        std::fputs(text.c_str(), stdout);
+        std::fflush(stdout);
+        for (long waited = 0; waited < intervalMs && g_stop == 0; waited += 50) {
+            ::usleep(static_cast<useconds_t>(std::min(50L, intervalMs - waited) * 1000));
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::string socketPath;
+    std::string stateDir;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if ((arg == "--state" || arg == "--socket") && i + 1 < argc) {
+            if (arg == "--state") {
+                stateDir = argv[i + 1];
+            }
             socketPath = arg == "--state" ? orv::emu::ControlSocketOfState(argv[++i]) : argv[++i];
         } else if (arg == "--help" || arg == "-h") {
-            Usage();
+            Usage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            std::printf("orv-emu-ctl %s\n", ORV_VERSION);
             return 0;
         } else {
             words.push_back(arg);
@@ -75,6 +156,10 @@ int main(int argc, char** argv) {
     if (socketPath.empty() || words.empty()) {
         Usage();
         return 2;
+    }
+
+    if (words[0] == "status") {
+        return Status(stateDir, std::vector<std::string>(words.begin() + 1, words.end()));
     }
 
     orv::emu::CardRequest request;

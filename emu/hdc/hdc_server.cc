@@ -22,6 +22,7 @@
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
 #include "emu/common/unix_server.h"
+#include "emu/hdc/session_board.h"
 #include "message/message_parse_interface.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
@@ -218,6 +219,7 @@ void HdcServer::Impl::Serve(int fd) {
     SessionTable& table = SessionTable::Instance();
     auto session = std::make_shared<HdcSession>(table.NextId(), deviceId, fd);
     table.Add(session);
+    emu::SessionBoard::Instance().Opened(session->id, deviceId);
     {
         MutexLock lock(&mutex);
         sessionIds.insert(session->id);
@@ -234,6 +236,8 @@ void HdcServer::Impl::Serve(int fd) {
             session->lastDeviceId = msg.device_id();
             session->lastVfId = msg.vf_id();
             session->lastHostPid = msg.proc_sign_pid().proc_pid();
+            emu::SessionBoard::Instance().Request(session->id, session->lastDeviceId, session->lastVfId,
+                                                  session->lastHostPid, msg.type());
         }
         dispatcher->ProcessMessage(session->id, msg);
     }
@@ -243,6 +247,7 @@ void HdcServer::Impl::Serve(int fd) {
         session->open = false;
     }
     table.Remove(session->id);
+    emu::SessionBoard::Instance().Closed(session->id);
     if (!destroying.load()) {
         HDCMessage closed;
         closed.set_type(HDCMessage::SOCKET_CLOSED);

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "emu/host/host_link.h"
+#include "orv_version.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ constexpr int kExitNoReply = 3;
 constexpr int kExitClosed = 4;
 
 const char kUsage[] =
-    "usage: orv-host [--state DIR | --socket PATH] [--device D] [--json] [--timeout MS] COMMAND [ARGS]\n"
+    "Usage: orv-host [--state DIR | --socket PATH] [--device D] [--json] [--timeout MS] COMMAND [ARGS]\n"
     "\n"
     "The options above may also follow the command. Without --state or --socket, the device's socket\n"
     "and trusted directory come from ORV_HDC_SOCKET_<D> and ORV_TRUSTED_DIR_<D> in the environment\n"
@@ -545,6 +546,9 @@ int main(int argc, char** argv) {
                 g_settings.json = true;
             } else if (arg == "--help" || arg == "-h") {
                 std::fputs(kUsage, stdout);
+                return kExitOk;
+            } else if (arg == "--version") {
+                std::printf("orv-host %s\n", ORV_VERSION);
                 return kExitOk;
             } else {
                 args.push_back(arg);

@@ -19,15 +19,16 @@
 #include <vector>
 
 #include "emu/pkg/package_signature.h"
+#include "orv_version.h"
 #include "vendor_private_key.h"
 
 namespace {
 
 constexpr char kDefaultInnerName[] = "Velkan512-aicpu_syskernels.tar.gz";
 
-void Usage() {
-    std::fprintf(stderr,
-                 "usage: orv-emu-mkpkg --out FILE [options]\n"
+void Usage(FILE* out = stderr) {
+    std::fprintf(out,
+                 "Usage: orv-emu-mkpkg --out FILE [options]\n"
                  "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
                  "                         of FILE's name, or %s)\n"
                  "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are included\n"
@@ -175,6 +176,12 @@ int main(int argc, char** argv) {
             fromDir = argv[++i];
         } else if (arg == "--transform" && hasValue) {
             transforms.push_back(argv[++i]);
+        } else if (arg == "--help" || arg == "-h") {
+            Usage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            std::printf("orv-emu-mkpkg %s\n", ORV_VERSION);
+            return 0;
         } else {
             Usage();
             return 2;

@@ -6,12 +6,17 @@
 #include "emu/sandbox/sandbox_options.h"
 #include "emu/sandbox/sandbox_plan.h"
 #include "emu/sandbox/sandbox_supervisor.h"
+#include "orv_version.h"
 
 int main(int argc, char** argv) {
     orv::emu::SandboxPlan plan;
     std::string error;
     if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h")) {
         std::fputs(orv::emu::SandboxUsage(), stdout);
+        return 0;
+    }
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::printf("orv-sandbox %s\n", ORV_VERSION);
         return 0;
     }
     if (!orv::emu::ParseSandboxOptions(argc, argv, &plan.options, &error)) {

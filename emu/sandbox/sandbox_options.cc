@@ -18,12 +18,12 @@ bool ParseUnsigned(const std::string& text, uint64_t* value) {
 }  // namespace
 
 const char* SandboxUsage() {
-    return "usage:\n"
+    return "Usage:\n"
            "  orv-sandbox (--state DIR | --state-tmp) [options] -- COMMAND...   run COMMAND in a fresh sandbox\n"
            "  orv-sandbox --state DIR --boot [options]                        card emulator and daemon\n"
            "  orv-sandbox --state DIR --enter [--detach] [--env N=V] -- COMMAND...\n"
            "                                                    run COMMAND in the sandbox booted on DIR\n"
-           "options:\n"
+           "Options:\n"
            "  --devices N              devices of the card (default 1)\n"
            "  --device-cpus D=ai:N:F,ctrl:N:F,data:N:F\n"
            "                           CPU counts and OS-scheduling flags of device D (repeatable);\n"

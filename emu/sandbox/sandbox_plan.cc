@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "emu/common/emu_layout.h"
 #include "emu/common/emu_paths.h"
 #include "emu/sandbox/process_helpers.h"
 
@@ -35,15 +36,14 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
         *error = "cannot find where orv-sandbox runs from";
         return false;
     }
-    std::string binDir = DirName(self);
-    std::string prefix = DirName(binDir);
-    plan->cardEmu = binDir + "/orv-card-emu";
-    plan->emuCtl = binDir + "/orv-emu-ctl";
-    plan->host = binDir + "/orv-host";
-    plan->daemon = plan->options.daemonPath.empty() ? binDir + "/orvdaemon" : RealPath(plan->options.daemonPath);
-    plan->standIn = binDir + "/orv-subproc-stub";
-    plan->imgVerify = prefix + "/lib/liborv_emu_imgverify.so";
-    plan->shareDir = prefix + "/share/orv-emu";
+    EmuLayout layout = FindEmuLayout(DirName(self));
+    plan->cardEmu = layout.bin + "/orv-card-emu";
+    plan->emuCtl = layout.bin + "/orv-emu-ctl";
+    plan->host = layout.bin + "/orv-host";
+    plan->daemon = plan->options.daemonPath.empty() ? layout.libexec + "/orvdaemon" : RealPath(plan->options.daemonPath);
+    plan->standIn = layout.libexec + "/orv-subproc-stub";
+    plan->imgVerify = layout.lib + "/liborv_emu_imgverify.so";
+    plan->shareDir = layout.share;
     if (::access(plan->cardEmu.c_str(), X_OK) != 0) {
         *error = "missing " + plan->cardEmu;
         return false;
@@ -58,7 +58,9 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
     }
     char cwd[PATH_MAX];
     plan->cwd = ::getcwd(cwd, sizeof(cwd)) != nullptr ? std::string(cwd) : std::string("/");
-    plan->keepVisible = {prefix, plan->cwd, DirName(plan->daemon)};
+    // The tree the programs came from (bin/ and its siblings), should it lie
+    // under a directory the sandbox replaces.
+    plan->keepVisible = {DirName(layout.bin), plan->cwd, DirName(plan->daemon)};
     if (!plan->options.envScript.empty()) {
         plan->options.envScript = RealPath(plan->options.envScript);
         if (plan->options.envScript.empty()) {

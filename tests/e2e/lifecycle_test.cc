@@ -19,6 +19,7 @@ using ::testing::Not;
 using test::SandboxRun;
 
 using test::EmuCtl;
+using test::StandinRecord;
 
 TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind) {
     SandboxRun sandbox;
@@ -164,6 +165,67 @@ TEST(LifecycleTest, DriverFaultsInjectedWithTheControlToolReachTheDaemon) {
     EXPECT_EQ(EmuCtl(sandbox, {"faults"}, &output), 0);
     EXPECT_EQ(output, "");
     EXPECT_EQ(sandbox.Stop(), 0);
+}
+
+// Notices a systemd-style listener received, one datagram each, until `last`
+// came or nothing more came for a while.
+std::vector<std::string> NoticesUntil(test::NotifyListener& listener, const std::string& last) {
+    std::vector<std::string> notices;
+    while (std::optional<std::string> notice = listener.Receive(30s)) {
+        notices.push_back(*notice);
+        if (notice->find(last) != std::string::npos) {
+            break;
+        }
+    }
+    return notices;
+}
+
+TEST(LifecycleTest, UnderSystemdTheDaemonIsReadyOnlyAfterItsStartAndSaysWhenItStops) {
+    std::string dir = test::MakeTempDir("orv-notify");
+    // Outside the sandbox's own directories, so the daemon reaches it as it is.
+    test::NotifyListener systemd(dir + "/notify.sock");
+    ASSERT_TRUE(systemd.Bound());
+    SandboxRun sandbox;
+    // The ZEB switch makes sub-processes inherit the daemon's environment.
+    ASSERT_TRUE(sandbox.Boot({"--env", "NOTIFY_SOCKET=" + dir + "/notify.sock", "--env",
+                              "REGISTER_TO_VELKANMONITOR=0"}));
+    std::vector<std::string> started = NoticesUntil(systemd, "READY=1");
+    ASSERT_FALSE(started.empty());
+    EXPECT_EQ(started.front(), "STATUS=Starting");
+    EXPECT_EQ(started.back(), "READY=1\nSTATUS=Serving host requests on 1 device");
+    EXPECT_EQ(started.size(), 2u);
+
+    ASSERT_EQ(test::Host(sandbox, {"start", "--pid", "4242", "--cp"}), 0);
+    std::vector<StandinRecord> compute = test::StandinRecordsOfKind(sandbox, 1);
+    ASSERT_EQ(compute.size(), 1u);
+    EXPECT_THAT(compute[0].env, ::testing::Contains("REGISTER_TO_VELKANMONITOR=0"));
+    for (const std::string& entry : compute[0].env) {
+        EXPECT_THAT(entry, Not(HasSubstr("NOTIFY_SOCKET="))) << "a sub-process could speak for the daemon";
+    }
+    EXPECT_EQ(systemd.Receive(100ms), std::nullopt) << "nothing between ready and stopping";
+
+    EXPECT_EQ(sandbox.Stop(), 0);
+    std::vector<std::string> stopped = NoticesUntil(systemd, "STOPPING=1");
+    ASSERT_EQ(stopped.size(), 1u);
+    EXPECT_EQ(stopped[0], "STOPPING=1\nSTATUS=Stopping: closing sessions and sub-processes");
+    EXPECT_TRUE(sandbox.Log().Contains("[OrvDaemon] OrvDaemon::Destroy() exit"));
+    test::RemoveTree(dir);
+}
+
+TEST(LifecycleTest, UnderSystemdAFailedStartIsNeverReportedReady) {
+    std::string dir = test::MakeTempDir("orv-notify");
+    test::NotifyListener systemd(dir + "/notify.sock");
+    ASSERT_TRUE(systemd.Bound());
+    SandboxRun sandbox;
+    EXPECT_FALSE(sandbox.Boot({"--devices", "5", "--env", "NOTIFY_SOCKET=" + dir + "/notify.sock"}));
+    EXPECT_EQ(sandbox.WaitExit(30s), 1);
+    std::vector<std::string> notices;
+    while (std::optional<std::string> notice = systemd.Receive(100ms)) {
+        notices.push_back(*notice);
+    }
+    EXPECT_EQ(notices, (std::vector<std::string>{"STATUS=Starting",
+                                                 "STATUS=Start failed with code 1; see the system log"}));
+    test::RemoveTree(dir);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "emu/card/card_config.h"
 
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "emu/card/fault_table.h"
@@ -33,6 +36,31 @@ TEST(CardConfigTest, DeviceCpusChangeOnlyTheKindsNamed) {
     EXPECT_EQ(config.devices[1].ctrl.osSched, 0);
     EXPECT_EQ(config.devices[1].data.count, 3);
     EXPECT_EQ(config.devices[0].ai.count, 4);
+}
+
+// The numbers the daemon's driver manager gives the same tables
+// (tests/platform/orv_drv_manager_test.cc): the status view shows these.
+TEST(CardConfigTest, ControlCpusAreNumberedAsThePlatformNumbersThem) {
+    struct Case {
+        uint32_t devices;
+        std::vector<std::string> cpus;
+        std::vector<std::vector<uint32_t>> expected;
+    };
+    const Case cases[] = {
+        {2, {"0=ai:4:1,ctrl:1:1,data:3:1", "1=ai:4:1,ctrl:1:1,data:3:1"}, {{0}, {8}}},
+        {4, {"2=ai:4:0,ctrl:2:1,data:3:0"}, {{0}, {1}, {2, 3}, {4}}},
+        {2, {"0=ai:4:1,ctrl:1:0,data:3:1"}, {{}, {7}}},
+    };
+    for (const Case& c : cases) {
+        CardConfig config = CardConfig::WithDevices(c.devices);
+        std::string error;
+        for (const std::string& spec : c.cpus) {
+            ASSERT_TRUE(config.ApplyDeviceCpus(spec, &error)) << error;
+        }
+        for (uint32_t d = 0; d < c.devices; ++d) {
+            EXPECT_EQ(config.ControlCpus(d), c.expected[d]) << c.cpus[0] << " device " << d;
+        }
+    }
 }
 
 TEST(CardConfigTest, MalformedDescriptionsAreRefusedWithAReason) {

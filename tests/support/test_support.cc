@@ -7,11 +7,15 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -308,6 +312,47 @@ std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint3
         }
     }
     return ofKind;
+}
+
+NotifyListener::NotifyListener(const std::string& name) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof(address.sun_path)) {
+        return;
+    }
+    std::memcpy(address.sun_path, name.data(), name.size());
+    socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    if (name[0] == '@') {
+        address.sun_path[0] = '\0';
+    } else {
+        path_ = name;
+        ::unlink(name.c_str());
+        length += 1;
+    }
+    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+NotifyListener::~NotifyListener() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    if (!path_.empty()) {
+        ::unlink(path_.c_str());
+    }
+}
+
+std::optional<std::string> NotifyListener::Receive(std::chrono::milliseconds timeout) {
+    pollfd pfd{fd_, POLLIN, 0};
+    if (fd_ < 0 || ::poll(&pfd, 1, static_cast<int>(timeout.count())) != 1) {
+        return std::nullopt;
+    }
+    char buffer[4096];
+    ssize_t n = ::recv(fd_, buffer, sizeof(buffer), 0);
+    return n >= 0 ? std::optional<std::string>(std::string(buffer, static_cast<size_t>(n))) : std::nullopt;
 }
 
 }  // namespace orv::test

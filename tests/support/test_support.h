@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -102,6 +103,24 @@ public:
         return SandboxClient::Boot(args, timeout);
     }
     LogCapture Log() const { return LogCapture(LogPath(), true); }
+};
+
+// A Unix datagram socket that receives service notifications, as systemd's
+// does: bound at a path, or at an abstract name given as "@name".
+class NotifyListener {
+public:
+    explicit NotifyListener(const std::string& name);
+    ~NotifyListener();
+    NotifyListener(const NotifyListener&) = delete;
+    NotifyListener& operator=(const NotifyListener&) = delete;
+
+    bool Bound() const { return fd_ >= 0; }
+    // The next datagram, or nullopt when none comes within `timeout`.
+    std::optional<std::string> Receive(std::chrono::milliseconds timeout);
+
+private:
+    std::string path_;
+    int fd_ = -1;
 };
 
 using emu::DescriptorCount;

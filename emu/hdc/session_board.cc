@@ -1,0 +1,98 @@
+#include "emu/hdc/session_board.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "emu/common/emu_paths.h"
+
+namespace orv::emu {
+
+namespace {
+
+int64_t NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+std::string SessionBoardPath(const std::string& hdcDir) {
+    return hdcDir + "/sessions";
+}
+
+SessionBoard& SessionBoard::Instance() {
+    // Never destroyed: receive threads may still report while the process exits.
+    static SessionBoard* const board =
+        new SessionBoard(SessionBoardPath(EnvOr(kHdcDirEnv, kDefaultHdcDir)));
+    return *board;
+}
+
+SessionBoard::SessionBoard(std::string path) : path_(std::move(path)) {}
+
+void SessionBoard::Opened(uint32_t sessionId, uint32_t deviceId) {
+    MutexLock lock(&mutex_);
+    Entry& entry = sessions_[sessionId];
+    entry.deviceId = deviceId;
+    entry.openedMs = NowMs();
+    Publish();
+}
+
+void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid,
+                           int32_t type) {
+    MutexLock lock(&mutex_);
+    auto it = sessions_.find(sessionId);
+    if (it == sessions_.end()) {
+        return;
+    }
+    Entry& entry = it->second;
+    // Only a change is published: a host repeating its request costs nothing.
+    if (entry.sinceMs != 0 && entry.deviceId == deviceId && entry.vfId == vfId &&
+        entry.hostPid == hostPid && entry.lastType == type) {
+        return;
+    }
+    if (entry.sinceMs == 0) {
+        entry.sinceMs = NowMs();
+    }
+    entry.deviceId = deviceId;
+    entry.vfId = vfId;
+    entry.hostPid = hostPid;
+    entry.lastType = type;
+    Publish();
+}
+
+void SessionBoard::Closed(uint32_t sessionId) {
+    MutexLock lock(&mutex_);
+    if (sessions_.erase(sessionId) != 0) {
+        Publish();
+    }
+}
+
+void SessionBoard::Publish() {
+    std::string text;
+    char line[256];
+    for (const auto& [id, e] : sessions_) {
+        std::snprintf(
+            line, sizeof(line),
+            "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n",
+            id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
+            static_cast<long long>(e.sinceMs), e.lastType);
+        text += line;
+    }
+    // Best effort: a board that cannot be written leaves the sessions alone.
+    std::string tmp = path_ + ".tmp";
+    FILE* out = std::fopen(tmp.c_str(), "we");
+    if (out == nullptr) {
+        return;
+    }
+    bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    written = std::fclose(out) == 0 && written;
+    if (!written || std::rename(tmp.c_str(), path_.c_str()) != 0) {
+        ::unlink(tmp.c_str());
+    }
+}
+
+}  // namespace orv::emu
