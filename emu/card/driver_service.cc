@@ -207,7 +207,7 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
             return reply;
         }
         case CardRequest::kHalVerifyImg:
-            verified_->Record(request.hal_verify_img().path());
+            verified_->Record(request.hal_verify_img().path(), request.hal_verify_img().size());
             return Reply(DRV_ERROR_NONE);
         case CardRequest::kStandinBehaviour: {
             std::string behaviour;

@@ -26,9 +26,11 @@ class VerifyLog {
     VerifyLog(const VerifyLog&) = delete;
     VerifyLog& operator=(const VerifyLog&) = delete;
 
-    // Notes that `path` is being verified; its size is read now, before the
-    // daemon unpacks and removes it.
-    void Record(const std::string& path) LOCKS_EXCLUDED(mutex_);
+    // Notes that `path` is being verified, `size` bytes (0: its size is read
+    // now, before the daemon unpacks and removes it). A path the daemon
+    // hands over as one of its own descriptors (/proc/self/fd/N) means
+    // nothing here: the size must come with it.
+    void Record(const std::string& path, uint64_t size) LOCKS_EXCLUDED(mutex_);
     std::vector<Entry> Entries() const LOCKS_EXCLUDED(mutex_);
 
   private:

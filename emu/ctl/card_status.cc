@@ -267,13 +267,18 @@ std::optional<PackageView> InstalledPackage(const std::string& stateDir, int32_t
         return std::nullopt;
     }
     package.installedMs = MtimeMs(st);
-    // The newest verification of a package of this name for this VF before
-    // the install: the daemon verifies a package, then unpacks it.
+    // The daemon verifies a package, then unpacks it: the newest verification
+    // before the install. One by a path in the staging directory names its
+    // VF and package; one of a private copy (a descriptor of the daemon's)
+    // names neither, and is taken by its time alone.
     const std::string staged = std::string(kStagingDir) + "vf" + std::to_string(vf) + "_";
+    const std::string privateCopy = "/proc/self/fd/";
     for (const CardStatus::VerifiedPackage& verified : card.verified()) {
-        if (verified.path().compare(0, staged.size(), staged) == 0 &&
-            ArchiveName(verified.path().substr(staged.size())) == package.name &&
-            verified.time_ms() <= package.installedMs) {
+        const std::string& path = verified.path();
+        bool ours = path.compare(0, staged.size(), staged) == 0
+                        ? ArchiveName(path.substr(staged.size())) == package.name
+                        : path.compare(0, privateCopy.size(), privateCopy) == 0;
+        if (ours && verified.time_ms() <= package.installedMs) {
             package.checkCode = static_cast<uint32_t>(verified.size());
         }
     }

@@ -2,6 +2,7 @@
 // the emulated card): checks a package's signature by the emulated vendor key.
 #include <fcntl.h>
 #include <img_verify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -15,18 +16,27 @@ extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, co
     if (path == nullptr) {
         return 1;
     }
-    // A fault injected for this call is the card's answer; a card that cannot
-    // be reached (a test without one) leaves the check to the key alone.
-    orv::emu::CardRequest request;
-    request.mutable_hal_verify_img()->set_path(path);
-    orv::emu::CardReply reply;
-    drvError_t code = orv::emu::CardClient::Instance().Call(request, &reply);
-    if (code != DRV_ERROR_NONE && reply.code() == code) {
-        return code;
-    }
     // Close-on-exec: this runs inside the daemon, whose sub-processes must
     // not inherit it.
     int fd = open(path, O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    // A fault injected for this call is the card's answer; a card that cannot
+    // be reached (a test without one) leaves the check to the key alone. The
+    // card learns the size here: the path may name one of the caller's own
+    // descriptors, which means nothing to the card.
+    orv::emu::CardRequest request;
+    request.mutable_hal_verify_img()->set_path(path);
+    if (fd >= 0 && fstat(fd, &st) == 0) {
+        request.mutable_hal_verify_img()->set_size(static_cast<uint64_t>(st.st_size));
+    }
+    orv::emu::CardReply reply;
+    drvError_t code = orv::emu::CardClient::Instance().Call(request, &reply);
+    if (code != DRV_ERROR_NONE && reply.code() == code) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return code;
+    }
     if (fd < 0) {
         return 2;
     }

@@ -147,7 +147,8 @@ bool RunLayout(const SandboxPlan& plan, std::string* error) {
                 "ORV_LAYOUT_VFS=" + JoinVfs(o.vfs),
                 "ORV_LAYOUT_SHARE=" + plan.shareDir,
                 "ORV_LAYOUT_STANDIN=" + plan.standIn,
-                "ORV_LAYOUT_PROGRAMS=" + plan.daemon + " " + plan.cardEmu + " " + plan.emuCtl + " " + plan.host,
+                "ORV_LAYOUT_PROGRAMS=" + plan.daemon + " " + plan.cardEmu + " " + plan.emuCtl + " " + plan.host + " " +
+                    plan.submit,
                 "ORV_LAYOUT_IMGVERIFY=" + plan.imgVerify,
                 "ORV_LAYOUT_ENV_SCRIPT=" + o.envScript,
                 "ORV_LAYOUT_VF_LIMIT=" + std::to_string(o.vfMemoryLimit),

@@ -40,6 +40,7 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
     plan->cardEmu = layout.bin + "/orv-card-emu";
     plan->emuCtl = layout.bin + "/orv-emu-ctl";
     plan->host = layout.bin + "/orv-host";
+    plan->submit = layout.bin + "/orv-emu-submit";
     plan->daemon = plan->options.daemonPath.empty() ? layout.libexec + "/orvdaemon" : RealPath(plan->options.daemonPath);
     plan->standIn = layout.libexec + "/orv-subproc-stub";
     plan->imgVerify = layout.lib + "/liborv_emu_imgverify.so";

@@ -17,6 +17,7 @@ struct SandboxPlan {
     std::string cardEmu;      // orv-card-emu
     std::string emuCtl;       // orv-emu-ctl
     std::string host;         // orv-host, for driving the card from inside (may not exist)
+    std::string submit;       // orv-emu-submit, a local process that talks to the daemon as itself
     std::string daemon;       // orvdaemon
     std::string standIn;      // the sub-process stand-in (may not exist)
     std::string imgVerify;    // the image verification library (may not exist)

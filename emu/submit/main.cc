@@ -21,12 +21,16 @@
 
 #include <driver_hal.h>
 
+#include "orv_version.h"
+
 namespace {
 
-void Usage() {
-    std::fprintf(stderr,
-                 "usage: orv-emu-submit SUBEVENT [OPTIONS]\n"
-                 "Submits a record of event 19 with sub-event SUBEVENT to a process, as this process.\n"
+void Usage(FILE* out = stderr) {
+    std::fprintf(out,
+                 "Usage: orv-emu-submit SUBEVENT [OPTIONS]\n"
+                 "Submits a record of event 19 with sub-event SUBEVENT to a process, as this process,\n"
+                 "through the emulated driver; run it inside a sandbox (orv-sandbox --enter).\n"
+                 "Options:\n"
                  "  --to PID          the receiver (default: the process named orvdaemon)\n"
                  "  --group G         the receiver's group (default 0)\n"
                  "  --length N        bytes of the record (default 128)\n"
@@ -70,6 +74,14 @@ pid_t FindProcess(const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0)) {
+        if (std::strcmp(argv[1], "--help") == 0) {
+            Usage(stdout);
+        } else {
+            std::printf("orv-emu-submit %s\n", ORV_VERSION);
+        }
+        return 0;
+    }
     long subevent = 0;
     if (argc < 2 || !ParseNumber(argv[1], &subevent)) {
         Usage();
