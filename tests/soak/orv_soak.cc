@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <limits.h>
 #include <mutex>
@@ -234,6 +235,7 @@ private:
     bool Boot();
     Levels Measure() const;
     bool RunCycle(uint32_t index, Cycle cycle, std::string* why);
+    orv::emu::SandboxProcess FindSubProcess(uint32_t hostPid, const std::string& program) const;
     bool KillSubProcess(uint32_t hostPid, const std::string& program, std::string* why) const;
     void Worker();
     bool StandinsGone() const;
@@ -293,24 +295,36 @@ Levels Soak::Measure() const {
     return levels;
 }
 
+// The live sub-process `program` that the daemon started for `hostPid`,
+// found among the sandbox's processes (not the records of every stand-in the
+// run has started); its inner pid 0 when there is none.
+orv::emu::SandboxProcess Soak::FindSubProcess(uint32_t hostPid, const std::string& program) const {
+    const std::string pidArg = "--pid=" + std::to_string(hostPid);
+    for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
+        if (process.state == 'Z') {
+            continue;
+        }
+        std::ifstream cmdline("/proc/" + std::to_string(process.outer) + "/cmdline");
+        std::vector<std::string> argv;
+        for (std::string arg; std::getline(cmdline, arg, '\0');) {
+            argv.push_back(arg);
+        }
+        if (!argv.empty() && argv[0] == program && std::find(argv.begin(), argv.end(), pidArg) != argv.end()) {
+            return process;
+        }
+    }
+    return orv::emu::SandboxProcess();
+}
+
 // Kills, from outside, the sub-process `program` that the daemon started for
 // `hostPid`, as a crash would end it.
 bool Soak::KillSubProcess(uint32_t hostPid, const std::string& program, std::string* why) const {
-    const std::string pidArg = "--pid=" + std::to_string(hostPid);
-    pid_t inner = 0;
-    for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
-        if (!record.argv.empty() && record.argv[0] == program &&
-            std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end()) {
-            inner = record.pid;
-        }
+    orv::emu::SandboxProcess process = FindSubProcess(hostPid, program);
+    if (process.inner == 0) {
+        *why = program + " of host " + std::to_string(hostPid) + " not found running";
+        return false;
     }
-    for (const auto& process : orv::emu::ProcessStates(sandbox_.PidNamespace())) {
-        if (inner != 0 && process.inner == inner && process.state != 'Z') {
-            return ::kill(process.outer, SIGKILL) == 0;
-        }
-    }
-    *why = program + " of host " + std::to_string(hostPid) + " not found running";
-    return false;
+    return ::kill(process.outer, SIGKILL) == 0;
 }
 
 bool Soak::Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const {
@@ -516,7 +530,14 @@ bool Soak::Flood(std::string* why) {
         *why = "start not answered";
         return false;
     }
-    const std::string pidArg = "--pid=" + std::to_string(hostPid);
+    orv::emu::SandboxProcess flooder = FindSubProcess(hostPid, "aicpu_runner");
+    if (flooder.inner == 0) {
+        *why = "the flooding compute process is not running";
+        return false;
+    }
+    // Its own record only: the run has left thousands.
+    const std::string record =
+        sandbox_.Env()["ORV_STANDIN_RECORDS"] + "/" + std::to_string(flooder.inner) + ".txt";
     auto deadline = Clock::now() + kFloodTimeout;
     for (bool flooded = false; !flooded;) {
         if (Clock::now() >= deadline) {
@@ -525,9 +546,9 @@ bool Soak::Flood(std::string* why) {
         }
         std::this_thread::sleep_for(250ms);
         peakThreads_ = std::max(peakThreads_, orv::emu::ThreadCount(daemon_));
-        for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
-            flooded = flooded || (std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end() &&
-                                  record.Has("flooded"));
+        std::ifstream in(record);
+        for (std::string line; !flooded && std::getline(in, line);) {
+            flooded = line.compare(0, 8, "flooded ") == 0;
         }
     }
     std::printf("flood: %u reports to one session; peak %zu threads\n", options_.flood, peakThreads_);
