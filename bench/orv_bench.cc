@@ -2,20 +2,27 @@
 // baseline taken in the same run.
 //
 //   orv-bench latency [--sessions N]     start and close latency against the
-//                                        floor of a bare fork + exec + handshake
-//   orv-bench supervisord [--cycles N]   the same against supervisord on the same stand-in
+//                                        bare floor (fork + exec + one-byte handshake)
+//   orv-bench stop [--rounds N]          SIGTERM to the daemon's exit, sessions live
+//   orv-bench supervisord [--cycles N]   the same starts against supervisord on the same stand-in
 //   orv-bench concurrent [--per-device N] N hosts per device starting at once
 //   orv-bench package [--runs N]         package install against tar + signature check
 //   orv-bench resources                  RSS and threads, idle and under load
 //   orv-bench log-rate                   log statements per second
-//   orv-bench all                        all of the above
+//   orv-bench suite                      the test suite and the demo, timed
+//   orv-bench all                        all of the above, then every figure
+//                                        against its target
 //
-// `orv-bench floor` is the baseline's own half: it runs inside the sandbox.
+// `orv-bench floor` is the baselines' own half: it runs inside the sandbox.
 #include <dlfcn.h>
 #include <limits.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +62,34 @@ using orv::host::Received;
 using Clock = std::chrono::steady_clock;
 
 std::string g_binDir;
+
+// One figure against its target, for the summary at the end of `all`.
+struct Row {
+    std::string what;
+    std::string figure;
+    std::string target;
+    bool met;
+};
+std::vector<Row> g_rows;
+
+void AddRow(std::string what, std::string figure, std::string target, bool met) {
+    g_rows.push_back({std::move(what), std::move(figure), std::move(target), met});
+}
+
+std::string Format(const char* format, double value) {
+    char text[64];
+    std::snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
+// Binds the calling thread to CPU `cpu`, as the daemon binds its launching
+// thread to the device's control CPU; its children inherit it.
+void PinTo(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    (void)pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
 
 double Micros(Clock::duration d) {
     return std::chrono::duration<double, std::micro>(d).count();
@@ -118,8 +153,38 @@ int Ask(HostLink& link, HDCMessage::MsgType type, uint32_t device, uint32_t host
 
 // ---- The floor, run inside the sandbox -------------------------------------------
 
+// The bare floor: fork, exec of a trivial program, and a one-byte answer on a
+// pipe; microseconds, or -1.
+double BareStart() {
+    int answer[2];
+    if (pipe2(answer, O_CLOEXEC) != 0) {
+        return -1;
+    }
+    const std::string child = g_binDir + "/orv-bench-child";
+    auto started = Clock::now();
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(answer[1], 3);
+        char* const argv[] = {const_cast<char*>("orv-bench-child"), nullptr};
+        char* const envp[] = {nullptr};
+        execve(child.c_str(), argv, envp);
+        _exit(127);
+    }
+    close(answer[1]);
+    char byte = 0;
+    bool answered = pid > 0 && read(answer[0], &byte, 1) == 1;
+    auto done = Clock::now();
+    close(answer[0]);
+    if (pid > 0) {
+        waitpid(pid, nullptr, 0);
+    }
+    return answered ? Micros(done - started) : -1.0;
+}
+
 // Forks and executes the compute stand-in and waits for its start report, as
-// the daemon does minus everything else; then closes it the same way.
+// the daemon does minus everything else; then closes it the same way. Each
+// round measures the bare floor too, and both run on the control CPU of
+// device 0, where the daemon starts its sub-processes.
 int RunFloor(int count) {
     if (halEschedAttachDevice(0) != DRV_ERROR_NONE || halEschedCreateGrp(0, 0, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
         halEschedSubscribeEvent(0, 0, 0, 1ULL << EVENT_CCPU_CTRL_MSG) != DRV_ERROR_NONE) {
@@ -127,7 +192,9 @@ int RunFloor(int count) {
         return 1;
     }
     signal(SIGCHLD, SIG_DFL);
+    PinTo(0);
     for (int i = 0; i < count; ++i) {
+        double bare = BareStart();
         std::string pidArg = "--pid=" + std::to_string(900000 + i);
         auto started = Clock::now();
         pid_t child = fork();
@@ -164,7 +231,7 @@ int RunFloor(int count) {
         }
         waitpid(child, nullptr, 0);
         auto closed = Clock::now();
-        std::printf("%.1f %.1f\n", reported ? Micros(handshaken - started) : -1.0, Micros(closed - closing));
+        std::printf("%.1f %.1f %.1f\n", bare, reported ? Micros(handshaken - started) : -1.0, Micros(closed - closing));
     }
     return 0;
 }
@@ -176,19 +243,36 @@ struct Samples {
     std::vector<double> close;
 };
 
-// Runs the floor inside the sandbox: `count` stand-ins started and closed one after another.
-Samples MeasureFloor(const SandboxClient& sandbox, int count) {
+struct Floors {
+    std::vector<double> bare;  // fork + exec + one-byte handshake of a trivial program
+    Samples standin;           // the stand-in's start handshake and close
+};
+
+// Runs the floors inside the sandbox: `count` rounds, one after another.
+Floors MeasureFloor(const SandboxClient& sandbox, int count) {
     std::string output;
     sandbox.Enter({g_binDir + "/orv-bench", "floor", std::to_string(count)}, &output);
-    Samples floor;
+    Floors floors;
     std::istringstream lines(output);
-    for (double start, close; lines >> start >> close;) {
+    for (double bare, start, close; lines >> bare >> start >> close;) {
+        if (bare >= 0) {
+            floors.bare.push_back(bare);
+        }
         if (start >= 0) {
-            floor.start.push_back(start);
-            floor.close.push_back(close);
+            floors.standin.start.push_back(start);
+            floors.standin.close.push_back(close);
         }
     }
-    return floor;
+    return floors;
+}
+
+double P50(const std::vector<double>& samples) {
+    return Percentile(samples, 0.5);
+}
+
+// "a / b" of the p50s.
+double Ratio(const std::vector<double>& a, const std::vector<double>& b) {
+    return P50(a) / std::max(1.0, P50(b));
 }
 
 // `sessions` host processes (pids from `firstHostPid`) one after another on
@@ -218,24 +302,96 @@ int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_
 }
 
 int Latency(int sessions) {
-    std::printf("\nStart and close latency (%d sessions, compute + collective service, device 0)\n", sessions);
+    std::printf("\nStart and close latency (%d sessions of each kind, device 0), against the floors\n", sessions);
     SandboxClient sandbox(g_binDir, MakeState("latency"));
     if (!sandbox.Boot({}, 30s)) {
         std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
         return 1;
     }
-    Samples floor = MeasureFloor(sandbox, sessions);
-    Samples daemon;
-    int failures = MeasureDaemon(sandbox, sessions, true, 10000, &daemon);
+    Floors floors = MeasureFloor(sandbox, sessions);
+    // Interleaved, so that the machine's other load falls on both alike.
+    Samples computeOnly;
+    Samples both;
+    int failures = 0;
+    for (int i = 0; i < sessions; ++i) {
+        failures += MeasureDaemon(sandbox, 1, false, 10000 + static_cast<uint32_t>(i), &computeOnly);
+        failures += MeasureDaemon(sandbox, 1, true, 20000 + static_cast<uint32_t>(i), &both);
+    }
     sandbox.Stop();
-    Report("floor: fork + exec + start handshake of one stand-in", floor.start);
-    Report("floor: close request to exit of one stand-in", floor.close);
-    Report("daemon start (request -> type-8 reply)", daemon.start);
-    Report("daemon close (request -> type-9 reply)", daemon.close);
-    double ratio = Percentile(daemon.start, 0.5) / std::max(1.0, Percentile(floor.start, 0.5));
-    std::printf("  start p50 / floor p50 = %.2fx (target: within 3x); close p50 = %.2f ms (target: under 5 ms)%s\n",
-                ratio, Percentile(daemon.close, 0.5) / 1000.0, failures != 0 ? "; FAILED SESSIONS" : "");
+    Report("bare floor: fork + exec + one-byte handshake", floors.bare);
+    Report("stand-in: fork + exec + start handshake", floors.standin.start);
+    Report("stand-in: close request to exit", floors.standin.close);
+    Report("daemon start, compute only (-> type-8 reply)", computeOnly.start);
+    Report("daemon start, compute + collective service", both.start);
+    Report("daemon close, compute only (-> type-9 reply)", computeOnly.close);
+    Report("daemon close, compute + collective service", both.close);
+    double standin = Ratio(floors.standin.start, floors.bare);
+    double one = Ratio(computeOnly.start, floors.bare);
+    double two = Ratio(both.start, floors.bare);
+    std::printf("  against the bare floor: stand-in handshake %.2fx, start compute only %.2fx, compute + "
+                "collective service %.2fx%s\n",
+                standin, one, two, failures != 0 ? "; FAILED SESSIONS" : "");
+    std::printf("  against the stand-in's handshake: start compute only %.2fx, compute + collective service %.2fx\n",
+                Ratio(computeOnly.start, floors.standin.start), Ratio(both.start, floors.standin.start));
+    AddRow("bare floor: fork + exec + one-byte handshake", Format("%.2f ms", P50(floors.bare) / 1000), "(the floor)",
+           true);
+    AddRow("the stand-in's start handshake", Format("%.2fx the floor", standin), "close to the floor (1.5x)",
+           standin <= 1.5);
+    AddRow("start, compute only", Format("%.2fx the floor", one) + Format(" (%.2f ms)", P50(computeOnly.start) / 1000),
+           "2x", one <= 2.0);
+    AddRow("start, compute + collective service",
+           Format("%.2fx the floor", two) + Format(" (%.2f ms)", P50(both.start) / 1000), "3x", two <= 3.0);
+    AddRow("close, compute + collective service", Format("%.2f ms", P50(both.close) / 1000), "2 ms",
+           P50(both.close) <= 2000);
     return failures == 0 ? 0 : 1;
+}
+
+// ---- Stop -------------------------------------------------------------------------------
+
+// SIGTERM to the sandbox (which hands it to the daemon) with sessions live:
+// the daemon's exit, and the whole sandbox's.
+int StopTimes(int rounds) {
+    std::printf("\nSIGTERM with sessions live (%d rounds; 4 hosts, compute + collective service)\n", rounds);
+    std::vector<double> daemonExit;
+    std::vector<double> sandboxDown;
+    for (int round = 0; round < rounds; ++round) {
+        SandboxClient sandbox(g_binDir, MakeState("stop"));
+        if (!sandbox.Boot({}, 30s)) {
+            std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
+            return 1;
+        }
+        std::vector<std::unique_ptr<HostLink>> links;
+        for (uint32_t host = 0; host < 4; ++host) {
+            links.push_back(Connect(sandbox, 0));
+            if (links.back() == nullptr ||
+                Ask(*links.back(), HDCMessage::ORV_START_PROC_MSG, 0, 50000 + host, true,
+                    HDCMessage::ORV_START_PROC_RSP) != 0) {
+                std::fprintf(stderr, "orv-bench: a start failed\n");
+                return 1;
+            }
+        }
+        int daemonFd = static_cast<int>(syscall(SYS_pidfd_open, sandbox.DaemonPid(), 0));
+        auto asked = Clock::now();
+        std::thread stopper([&] { sandbox.Stop(); });
+        pollfd exited{daemonFd, POLLIN, 0};
+        if (daemonFd >= 0 && poll(&exited, 1, 30000) == 1) {
+            daemonExit.push_back(Micros(Clock::now() - asked));
+        }
+        stopper.join();
+        sandboxDown.push_back(Micros(Clock::now() - asked));
+        if (daemonFd >= 0) {
+            close(daemonFd);
+        }
+        orv::emu::RunProgram({"/bin/rm", "-rf", sandbox.StateDir(), sandbox.StateDir() + ".out"});
+    }
+    Report("SIGTERM -> the daemon's exit", daemonExit);
+    Report("SIGTERM -> the whole sandbox down", sandboxDown);
+    AddRow("SIGTERM to the daemon's exit, sessions live", Format("%.0f ms p50", P50(daemonExit) / 1000), "100 ms",
+           !daemonExit.empty() && P50(daemonExit) <= 100000);
+    double worst = sandboxDown.empty() ? 0 : *std::max_element(sandboxDown.begin(), sandboxDown.end());
+    AddRow("SIGTERM to the whole sandbox down", Format("%.0f ms at most", worst / 1000), "1 s",
+           !sandboxDown.empty() && worst <= 1000000);
+    return 0;
 }
 
 // ---- A general-purpose supervisor on the same stand-in --------------------------------
@@ -269,7 +425,7 @@ class StartReportWatch {
 public:
     explicit StartReportWatch(std::string dir) : dir_(std::move(dir)) {
         fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (fd_ >= 0 && inotify_add_watch(fd_, dir_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+        if (fd_ >= 0 && inotify_add_watch(fd_, dir_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_MODIFY) < 0) {
             close(fd_);
             fd_ = -1;
         }
@@ -410,7 +566,7 @@ int Supervisord(int cycles) {
     if (!watch.Valid() || !StartSupervisord(sandbox, &rpc)) {
         return 1;
     }
-    Samples floor = MeasureFloor(sandbox, cycles);
+    Floors floors = MeasureFloor(sandbox, cycles);
     // One session of each kind per round, so that the machine's other load
     // falls on all of them alike.
     Samples daemonOne;
@@ -458,8 +614,9 @@ int Supervisord(int cycles) {
         std::fprintf(stderr, "orv-bench: supervisord: %s\n", error.c_str());
     }
 
-    Report("floor: fork + exec + start handshake of one stand-in", floor.start);
-    Report("floor: close request to exit of one stand-in", floor.close);
+    Report("bare floor: fork + exec + one-byte handshake", floors.bare);
+    Report("stand-in: fork + exec + start handshake", floors.standin.start);
+    Report("stand-in: close request to exit", floors.standin.close);
     Report("daemon start, compute process only (-> type-8 reply)", daemonOne.start);
     Report("daemon start, compute + collective service", daemonTwo.start);
     Report("supervisord startProcess, startsecs=0 (-> RUNNING)", supervisord.start);
@@ -479,6 +636,11 @@ int Supervisord(int cycles) {
     std::printf("  close p50, daemon / supervisord: compute only %.2fx, compute + collective service %.2fx%s\n",
                 ratio(daemonOne.close, supervisord.close), ratio(daemonTwo.close, supervisord.close),
                 failures != 0 || !error.empty() ? "; FAILURES" : "");
+    double start = ratio(daemonOne.start, supervisordReady);
+    double stop = ratio(daemonOne.close, supervisord.close);
+    AddRow("start, compute only, against supervisord's like-for-like start", Format("%.2fx", start), "1/3",
+           start <= 1.0 / 3);
+    AddRow("close, compute only, against supervisord's stop", Format("%.2fx", stop), "1/2", stop <= 0.5);
     return failures == 0 && error.empty() ? 0 : 1;
 }
 
@@ -565,9 +727,16 @@ int Concurrent(int perDevice, bool reportResources) {
         }
     }
     std::printf("  answered %d of %d in %.1f ms\n", answered.load(), hosts, all / 1000.0);
+    AddRow(std::to_string(perDevice) + " hosts on each of " + std::to_string(devices) + " devices starting at once",
+           Format("last answer after %.2f s", all / 1e6) + (answered == hosts ? "" : ", NOT ALL ANSWERED"), "1 s",
+           answered == hosts && all <= 1e6);
     Report("start latency under that load", answeredLatency);
     std::printf("  daemon threads: idle %zu, peak %zu, after closing %zu (%s)\n", idle.threads, peak.threads,
                 after.threads, after.threads <= idle.threads ? "back to idle" : "NOT back to idle");
+    AddRow("the daemon's threads after the hosts closed", Format("%.0f", static_cast<double>(after.threads)),
+           Format("idle (%.0f)", static_cast<double>(idle.threads)), after.threads <= idle.threads);
+    AddRow("the daemon's resident size at the peak", Format("%.1f MiB", peak.rssKb / 1024.0), "64 MiB",
+           peak.rssKb < 64 * 1024);
     if (reportResources) {
         std::printf("\nResources of the daemon\n");
         std::printf("  idle:        RSS %6zu KiB, %3zu threads\n", idle.rssKb, idle.threads);
@@ -705,6 +874,41 @@ int LogRate() {
     return 0;
 }
 
+// ---- The suite and the demo ----------------------------------------------------------
+
+// Wall time of a program run to its end, in seconds; its status in `status`.
+double TimeRun(const std::vector<std::string>& argv, int* status) {
+    auto t0 = Clock::now();
+    *status = orv::emu::RunProgram(argv, nullptr, "", std::chrono::minutes(30));
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+int Suite() {
+    std::printf("\nThe test suite and the demo, as `make test` and `make demo` run them after the build\n");
+    const std::string buildDir = g_binDir + "/..";
+    int testStatus = 0;
+    double test = TimeRun({"/usr/bin/ctest", "--test-dir", buildDir, "-j", "8"}, &testStatus);
+    int demoStatus = 0;
+    double demo = TimeRun({g_binDir + "/orv-demo"}, &demoStatus);
+    std::printf("  test suite: %.1f s (%s); demo: %.1f s (%s)\n", test, testStatus == 0 ? "passed" : "FAILED", demo,
+                demoStatus == 0 ? "passed" : "FAILED");
+    AddRow("the test suite on 2 cores", Format("%.0f s", test), "60 s", testStatus == 0 && test <= 60);
+    AddRow("the demo", Format("%.1f s", demo), "5 s", demoStatus == 0 && demo <= 5);
+    return testStatus == 0 && demoStatus == 0 ? 0 : 1;
+}
+
+// Every figure against its target; non-zero when one missed it.
+int Summary() {
+    std::printf("\nEvery figure against its target\n");
+    bool all = true;
+    for (const Row& row : g_rows) {
+        std::printf("  %-62s %-34s target %-26s %s\n", row.what.c_str(), row.figure.c_str(), row.target.c_str(),
+                    row.met ? "met" : "NOT MET");
+        all = all && row.met;
+    }
+    return all ? 0 : 1;
+}
+
 int Option(int argc, char** argv, const char* name, int fallback) {
     for (int i = 2; i + 1 < argc; ++i) {
         if (std::strcmp(argv[i], name) == 0) {
@@ -723,13 +927,19 @@ int main(int argc, char** argv) {
         return RunFloor(argc > 2 ? std::atoi(argv[2]) : 200);
     }
     if (command == "latency") {
-        return Latency(Option(argc, argv, "--sessions", 200));
+        return Latency(Option(argc, argv, "--sessions", 200)) | Summary();
+    }
+    if (command == "stop") {
+        return StopTimes(Option(argc, argv, "--rounds", 10)) | Summary();
+    }
+    if (command == "suite") {
+        return Suite() | Summary();
     }
     if (command == "supervisord") {
-        return Supervisord(Option(argc, argv, "--cycles", 200));
+        return Supervisord(Option(argc, argv, "--cycles", 200)) | Summary();
     }
     if (command == "concurrent") {
-        return Concurrent(Option(argc, argv, "--per-device", 32), false);
+        return Concurrent(Option(argc, argv, "--per-device", 32), false) | Summary();
     }
     if (command == "resources") {
         return Concurrent(Option(argc, argv, "--per-device", 32), true);
@@ -743,12 +953,15 @@ int main(int argc, char** argv) {
     if (command == "all") {
         int status = 0;
         status |= Latency(200);
+        status |= StopTimes(10);
         status |= Supervisord(200);
         status |= Concurrent(32, true);
         status |= Packages(5);
         status |= LogRate();
-        return status;
+        status |= Suite();
+        return status | Summary();
     }
-    std::fprintf(stderr, "usage: orv-bench [latency|supervisord|concurrent|resources|package|log-rate|all]\n");
+    std::fprintf(stderr,
+                 "usage: orv-bench [latency|stop|supervisord|concurrent|resources|package|log-rate|suite|all]\n");
     return 2;
 }

@@ -302,16 +302,12 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
     StartGate gate;
     int32_t pid = ForkSubProcess(path, name, type, ctrlCpus, &gate);
     if (pid < 1) {
-        OrvDaemon::GetInstance()->GenerateAlarmMessage(type, 0, fmkPid_, ALARM_REASON_FORK_FAILED);
-        ORV_LOG(ORV_ERROR,
-                "[OrvDaemon] ExecuteStart() process num > process max threshold or out of memory [pid=%d],[errno=%d]",
-                pid, errno);
-        perror("[OrvDaemon] ############### ExecuteStart fork() error: ##################");
         // A child whose group grant or affinity restore failed runs on, as it
         // always has; it is tracked like any other, and ends with the session.
-        if (gate.Child() > 0 && RecordForkedSubProcess(gate.TakeHandle(), type)) {
-            gate.Release();
+        if (gate.Child() > 0 && RecordForkedSubProcess(gate.TakeHandle(), type) && !gate.Release()) {
+            SetSubProcPid(-1, type);
         }
+        StartFailed(type, pid);
     } else {
         ORV_LOG(ORV_EVENT,
                 "[OrvEVENT]#### Start ORV->SubProcess[PROC] Start Msg device index in os[%u] Proc[%s] fmkPid[%u] "
@@ -323,7 +319,12 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
         if (!RecordForkedSubProcess(gate.TakeHandle(), type)) {
             return;
         }
-        gate.Release();
+        if (!gate.Release()) {
+            // The exec failed and the child has ended: as a failed start.
+            SetSubProcPid(-1, type);
+            StartFailed(type, -1);
+            return;
+        }
         std::string procName;
         OrvDaemon::GetInstance()->GetPidAppName(type, static_cast<uint32_t>(pid), procName);
         if (type == QUEUE_SCHEDULE && OrvDaemon::GetInstance()->GetZebFlag()) {
@@ -342,11 +343,14 @@ void OrvImpl::ExecuteStart(const std::string& path, const std::string& name, Orv
     }
     ORV_LOG(ORV_INFO, "[OrvDaemon] device index in os[%u] sessId[%u] fmkPid[%u] vfId[%d] ExecuteStart() end",
             deviceIdInOs_, sessionId_, fmkPid_, vfId_);
-    if (getpid() != daemonPid) {
-        // The child of a fork whose exec failed has run the failure path
-        // above; it must not go on as a copy of the daemon.
-        _exit(EXIT_FAILURE);
-    }
+}
+
+void OrvImpl::StartFailed(OrvSubProcessType type, int32_t pid) {
+    OrvDaemon::GetInstance()->GenerateAlarmMessage(type, 0, fmkPid_, ALARM_REASON_FORK_FAILED);
+    ORV_LOG(ORV_ERROR,
+            "[OrvDaemon] ExecuteStart() process num > process max threshold or out of memory [pid=%d],[errno=%d]",
+            pid, errno);
+    perror("[OrvDaemon] ############### ExecuteStart fork() error: ##################");
 }
 
 uint32_t OrvImpl::StartRspProc(uint32_t subPid, uint32_t procType) {

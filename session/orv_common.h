@@ -225,6 +225,9 @@ private:
     bool StartEventThread(std::function<void()> work, const char* what);
     // Starts `work` on a thread kept in forkTasks_; false as above.
     bool StartForkTask(std::function<void()> work, const char* what);
+    // A sub-process could not be started, or its exec failed: the alarm and
+    // the lines of a failed fork.
+    void StartFailed(OrvSubProcessType type, int32_t pid);
     // Sends the start time-out's failure answer, off the monitor thread.
     void SendTimeoutRsp(const std::string& reason);
     // The custom process asked for did not report its start in time.

@@ -58,6 +58,10 @@ std::shared_ptr<ProcessHandle> ProcessHandle::ForProcess(pid_t pid) {
     return std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, pidfd));
 }
 
+std::shared_ptr<ProcessHandle> ProcessHandle::Adopt(pid_t pid, int pidfd) {
+    return std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, pidfd));
+}
+
 ProcessHandle::~ProcessHandle() {
     if (pidfd_ >= 0) {
         close(pidfd_);

@@ -20,6 +20,9 @@ public:
     // A handle on any process, such as the leftovers of an earlier daemon;
     // null when there is no such process.
     static std::shared_ptr<ProcessHandle> ForProcess(pid_t pid);
+    // A handle on child `pid` through `pidfd`, which the clone that made it
+    // returned; takes ownership of the descriptor.
+    static std::shared_ptr<ProcessHandle> Adopt(pid_t pid, int pidfd);
 
     ~ProcessHandle();
     ProcessHandle(const ProcessHandle&) = delete;

@@ -1,9 +1,13 @@
 #include "session/process_util.h"
 
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
 #include <driver_hal.h>
@@ -20,52 +24,233 @@ constexpr drvError_t kGrantedAlready = 10;
 constexpr drvError_t kGrantNotSupported = 65534;
 }  // namespace
 
-// A socket pair rather than a pipe, so that releasing a child that was killed
-// meanwhile raises no SIGPIPE.
-bool StartGate::Open() {
-    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) == 0;
-}
+// ---- The start gate ---------------------------------------------------------------
 
-void StartGate::Pass() {
-    close(fds_[1]);
-    fds_[1] = -1;
-    char go = 0;
+namespace {
+
+// The child's answers on the gate: it waits for its go, or its exec failed.
+constexpr char kChildWaits = 'w';
+constexpr char kExecFailed = 'f';
+constexpr char kGo = 'g';
+// The stack a child sharing the daemon's memory runs on until its exec: the
+// callback and, when the exec fails, one log line.
+constexpr size_t kChildStackSize = 256 * 1024;
+constexpr std::chrono::milliseconds kChildEndWait(2000);
+
+// Sanitizers keep state per thread that a child sharing the daemon's memory
+// would share too: sanitized builds fork.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kShareMemoryUntilExec = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kShareMemoryUntilExec = false;
+#else
+constexpr bool kShareMemoryUntilExec = true;
+#endif
+#else
+constexpr bool kShareMemoryUntilExec = true;
+#endif
+
+ssize_t ReadByte(int fd, char* byte) {
     ssize_t got;
     do {
-        got = read(fds_[0], &go, 1);
+        got = read(fd, byte, 1);
     } while (got < 0 && errno == EINTR);
-    if (got != 1) {
-        _exit(EXIT_FAILURE);
-    }
-    Close();
+    return got;
 }
 
-void StartGate::Forked(int32_t pid) {
-    child_ = pid;
-    close(fds_[0]);
-    fds_[0] = -1;
-    handle_ = ProcessHandle::ForChild(pid);
-}
+}  // namespace
 
-void StartGate::Release() {
-    if (fds_[1] >= 0) {
-        const char go = 1;
-        (void)send(fds_[1], &go, 1, MSG_NOSIGNAL);
-    }
-    Close();
-}
+struct StartGate::Launch {
+    // Copies: the child reads them at its exec, after the launch's caller
+    // has moved on.
+    std::string path;
+    std::vector<std::string> args;
+    std::vector<std::string> envs;
+    bool keepEnvironment = false;
+    std::vector<char*> argv;
+    std::vector<char*> envp;
+    std::function<void()> callback;
+    sigset_t mask;  // the launching thread's, for the program
+    int childFd = -1;
+    int parentFd = -1;  // the launching thread's end, which the child must not hold
+    void* stack = nullptr;
 
-void StartGate::Close() {
-    for (int& fd : fds_) {
-        if (fd >= 0) {
-            close(fd);
-            fd = -1;
+    ~Launch() {
+        if (stack != nullptr) {
+            munmap(stack, kChildStackSize);
         }
     }
-}
+
+    // The child, between the start and the exec.
+    static int Run(void* arg) {
+        Launch* launch = static_cast<Launch*>(arg);
+        close(launch->parentFd);
+        // Signals stay blocked until the exec; a handler of the daemon's must
+        // never run here, so each goes back to the default first (ignored
+        // ones stay ignored, as across an exec).
+        for (int sig = 1; sig < NSIG; ++sig) {
+            struct sigaction action {};
+            if (sig != SIGKILL && sig != SIGSTOP && sigaction(sig, nullptr, &action) == 0 &&
+                action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN) {
+                action.sa_handler = SIG_DFL;
+                action.sa_flags = 0;
+                (void)sigaction(sig, &action, nullptr);
+            }
+        }
+        if (launch->callback) {
+            launch->callback();
+        }
+        char byte = kChildWaits;
+        char go = 0;
+        if (write(launch->childFd, &byte, 1) != 1 || ReadByte(launch->childFd, &go) != 1 || go != kGo) {
+            _exit(EXIT_FAILURE);
+        }
+        sigprocmask(SIG_SETMASK, &launch->mask, nullptr);
+        if (launch->keepEnvironment) {
+            execv(launch->path.c_str(), launch->argv.data());
+        } else {
+            execve(launch->path.c_str(), launch->argv.data(), launch->envp.data());
+        }
+        // The launching thread logs it: a child that shares the daemon's
+        // memory takes none of its locks.
+        byte = kExecFailed;
+        (void)!write(launch->childFd, &byte, 1);
+        _exit(EXIT_FAILURE);
+    }
+};
+
+StartGate::StartGate() = default;
 
 StartGate::~StartGate() {
-    Close();
+    Finish();
+}
+
+int32_t StartGate::Start(const std::string& path, char* const argv[], char* const envp[], bool useExecv,
+                         const std::function<void()>& callback) {
+    launch_ = std::make_unique<Launch>();
+    Launch& launch = *launch_;
+    launch.path = path;
+    for (char* const* arg = argv; arg != nullptr && *arg != nullptr; ++arg) {
+        launch.args.emplace_back(*arg);
+    }
+    for (char* const* env = envp; env != nullptr && *env != nullptr; ++env) {
+        launch.envs.emplace_back(*env);
+    }
+    for (std::string& arg : launch.args) {
+        launch.argv.push_back(arg.data());
+    }
+    launch.argv.push_back(nullptr);
+    for (std::string& env : launch.envs) {
+        launch.envp.push_back(env.data());
+    }
+    launch.envp.push_back(nullptr);
+    launch.keepEnvironment = useExecv;
+    launch.callback = callback;
+    // A socket pair rather than a pipe: answering a child that was killed
+    // meanwhile raises no SIGPIPE. The child's end closes at its exec.
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        return -1;
+    }
+    launch.childFd = fds[0];
+    launch.parentFd = fds[1];
+    parentFd_ = fds[1];
+
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &launch.mask);
+    int pidfd = -1;
+    pid_t pid = -1;
+    if (kShareMemoryUntilExec) {
+        launch.stack = mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
+                            -1, 0);
+        if (launch.stack == MAP_FAILED) {
+            launch.stack = nullptr;
+        } else {
+            void* top = static_cast<char*>(launch.stack) + kChildStackSize;
+            pid = clone(&Launch::Run, top, CLONE_VM | CLONE_PIDFD | SIGCHLD, &launch, &pidfd);
+            if (pid < 0 && errno == EINVAL) {
+                // A kernel without pidfds from clone.
+                pid = clone(&Launch::Run, top, CLONE_VM | SIGCHLD, &launch);
+            }
+        }
+    } else {
+        pid = fork();
+        if (pid == 0) {
+            _exit(Launch::Run(&launch));
+        }
+    }
+    int startError = errno;
+    pthread_sigmask(SIG_SETMASK, &launch.mask, nullptr);
+    // The child has a descriptor table of its own; `launch` is shared with it
+    // and stays as it is.
+    close(launch.childFd);
+    if (pid < 0) {
+        errno = startError;
+        return -1;
+    }
+    child_ = pid;
+    // Back once the child has run its callback and waits: from here on it
+    // only runs when let go.
+    char byte = 0;
+    bool waits = ReadByte(parentFd_, &byte) == 1 && byte == kChildWaits;
+    if (pidfd >= 0) {
+        handle_ = ProcessHandle::Adopt(pid, pidfd);
+    } else {
+        handle_ = ProcessHandle::ForChild(pid);
+    }
+    if (!waits) {
+        // Killed by someone else before its exec.
+        handle_.reset();
+    }
+    return pid;
+}
+
+bool StartGate::Release() {
+    if (parentFd_ < 0 || released_) {
+        return true;
+    }
+    released_ = true;
+    const char go = kGo;
+    bool execFailed = false;
+    if (send(parentFd_, &go, 1, MSG_NOSIGNAL) == 1) {
+        // End of stream once the exec closed the child's end; a byte when
+        // the exec failed.
+        char byte = 0;
+        execFailed = ReadByte(parentFd_, &byte) == 1 && byte == kExecFailed;
+    }
+    if (execFailed) {
+        ORV_LOG(ORV_ERROR, "[ProcessUtil] StartSubProcess() execl compute process wrong.");
+    }
+    Finish();
+    return !execFailed;
+}
+
+void StartGate::Finish() {
+    if (parentFd_ >= 0) {
+        // A child never let go reads the end of the stream and ends.
+        close(parentFd_);
+        parentFd_ = -1;
+    }
+    if (launch_ == nullptr) {
+        return;
+    }
+    // The child may run on what the launch holds until its exec or its end.
+    bool done = released_ || child_ <= 0;
+    if (!done && handle_ != nullptr) {
+        done = handle_->WaitExit(kChildEndWait);
+    }
+    if (!done && child_ > 0 && handle_ == nullptr) {
+        // Gone already (killed before it waited): nothing runs on the stack.
+        done = true;
+    }
+    if (done) {
+        launch_.reset();
+    } else {
+        // Still running on it, against all odds: better kept than freed.
+        (void)launch_.release();
+    }
 }
 
 uint32_t ProcessUtil::SetThreadAffinity(pthread_t threadId, const std::vector<uint32_t>& cpus) {
@@ -141,28 +326,8 @@ int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[]
     ORV_LOG(ORV_INFO, "[ProcessUtil] execve path:%s.", path.c_str());
     StartGate ownGate;
     StartGate& startGate = gate != nullptr ? *gate : ownGate;
-    if (!startGate.Open()) {
-        ORV_LOG(ORV_ERROR, "[ProcessUtil] StartSubProcess() cannot make the start gate, errno[%d]", errno);
-        return -1;
-    }
-    static char* const kEmptyEnvironment[] = {nullptr};
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (callback) {
-            callback();
-        }
-        startGate.Pass();
-        if (useExecv) {
-            execv(path.c_str(), argv);
-        } else {
-            execve(path.c_str(), argv, envp != nullptr ? envp : kEmptyEnvironment);
-        }
-        // The caller's failure path runs in this child, which then ends there.
-        ORV_LOG(ORV_ERROR, "[ProcessUtil] StartSubProcess() execl compute process wrong.");
-        return -1;
-    }
+    int32_t pid = startGate.Start(path, argv, envp, useExecv, callback);
     if (pid < 0) {
-        startGate.Close();
         ORV_LOG(ORV_ERROR,
                 "[ProcessUtil] StartSubProcess() process num > process max threshold or out of memory [pid=%d],"
                 "[errno=%d]",
@@ -170,10 +335,9 @@ int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[]
         perror("[ProcessUtil] ############### StartSubProcess fork() error: ##################");
         return -1;
     }
-    startGate.Forked(pid);
     uint32_t granted = AddSubProcessToGroups(pid, groups);
-    if (gate == nullptr) {
-        ownGate.Release();
+    if (gate == nullptr && !ownGate.Release()) {
+        return -1;
     }
     return granted == 0 ? pid : -1;
 }

@@ -16,34 +16,44 @@
 
 namespace orv {
 
-// Holds a freshly forked child before its exec until the parent lets it go, so
-// that the parent records the child before anything the child does can be
-// seen. A gate destroyed without Release() ends its child before the exec.
+// Holds a child just started before its exec until the parent lets it go, so
+// that the parent records the child, and grants its buffer groups, before
+// anything the child does can be seen. Where it can, the child shares the
+// daemon's memory until its exec, as a vfork child does (no copy of the
+// daemon's page tables: the start costs a fraction of a fork's), and it only
+// runs while the launching thread waits for it or while it waits itself. A
+// gate destroyed without Release() ends its child before the exec.
 class StartGate {
 public:
-    StartGate() = default;
+    StartGate();
     ~StartGate();
     StartGate(const StartGate&) = delete;
     StartGate& operator=(const StartGate&) = delete;
 
-    // The child forked through this gate; 0 before the fork (and in the child).
+    // The child started through this gate; 0 before the start.
     int32_t Child() const { return child_; }
     // The handle on the child, taken while it waits; null when it is already
     // gone (killed by someone else before its exec).
-    std::shared_ptr<ProcessHandle> TakeHandle() { return std::move(handle_); }
-    // Lets the child exec.
-    void Release();
+    std::shared_ptr<ProcessHandle> TakeHandle() { return handle_; }
+    // Lets the child exec and waits until it has: false when the exec failed
+    // (the child logged it and ended).
+    bool Release();
+
+    // What the child runs with; it must outlive the child's use of it.
+    struct Launch;
 
 private:
     friend class ProcessUtil;
-    bool Open();
-    // In the child: waits for Release(), or ends when the parent gives up.
-    void Pass();
-    void Forked(int32_t pid);
-    void Close();
+    // Starts the child; its pid, or -1 (errno set).
+    int32_t Start(const std::string& path, char* const argv[], char* const envp[], bool useExecv,
+                  const std::function<void()>& callback);
+    // Ends the child if it never was let go, and frees what it ran on.
+    void Finish();
 
-    int fds_[2] = {-1, -1};  // [0] the child's end, [1] the parent's
+    std::unique_ptr<Launch> launch_;
+    int parentFd_ = -1;
     int32_t child_ = 0;
+    bool released_ = false;
     std::shared_ptr<ProcessHandle> handle_;
 };
 

@@ -9,6 +9,7 @@
 
 #include <driver_hal.h>
 #include "emu/card/emu_log.h"
+#include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
 
 namespace orv::emu {
@@ -34,6 +35,7 @@ CardEmulator::~CardEmulator() {
 
 bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
     runDir_ = sockets.control.substr(0, sockets.control.find_last_of('/'));
+    standins_.PublishTo(StandinBoardOfDriverSocket(sockets.driver));
     driverServer_ = std::make_unique<UnixServer>(
         sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); });
     controlServer_ = std::make_unique<UnixServer>(

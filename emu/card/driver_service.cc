@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -104,7 +105,31 @@ bool StandinTable::Set(uint32_t kind, const std::string& behaviour, uint32_t del
     MutexLock lock(&mutex_);
     behaviour_[kind] = behaviour;
     delayMs_[kind] = delayMs;
+    Publish();
     return true;
+}
+
+void StandinTable::PublishTo(const std::string& path) {
+    MutexLock lock(&mutex_);
+    board_ = path;
+    Publish();
+}
+
+void StandinTable::Publish() const {
+    if (board_.empty()) {
+        return;
+    }
+    std::string table;
+    for (uint32_t kind = 0; kind < kKinds; ++kind) {
+        table += std::to_string(kind) + " " + behaviour_[kind] + " " + std::to_string(delayMs_[kind]) + "\n";
+    }
+    // Renamed into place: a stand-in starting meanwhile reads one table whole.
+    std::string tmp = board_ + ".tmp";
+    if (FILE* out = std::fopen(tmp.c_str(), "we")) {
+        std::fputs(table.c_str(), out);
+        std::fclose(out);
+        std::rename(tmp.c_str(), board_.c_str());
+    }
 }
 
 void StandinTable::Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const {
@@ -209,14 +234,6 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
         case CardRequest::kHalVerifyImg:
             verified_->Record(request.hal_verify_img().path(), request.hal_verify_img().size());
             return Reply(DRV_ERROR_NONE);
-        case CardRequest::kStandinBehaviour: {
-            std::string behaviour;
-            uint32_t delayMs = 0;
-            standins_->Get(request.standin_behaviour().kind(), &behaviour, &delayMs);
-            CardReply reply = Reply(DRV_ERROR_NONE, delayMs);
-            reply.set_text(behaviour);
-            return reply;
-        }
         case CardRequest::kHalEschedAttachDevice:
         case CardRequest::kHalEschedDettachDevice:
         case CardRequest::kHalEschedCreateGrp:

@@ -31,12 +31,21 @@ public:
     static const char* const kBehaviours[];
 
     // False for an unknown kind or behaviour.
-    bool Set(uint32_t kind, const std::string& behaviour, uint32_t delayMs);
-    void Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const;
-    std::string Describe() const;
+    bool Set(uint32_t kind, const std::string& behaviour, uint32_t delayMs) LOCKS_EXCLUDED(mutex_);
+    void Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const LOCKS_EXCLUDED(mutex_);
+    std::string Describe() const LOCKS_EXCLUDED(mutex_);
+
+    // Keeps the table in file `path` from now on, where each stand-in reads
+    // its behaviour when it starts: a file read, where a call to the card
+    // would cost a round trip on every start. One line per kind: "KIND
+    // BEHAVIOUR DELAY_MS".
+    void PublishTo(const std::string& path) LOCKS_EXCLUDED(mutex_);
 
 private:
+    void Publish() const EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
     mutable Mutex mutex_;
+    std::string board_ GUARDED_BY(mutex_);
     std::string behaviour_[kKinds] GUARDED_BY(mutex_) = {"normal", "normal", "normal", "normal"};
     uint32_t delayMs_[kKinds] GUARDED_BY(mutex_) = {0, 0, 0, 0};
 };

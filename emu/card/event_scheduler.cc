@@ -42,12 +42,22 @@ void EventScheduler::Start() {
     janitor_ = std::thread([this] { ForgetGoneProcesses(); });
 }
 
+void EventScheduler::WakeAll(const Process& process) {
+    for (const auto& [id, group] : process.groups) {
+        group.arrived->SignalAll();
+    }
+}
+
 void EventScheduler::Stop() {
     {
         MutexLock lock(&mutex_);
         stopping_ = true;
+        for (const auto& [pid, process] : processes_) {
+            WakeAll(process);
+        }
+        janitorWake_.SignalAll();
+        ackChanged_.SignalAll();
     }
-    changed_.SignalAll();
     if (janitor_.joinable()) {
         janitor_.join();
     }
@@ -56,21 +66,18 @@ void EventScheduler::Stop() {
 void EventScheduler::ForgetGoneProcesses() {
     MutexLock lock(&mutex_);
     while (!stopping_) {
-        changed_.WaitUntil(Clock::now() + kJanitorPeriod);
-        bool forgot = false;
+        janitorWake_.WaitUntil(Clock::now() + kJanitorPeriod);
         for (auto it = processes_.begin(); it != processes_.end();) {
             if (Gone(it->first)) {
+                // Its waiters (none, as a rule) learn that it is gone.
+                WakeAll(it->second);
                 it = processes_.erase(it);
-                forgot = true;
             } else {
                 ++it;
             }
         }
         if (vmngClient_ != 0 && Gone(vmngClient_)) {
             vmngClient_ = 0;
-        }
-        if (forgot) {
-            changed_.SignalAll();
         }
     }
 }
@@ -99,7 +106,7 @@ int32_t EventScheduler::CreateGroup(pid_t pid, uint32_t /*devId*/, uint32_t grpI
     if (process.groups.count(grpId) != 0) {
         return DRV_ERROR_REPEATED_INIT;
     }
-    process.groups[grpId].type = type;
+    process.groups.emplace(grpId, Group(&mutex_)).first->second.type = type;
     return DRV_ERROR_NONE;
 }
 
@@ -110,8 +117,7 @@ int32_t EventScheduler::Subscribe(pid_t pid, uint32_t /*devId*/, uint32_t grpId,
     if (process == processes_.end() || process->second.groups.count(grpId) == 0) {
         return DRV_ERROR_UNINIT;
     }
-    process->second.groups[grpId].subscriptions[threadId] = eventBitmap;
-    changed_.SignalAll();
+    process->second.groups.at(grpId).subscriptions[threadId] = eventBitmap;
     return DRV_ERROR_NONE;
 }
 
@@ -143,9 +149,10 @@ int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint
                 return DRV_ERROR_NONE;
             }
         }
+        std::shared_ptr<CondVar> arrived = group->second.arrived;
         if (timeoutMs < 0) {
-            changed_.Wait();
-        } else if (!changed_.WaitUntil(deadline) && Clock::now() >= deadline) {
+            arrived->Wait();
+        } else if (!arrived->WaitUntil(deadline) && Clock::now() >= deadline) {
             return DRV_ERROR_WAIT_TIMEOUT;
         }
     }
@@ -175,9 +182,10 @@ int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t e
     record.set_src_pid(src);
     record.set_grp_id(grpId);
     record.set_msg(msg);
-    process->second.groups[grpId].queue.push_back(std::move(record));
+    Group& group = process->second.groups.at(grpId);
+    group.queue.push_back(std::move(record));
     Trace(what);
-    changed_.SignalAll();
+    group.arrived->SignalAll();
     return DRV_ERROR_NONE;
 }
 
@@ -193,7 +201,7 @@ int32_t EventScheduler::Ack(pid_t pid, uint32_t /*devId*/, uint32_t eventId, uin
     std::memcpy(&value, msg.data(), std::min(msg.size(), sizeof(value)));
     ackValue_ = value;
     ackArrived_ = true;
-    changed_.SignalAll();
+    ackChanged_.SignalAll();
     return DRV_ERROR_NONE;
 }
 
@@ -228,7 +236,7 @@ int32_t EventScheduler::ChangeVf(const VfChange& change, int32_t* ack) {
         return rc;
     }
     while (!ackArrived_ && !stopping_) {
-        if (!changed_.WaitUntil(deadline) && Clock::now() >= deadline) {
+        if (!ackChanged_.WaitUntil(deadline) && Clock::now() >= deadline) {
             break;
         }
     }

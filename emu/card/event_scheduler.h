@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -61,9 +62,14 @@ private:
     using Clock = std::chrono::steady_clock;
 
     struct Group {
+        explicit Group(Mutex* mutex) : arrived(std::make_shared<CondVar>(mutex)) {}
         uint32_t type = 0;
         std::map<uint32_t, uint64_t> subscriptions;  // thread -> event bitmap
         std::deque<EventRecord> queue;
+        // Wakes this group's waiters only: an event for one process wakes no
+        // other. Shared, so that a waiter keeps it while its process is
+        // forgotten.
+        std::shared_ptr<CondVar> arrived;
     };
 
     struct Process {
@@ -75,10 +81,13 @@ private:
     int32_t Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId, uint32_t subeventId,
                     const std::string& msg) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void Trace(const std::string& line) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // Wakes every waiter of `process`'s groups.
+    static void WakeAll(const Process& process);
     void ForgetGoneProcesses();
 
     mutable Mutex mutex_;
-    CondVar changed_{&mutex_};
+    CondVar janitorWake_{&mutex_};
+    CondVar ackChanged_{&mutex_};
     bool stopping_ GUARDED_BY(mutex_) = false;
     std::map<pid_t, Process> processes_ GUARDED_BY(mutex_);
     pid_t vmngClient_ GUARDED_BY(mutex_) = 0;

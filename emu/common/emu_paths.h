@@ -35,6 +35,11 @@ inline std::string EnvOr(const char* name, const char* fallback) {
     return (value != nullptr && *value != '\0') ? std::string(value) : std::string(fallback);
 }
 
+// The stand-ins' behaviour table the card publishes beside its driver socket.
+inline std::string StandinBoardOfDriverSocket(const std::string& driverSocket) {
+    return driverSocket.substr(0, driverSocket.find_last_of('/') + 1) + "standins";
+}
+
 }  // namespace orv::emu
 
 #endif  // ORV_EMU_COMMON_EMU_PATHS_H

@@ -8,10 +8,11 @@
 namespace orv::emu {
 
 namespace {
-// Connections kept for the next call. More than one would let a burst of
-// concurrent calls leave descriptors behind; threads that call at once get
-// connections of their own for the call's duration.
-constexpr size_t kMaxIdle = 1;
+// Connections kept for the next calls: as many as a process has threads that
+// call at once, as a rule (a stand-in's event loops and its main thread, the
+// daemon's busier threads), so that none connects anew for each call; a
+// burst beyond them leaves no descriptors behind.
+constexpr size_t kMaxIdle = 4;
 }  // namespace
 
 CardClient& CardClient::Instance() {

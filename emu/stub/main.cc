@@ -4,6 +4,7 @@
 // reports to its parent (the daemon) through the event scheduler, and behaves
 // as the card emulator says for its kind (orv-emu-ctl standin ...).
 #include <dirent.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
@@ -14,13 +15,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <driver_hal.h>
 
+#include "emu/common/emu_paths.h"
 #include "emu/driver/card_client.h"
 #include "event/orv_event_interface.h"
 
@@ -51,9 +53,13 @@ struct Options {
     uint32_t deviceId = 0;
     int32_t vfId = 0;
     uint32_t hostPid = 0;
+    // Its command line names buffer groups (the compute's list, the queue's
+    // group): the daemon has granted them before it could run.
+    bool inGroups = false;
 };
 
-std::mutex g_recordMutex;
+// The record, open for appending once it is written: each note is one write.
+std::atomic<int> g_recordFd{-1};
 std::atomic<bool> g_customStarted{false};
 
 std::string RecordPath() {
@@ -70,12 +76,12 @@ std::string OneLine(const std::string& text) {
     return s;
 }
 
-// Appends one line to the record.
+// Appends one line to the record, in one write.
 void Note(const std::string& line) {
-    std::lock_guard<std::mutex> lock(g_recordMutex);
-    if (FILE* out = std::fopen(RecordPath().c_str(), "a")) {
-        std::fprintf(out, "%s\n", OneLine(line).c_str());
-        std::fclose(out);
+    std::string text = OneLine(line) + "\n";
+    int fd = g_recordFd.load();
+    if (fd >= 0) {
+        (void)!write(fd, text.data(), text.size());
     }
 }
 
@@ -164,20 +170,42 @@ void WriteStartRecord(int argc, char** argv, const Options& options, const std::
         }
     }
     // The daemon grants a process its groups before letting it exec: they are
-    // all there from the start.
-    for (const std::string& group : OwnGroups()) {
+    // all there from the start. A process named none has none to look for.
+    for (const std::string& group : options.inGroups ? OwnGroups() : std::vector<std::string>()) {
         record += "group " + group + "\n";
     }
     for (const std::string& descriptor : inherited) {
         record += "inherited " + descriptor + "\n";
     }
+    // Written under another name and renamed, so that a reader sees it whole.
     std::string path = RecordPath();
     std::string tmp = path + ".tmp";
-    std::lock_guard<std::mutex> lock(g_recordMutex);
-    if (FILE* out = std::fopen(tmp.c_str(), "w")) {
-        std::fputs(record.c_str(), out);
-        std::fclose(out);
-        std::rename(tmp.c_str(), path.c_str());
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return;
+    }
+    if (write(fd, record.data(), record.size()) == static_cast<ssize_t>(record.size()) &&
+        rename(tmp.c_str(), path.c_str()) == 0) {
+        g_recordFd = fd;
+    } else {
+        close(fd);
+    }
+}
+
+// This kind's behaviour, from the table the card publishes beside its driver
+// socket; "normal" when there is none.
+void ReadBehaviour(uint32_t kind, std::string* behaviour, uint32_t* delayMs) {
+    std::ifstream board(orv::emu::StandinBoardOfDriverSocket(
+        orv::emu::EnvOr(orv::emu::kCardSocketEnv, orv::emu::kDefaultCardSocket)));
+    uint32_t tableKind = 0;
+    std::string tableBehaviour;
+    uint32_t tableDelay = 0;
+    while (board >> tableKind >> tableBehaviour >> tableDelay) {
+        if (tableKind == kind) {
+            *behaviour = tableBehaviour;
+            *delayMs = tableDelay;
+            return;
+        }
     }
 }
 
@@ -328,17 +356,12 @@ int main(int argc, char** argv) {
     options.deviceId = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "deviceId").c_str(), nullptr, 10));
     options.vfId = static_cast<int32_t>(std::strtol(Argument(argc, argv, "vfId").c_str(), nullptr, 10));
     options.hostPid = static_cast<uint32_t>(std::strtoul(Argument(argc, argv, "pid").c_str(), nullptr, 10));
+    options.inGroups = !Argument(argc, argv, "groupNameList").empty() || !Argument(argc, argv, "qsInitGroupName").empty();
     WriteStartRecord(argc, argv, options, inherited);
 
-    orv::emu::CardRequest query;
-    query.mutable_standin_behaviour()->set_kind(options.kind);
-    orv::emu::CardReply answer;
     std::string behaviour = "normal";
     uint32_t delayMs = 0;
-    if (orv::emu::CardClient::Instance().Call(query, &answer) == DRV_ERROR_NONE) {
-        behaviour = answer.text();
-        delayMs = static_cast<uint32_t>(answer.value());
-    }
+    ReadBehaviour(options.kind, &behaviour, &delayMs);
     Note("behaviour " + behaviour + " delay_ms " + std::to_string(delayMs));
 
     if (halEschedAttachDevice(kEventDevice) != DRV_ERROR_NONE ||
@@ -349,19 +372,23 @@ int main(int argc, char** argv) {
         Note("event scheduler set-up failed");
         return 1;
     }
-    std::thread control([&] { ControlLoop(options, behaviour); });
-    std::thread tasks(TaskLoop);
-    control.detach();
-    tasks.detach();
-
+    // Events for this process wait in its groups from the subscriptions on:
+    // the control loop may start after the report; the main thread takes the
+    // tasks at the end.
+    auto listen = [&] {
+        std::thread control([&] { ControlLoop(options, behaviour); });
+        control.detach();
+    };
     auto sleepDelay = [delayMs] { std::this_thread::sleep_for(std::chrono::milliseconds(delayMs)); };
     if (behaviour == "no-start") {
+        listen();
         Note("not reporting start");
     } else {
         if (behaviour == "delay-start") {
             sleepDelay();
         }
         Report(options, orv::ORV_SUB_EVENT_START, options.kind);
+        listen();
         if (behaviour == "crash") {
             sleepDelay();
             Note("crashing");
@@ -388,6 +415,7 @@ int main(int argc, char** argv) {
             AskForCustom(options);
         }
     }
+    TaskLoop();
     for (;;) {
         pause();
     }
