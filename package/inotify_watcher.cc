@@ -1,6 +1,7 @@
 #include "package/inotify_watcher.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -85,6 +86,13 @@ uint32_t InotifyWatcher::Init(uint32_t deviceCount) {
         return 1;
     }
     ORV_LOG(ORV_INFO, "inotify_init inotify_fd[%d] in vfId[%d] epoll_fd[%d] success", inotifyFd_, vfId_, epollFd_);
+    // Stop rings it, so that the watch thread ends at once rather than at
+    // the end of its current wait.
+    wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFd_ < 0) {
+        ORV_LOG(ORV_ERROR, "eventfd in vfId[%d] failed, %s", vfId_, SafeStrerror().c_str());
+        return 1;
+    }
     uint32_t ret = StartWatch(deviceCount);
     if (ret != 0) {
         ORV_LOG(ORV_ERROR, "start watch thread in vfId[%d] failed, ret = %d", vfId_, inotifyFd_);
@@ -127,6 +135,12 @@ uint32_t InotifyWatcher::StartWatch(const uint32_t& deviceCount) {
     event.data.fd = inotifyFd_;
     if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, inotifyFd_, &event) != 0) {
         ORV_LOG(ORV_ERROR, "epoll_ctl epoll_fd[%d] add inotify_fd[%d] failed, %s", epollFd_, inotifyFd_,
+                SafeStrerror().c_str());
+        return 1;
+    }
+    event.data.fd = wakeFd_;
+    if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &event) != 0) {
+        ORV_LOG(ORV_ERROR, "epoll_ctl epoll_fd[%d] add wake fd[%d] failed, %s", epollFd_, wakeFd_,
                 SafeStrerror().c_str());
         return 1;
     }
@@ -213,6 +227,11 @@ void InotifyWatcher::Stop() {
     }
     running_ = false;
     if (watchThread_.joinable()) {
+        uint64_t one = 1;
+        if (write(wakeFd_, &one, sizeof(one)) < 0) {
+            // The thread still notices within its wait's time-out.
+            ORV_LOG(ORV_WARN, "wake the watch thread of vfId[%d] failed, %s", vfId_, SafeStrerror().c_str());
+        }
         watchThread_.join();
     }
     ORV_LOG(ORV_INFO, "begin stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
@@ -233,6 +252,10 @@ void InotifyWatcher::Stop() {
         close(epollFd_);
     }
     epollFd_ = 0;
+    if (wakeFd_ >= 0) {
+        close(wakeFd_);
+    }
+    wakeFd_ = -1;
     ORV_LOG(ORV_INFO, "finish stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
 }
 

@@ -70,6 +70,8 @@ private:
     // and to the watch thread while it runs.
     int32_t epollFd_ = 0;
     int32_t inotifyFd_ = 0;
+    // Rung by Stop to end the watch thread's wait; -1 when not open.
+    int32_t wakeFd_ = -1;
     std::map<int32_t, std::string> wdPathMap_;
     std::thread watchThread_;
     std::shared_ptr<PackageWorker> packageWorker_;
