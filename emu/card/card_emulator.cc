@@ -1,6 +1,7 @@
 #include "emu/card/card_emulator.h"
 
 #include <errno.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -23,6 +24,17 @@ CardReply TextReply(int32_t code, const std::string& text) {
     reply.set_code(code);
     reply.set_text(text);
     return reply;
+}
+
+// The card's driver does a call's work on the calling thread's CPU; the
+// thread serving a process's calls here runs where that process may run, so
+// that handing an event from one of the card's processes to another wakes no
+// other CPU than the card would.
+void RunOnCallersCpus(pid_t caller) {
+    cpu_set_t cpus;
+    if (caller > 0 && ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0) {
+        (void)::sched_setaffinity(0, sizeof(cpus), &cpus);
+    }
 }
 
 }  // namespace
@@ -66,6 +78,9 @@ void CardEmulator::Stop() {
 }
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
+    if (!control) {
+        RunOnCallersCpus(peer);
+    }
     std::string payload;
     while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
         CardRequest request;

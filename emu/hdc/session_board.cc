@@ -5,12 +5,16 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <system_error>
 
 #include "emu/common/emu_paths.h"
 
 namespace orv::emu {
 
 namespace {
+
+// How long the board's thread lets changes gather before it writes them.
+constexpr std::chrono::milliseconds kSettle(5);
 
 int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -33,12 +37,26 @@ SessionBoard& SessionBoard::Instance() {
 
 SessionBoard::SessionBoard(std::string path) : path_(std::move(path)) {}
 
+SessionBoard::~SessionBoard() {
+    std::thread publisher;
+    {
+        MutexLock lock(&mutex_);
+        stopping_ = true;
+        changed_.SignalAll();
+        publisher.swap(publisher_);
+    }
+    if (publisher.joinable()) {
+        publisher.join();
+    }
+    Flush();
+}
+
 void SessionBoard::Opened(uint32_t sessionId, uint32_t deviceId) {
     MutexLock lock(&mutex_);
     Entry& entry = sessions_[sessionId];
     entry.deviceId = deviceId;
     entry.openedMs = NowMs();
-    Publish();
+    Changed();
 }
 
 void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid,
@@ -61,26 +79,67 @@ void SessionBoard::Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, 
     entry.vfId = vfId;
     entry.hostPid = hostPid;
     entry.lastType = type;
-    Publish();
+    Changed();
 }
 
 void SessionBoard::Closed(uint32_t sessionId) {
     MutexLock lock(&mutex_);
     if (sessions_.erase(sessionId) != 0) {
-        Publish();
+        Changed();
     }
 }
 
-void SessionBoard::Publish() {
+void SessionBoard::Changed() {
+    dirty_ = true;
+    if (publisher_.joinable() || stopping_) {
+        changed_.Signal();
+        return;
+    }
+    try {
+        publisher_ = std::thread([this] { PublishLoop(); });
+    } catch (const std::system_error&) {
+        // No thread: the change is written with the next one that gets one,
+        // or at Flush.
+    }
+}
+
+void SessionBoard::PublishLoop() {
+    for (;;) {
+        {
+            MutexLock lock(&mutex_);
+            while (!dirty_ && !stopping_) {
+                changed_.Wait();
+            }
+            if (stopping_) {
+                return;
+            }
+            auto settled = std::chrono::steady_clock::now() + kSettle;
+            while (!stopping_ && std::chrono::steady_clock::now() < settled) {
+                changed_.WaitUntil(settled);
+            }
+        }
+        Flush();
+    }
+}
+
+void SessionBoard::Flush() {
+    MutexLock writing(&writeMutex_);
     std::string text;
-    char line[256];
-    for (const auto& [id, e] : sessions_) {
-        std::snprintf(
-            line, sizeof(line),
-            "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n",
-            id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
-            static_cast<long long>(e.sinceMs), e.lastType);
-        text += line;
+    {
+        MutexLock lock(&mutex_);
+        if (!dirty_) {
+            return;
+        }
+        dirty_ = false;
+        char line[256];
+        for (const auto& [id, e] : sessions_) {
+            std::snprintf(
+                line, sizeof(line),
+                "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n",
+                id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
+                static_cast<long long>(e.sinceMs), e.lastType);
+            text += line;
+        }
     }
     // Best effort: a board that cannot be written leaves the sessions alone.
     std::string tmp = path_ + ".tmp";

@@ -75,22 +75,41 @@ TEST(CardStatusTest, TheSessionBoardFollowsEachSessionFromOpenToClose) {
     std::string dir = test::MakeTempDir("orv-board");
     SessionBoard board(SessionBoardPath(dir));
     board.Opened(3, 1);
-    std::string text = test::ReadFile(dir + "/sessions");
+    // Written by the board's own thread, without a Flush.
+    std::string text;
+    ASSERT_TRUE(test::WaitFor([&] {
+        text = test::ReadFile(dir + "/sessions");
+        return !text.empty();
+    }, std::chrono::seconds(5)));
     EXPECT_THAT(text, ::testing::MatchesRegex(
                           "session 3 device 1 vf 0 host_pid 0 opened_ms [0-9]+ since_ms 0 "
                           "last_type 0\n"));
     board.Request(3, 1, 2, 4242, 6);
     board.Opened(4, 0);
+    board.Flush();
     text = test::ReadFile(dir + "/sessions");
     EXPECT_THAT(text, ::testing::MatchesRegex(
                           "session 3 device 1 vf 2 host_pid 4242 opened_ms [0-9]+ since_ms "
                           "[1-9][0-9]* last_type 6\nsession 4 device 0 .*\n"));
     board.Request(9, 0, 0, 1, 6);
+    board.Flush();
     EXPECT_EQ(test::ReadFile(dir + "/sessions"), text) << "an unknown session changes nothing";
     board.Closed(3);
     board.Closed(4);
+    board.Flush();
     EXPECT_EQ(test::ReadFile(dir + "/sessions"), "");
     EXPECT_NE(::access((dir + "/sessions.tmp").c_str(), F_OK), 0) << "replaced by renaming";
+    test::RemoveTree(dir);
+}
+
+TEST(CardStatusTest, TheSessionBoardWritesItsLastChangesWhenItEnds) {
+    std::string dir = test::MakeTempDir("orv-board");
+    {
+        SessionBoard board(SessionBoardPath(dir));
+        board.Opened(5, 0);
+        board.Request(5, 0, 0, 99, 7);
+    }
+    EXPECT_THAT(test::ReadFile(dir + "/sessions"), ::testing::HasSubstr("host_pid 99 "));
     test::RemoveTree(dir);
 }
 
