@@ -18,6 +18,7 @@ namespace orv::emu {
 namespace {
 
 constexpr uint32_t kMaxRequest = 1u << 20;
+constexpr size_t kDriverSpares = 4;
 
 CardReply TextReply(int32_t code, const std::string& text) {
     CardReply reply;
@@ -29,13 +30,28 @@ CardReply TextReply(int32_t code, const std::string& text) {
 // The card's driver does a call's work on the calling thread's CPU; the
 // thread serving a process's calls here runs where that process may run, so
 // that handing an event from one of the card's processes to another wakes no
-// other CPU than the card would.
-void RunOnCallersCpus(pid_t caller) {
-    cpu_set_t cpus;
-    if (caller > 0 && ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0) {
-        (void)::sched_setaffinity(0, sizeof(cpus), &cpus);
+// other CPU than the card would. The thread's own CPUs come back when the
+// connection ends, since the thread then waits for another process.
+class OnCallersCpus {
+public:
+    explicit OnCallersCpus(pid_t caller) {
+        cpu_set_t cpus;
+        saved_ = caller > 0 && ::sched_getaffinity(0, sizeof(own_), &own_) == 0 &&
+                 ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0 &&
+                 ::sched_setaffinity(0, sizeof(cpus), &cpus) == 0;
     }
-}
+    ~OnCallersCpus() {
+        if (saved_) {
+            (void)::sched_setaffinity(0, sizeof(own_), &own_);
+        }
+    }
+    OnCallersCpus(const OnCallersCpus&) = delete;
+    OnCallersCpus& operator=(const OnCallersCpus&) = delete;
+
+private:
+    cpu_set_t own_;
+    bool saved_ = false;
+};
 
 }  // namespace
 
@@ -48,8 +64,10 @@ CardEmulator::~CardEmulator() {
 bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
     runDir_ = sockets.control.substr(0, sockets.control.find_last_of('/'));
     standins_.PublishTo(StandinBoardOfDriverSocket(sockets.driver));
+    // A starting sub-process opens a few connections at once (its event
+    // loops and its main thread); as many threads wait for them.
     driverServer_ = std::make_unique<UnixServer>(
-        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); });
+        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); }, 0, kDriverSpares);
     controlServer_ = std::make_unique<UnixServer>(
         sockets.control, [this](int fd, pid_t peer) { ServeFrames(fd, peer, true); });
     appmonServer_ =
@@ -78,9 +96,7 @@ void CardEmulator::Stop() {
 }
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
-    if (!control) {
-        RunOnCallersCpus(peer);
-    }
+    OnCallersCpus cpus(control ? 0 : peer);
     std::string payload;
     while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
         CardRequest request;

@@ -164,7 +164,7 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
     CardReply reply = Serve(caller, request);
     // A late answer: the call has done its work, only the caller waits longer.
     uint32_t delayMs = 0;
-    if (!request.fault_exempt() && faults_->TakeDelay(DriverCallName(request), &delayMs)) {
+    if (!request.fault_exempt() && faults_->Armed() && faults_->TakeDelay(DriverCallName(request), &delayMs)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     }
     return reply;
@@ -172,7 +172,7 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
 
 CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
     int32_t injected = 0;
-    if (!request.fault_exempt() && faults_->Take(DriverCallName(request), &injected)) {
+    if (!request.fault_exempt() && faults_->Armed() && faults_->Take(DriverCallName(request), &injected)) {
         return Reply(injected);
     }
     switch (request.call_case()) {

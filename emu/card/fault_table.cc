@@ -11,6 +11,7 @@ void FaultTable::Inject(const std::string& call, int32_t code, uint32_t count) {
     } else {
         faults_[call] = Fault{code, count};
     }
+    NoteArmed();
 }
 
 bool FaultTable::Take(const std::string& call, int32_t* code) {
@@ -22,6 +23,7 @@ bool FaultTable::Take(const std::string& call, int32_t* code) {
     *code = it->second.code;
     if (--it->second.remaining == 0) {
         faults_.erase(it);
+        NoteArmed();
     }
     return true;
 }
@@ -33,6 +35,7 @@ void FaultTable::InjectDelay(const std::string& call, uint32_t delayMs, uint32_t
     } else {
         delays_[call] = Delay{delayMs, count};
     }
+    NoteArmed();
 }
 
 bool FaultTable::TakeDelay(const std::string& call, uint32_t* delayMs) {
@@ -44,6 +47,7 @@ bool FaultTable::TakeDelay(const std::string& call, uint32_t* delayMs) {
     *delayMs = it->second.delayMs;
     if (--it->second.remaining == 0) {
         delays_.erase(it);
+        NoteArmed();
     }
     return true;
 }
@@ -52,6 +56,7 @@ void FaultTable::Clear() {
     MutexLock lock(&mutex_);
     faults_.clear();
     delays_.clear();
+    NoteArmed();
 }
 
 std::string FaultTable::Describe() const {

@@ -3,6 +3,7 @@
 #ifndef ORV_EMU_CARD_FAULT_TABLE_H
 #define ORV_EMU_CARD_FAULT_TABLE_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -33,6 +34,10 @@ public:
 
     void Clear();
 
+    // Whether anything is armed: the common case, nothing, is answered
+    // without naming the call or taking the lock.
+    bool Armed() const { return armed_.load(std::memory_order_acquire); }
+
     // One line per armed call: "<call> code <C> remaining <N>", or
     // "<call> delay_ms <M> remaining <N>".
     std::string Describe() const;
@@ -51,6 +56,10 @@ private:
     mutable Mutex mutex_;
     std::map<std::string, Fault> faults_ GUARDED_BY(mutex_);
     std::map<std::string, Delay> delays_ GUARDED_BY(mutex_);
+    std::atomic<bool> armed_{false};
+
+    // After a change of either map.
+    void NoteArmed() EXCLUSIVE_LOCKS_REQUIRED(mutex_) { armed_.store(!faults_.empty() || !delays_.empty()); }
 };
 
 }  // namespace orv::emu

@@ -89,6 +89,22 @@ bool WriteFull(int fd, const void* data, size_t size) {
     return true;
 }
 
+bool WriteFileFull(int fd, const void* data, size_t size) {
+    const char* p = static_cast<const char*>(data);
+    while (size > 0) {
+        ssize_t n = ::write(fd, p, size);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 bool ReadFull(int fd, void* data, size_t size) {
     char* p = static_cast<char*>(data);
     while (size > 0) {

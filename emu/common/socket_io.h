@@ -26,6 +26,9 @@ UniqueFd AcceptUnix(int listenFd);
 // Writes or reads exactly `size` bytes, retrying on EINTR and short transfers.
 // ReadFull returns false on end of stream or error.
 bool WriteFull(int fd, const void* data, size_t size);
+// The same for a descriptor known not to be a socket (a file opened for
+// appending): plain write(2), one call for a whole line as a rule.
+bool WriteFileFull(int fd, const void* data, size_t size);
 bool ReadFull(int fd, void* data, size_t size);
 
 enum class FrameStatus {

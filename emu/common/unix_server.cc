@@ -1,18 +1,29 @@
 #include "emu/common/unix_server.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 
 #include "emu/common/socket_io.h"
 
 namespace orv::emu {
 
-UnixServer::UnixServer(std::string path, Handler handler, size_t maxConnections)
-    : path_(std::move(path)), handler_(std::move(handler)), maxConnections_(maxConnections) {}
+namespace {
+
+// A pause after an accept that failed for want of descriptors or memory, so
+// that the thread does not spin while the shortage lasts.
+constexpr std::chrono::milliseconds kShortagePause(10);
+
+}  // namespace
+
+UnixServer::UnixServer(std::string path, Handler handler, size_t maxConnections, size_t spares)
+    : path_(std::move(path)),
+      handler_(std::move(handler)),
+      maxConnections_(maxConnections),
+      spares_(std::max<size_t>(spares, 1)) {}
 
 UnixServer::~UnixServer() {
     Stop();
@@ -23,65 +34,81 @@ bool UnixServer::Start() {
     if (!listenFd_.Valid()) {
         return false;
     }
-    wakeFd_ = UniqueFd(::eventfd(0, EFD_CLOEXEC));
-    if (!wakeFd_.Valid()) {
-        return false;
-    }
-    try {
-        acceptThread_ = std::thread([this] { AcceptLoop(); });
-    } catch (const std::system_error&) {
-        errno = EAGAIN;
-        return false;
+    MutexLock lock(&mutex_);
+    for (size_t i = 0; i < spares_; ++i) {
+        if (!Spawn() && i == 0) {
+            errno = EAGAIN;
+            return false;
+        }
     }
     return true;
 }
 
-void UnixServer::AcceptLoop() {
-    while (!stopping_.load()) {
-        pollfd fds[2] = {{listenFd_.Get(), POLLIN, 0}, {wakeFd_.Get(), POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            continue;
-        }
-        if (fds[1].revents != 0 || stopping_.load()) {
-            break;
-        }
-        if ((fds[0].revents & POLLIN) == 0) {
-            continue;
-        }
+bool UnixServer::Spawn() {
+    ReapFinished();
+    auto worker = std::make_unique<Worker>();
+    Worker* raw = worker.get();
+    try {
+        worker->thread = std::thread([this, raw] { Work(raw); });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    workers_.push_back(std::move(worker));
+    ++waiting_;
+    return true;
+}
+
+void UnixServer::Work(Worker* self) {
+    for (;;) {
         UniqueFd fd = AcceptUnix(listenFd_.Get());
         if (!fd.Valid()) {
+            if (stopping_.load()) {
+                break;
+            }
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                std::this_thread::sleep_for(kShortagePause);
+            }
             continue;
         }
         pid_t peer = PeerPid(fd.Get());
-        auto connection = std::make_unique<Connection>();
-        connection->fd = std::move(fd);
-        Connection* raw = connection.get();
+        {
+            MutexLock lock(&mutex_);
+            if (stopping_.load()) {
+                break;
+            }
+            if (maxConnections_ != 0 && serving_ >= maxConnections_) {
+                continue;  // closed as `fd` goes
+            }
+            // The last waiting thread serves only once another waits in its
+            // place; without one, the connection is refused rather than
+            // leaving the server deaf.
+            if (waiting_ == 1 && !Spawn()) {
+                continue;
+            }
+            --waiting_;
+            ++serving_;
+            self->fd = std::move(fd);
+        }
+        handler_(self->fd.Get(), peer);
         MutexLock lock(&mutex_);
-        ReapFinished();
-        if (maxConnections_ != 0 && connections_.size() >= maxConnections_) {
-            continue;  // closed as `connection` goes
+        self->fd.Reset();
+        --serving_;
+        if (stopping_.load() || waiting_ >= spares_) {
+            self->done.store(true);
+            return;
         }
-        try {
-            raw->thread = std::thread([this, raw, peer] {
-                handler_(raw->fd.Get(), peer);
-                // The descriptor goes at once; the thread is joined at the
-                // next accept or at Stop.
-                MutexLock lock(&mutex_);
-                raw->fd.Reset();
-                raw->done.store(true);
-            });
-        } catch (const std::system_error&) {
-            continue;  // no thread to serve it: closed as `connection` goes
-        }
-        connections_.push_back(std::move(connection));
+        ++waiting_;
     }
+    MutexLock lock(&mutex_);
+    --waiting_;
+    self->done.store(true);
 }
 
 void UnixServer::ReapFinished() {
-    for (auto it = connections_.begin(); it != connections_.end();) {
+    for (auto it = workers_.begin(); it != workers_.end();) {
         if ((*it)->done.load()) {
             (*it)->thread.join();
-            it = connections_.erase(it);
+            it = workers_.erase(it);
         } else {
             ++it;
         }
@@ -92,26 +119,23 @@ void UnixServer::Stop() {
     if (stopping_.exchange(true)) {
         return;
     }
-    if (wakeFd_.Valid()) {
-        uint64_t one = 1;
-        WriteFull(wakeFd_.Get(), &one, sizeof(one));
-    }
-    if (acceptThread_.joinable()) {
-        acceptThread_.join();
-    }
-    std::list<std::unique_ptr<Connection>> connections;
+    std::list<std::unique_ptr<Worker>> workers;
     {
         MutexLock lock(&mutex_);
-        for (auto& connection : connections_) {
-            if (connection->fd.Valid()) {
-                ::shutdown(connection->fd.Get(), SHUT_RDWR);
+        // Wakes the threads blocked in accept; the accepts fail from now on.
+        if (listenFd_.Valid()) {
+            ::shutdown(listenFd_.Get(), SHUT_RDWR);
+        }
+        for (auto& worker : workers_) {
+            if (worker->fd.Valid()) {
+                ::shutdown(worker->fd.Get(), SHUT_RDWR);
             }
         }
-        connections.swap(connections_);
+        workers.swap(workers_);
     }
-    for (auto& connection : connections) {
-        if (connection->thread.joinable()) {
-            connection->thread.join();
+    for (auto& worker : workers) {
+        if (worker->thread.joinable()) {
+            worker->thread.join();
         }
     }
     listenFd_.Reset();

@@ -1,4 +1,8 @@
-// A Unix stream server that runs one thread per connection.
+// A Unix stream server that serves each connection on a thread of its own.
+// The threads wait for connections themselves: a few spare ones sit in
+// accept, so that a client that connects is served by a thread already
+// running, and a thread whose connection ends goes back to waiting while
+// spares are missing.
 #ifndef ORV_EMU_COMMON_UNIX_SERVER_H
 #define ORV_EMU_COMMON_UNIX_SERVER_H
 
@@ -22,14 +26,15 @@ public:
     using Handler = std::function<void(int fd, pid_t peer)>;
 
     // At most `maxConnections` connections are served at once (0: no limit);
-    // one beyond is closed as soon as it is accepted.
-    UnixServer(std::string path, Handler handler, size_t maxConnections = 0);
+    // one beyond is closed as soon as it is accepted. `spares` threads (at
+    // least one) wait for the next connections.
+    UnixServer(std::string path, Handler handler, size_t maxConnections = 0, size_t spares = 1);
     ~UnixServer();
     UnixServer(const UnixServer&) = delete;
     UnixServer& operator=(const UnixServer&) = delete;
 
-    // Listens on the path and starts accepting. False, with errno set, when the
-    // socket cannot be made.
+    // Listens on the path and starts the waiting threads. False, with errno
+    // set, when the socket or the first thread cannot be made.
     bool Start();
 
     // Stops accepting, shuts every connection down so that blocked reads
@@ -40,26 +45,33 @@ public:
     const std::string& Path() const { return path_; }
 
 private:
-    struct Connection {
-        UniqueFd fd;  // guarded by mutex_ once the handler runs
+    struct Worker {
+        UniqueFd fd;  // the connection being served; guarded by mutex_
         std::thread thread;
         std::atomic<bool> done{false};
     };
 
-    void AcceptLoop();
-    // Joins the threads of connections whose handler has returned.
+    // Body of every thread: wait for a connection, serve it, and again while
+    // spares are missing.
+    void Work(Worker* self);
+    // Starts one more waiting thread. False when no thread can be made.
+    bool Spawn() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // Joins the threads that have ended.
     void ReapFinished() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     const std::string path_;
     const Handler handler_;
     const size_t maxConnections_;
+    const size_t spares_;
+    // The waiting threads block in accept on it; the kernel hands each
+    // connection to one of them, and shutting it down wakes them all.
     UniqueFd listenFd_;
-    UniqueFd wakeFd_;  // eventfd that interrupts the accept loop
-    std::thread acceptThread_;
     std::atomic<bool> stopping_{false};
 
     Mutex mutex_;
-    std::list<std::unique_ptr<Connection>> connections_ GUARDED_BY(mutex_);
+    std::list<std::unique_ptr<Worker>> workers_ GUARDED_BY(mutex_);
+    size_t waiting_ GUARDED_BY(mutex_) = 0;
+    size_t serving_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace orv::emu

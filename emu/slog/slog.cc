@@ -133,7 +133,7 @@ void WriteLine(int moduleId, int level, const char* fmt, va_list args) {
 
     int fd = config.fileFd.load();
     if (fd >= 0) {
-        orv::emu::WriteFull(fd, line.data(), line.size());
+        orv::emu::WriteFileFull(fd, line.data(), line.size());
     }
     if (config.toStderr) {
         orv::emu::WriteFull(STDERR_FILENO, line.data(), line.size());
