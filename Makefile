@@ -4,8 +4,10 @@
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
-# The tests mostly wait on the daemon's fixed periods, so they run wide.
-TEST_JOBS ?= 8
+# The tests mostly wait on the daemon's fixed periods, so they run wide; the
+# sanitized builds cost the CPU several times more, so they run narrower.
+TEST_JOBS ?= 12
+SAN_TEST_JOBS ?= 8
 
 .PHONY: all build deps test test-asan test-tsan soak fuzz demo emulate bench card card-test package clean
 
@@ -39,12 +41,12 @@ emulate: build
 test-asan: deps
 	@if [ ! -f build-asan/build.ninja ]; then cmake --preset asan >/dev/null; fi
 	@cmake --build --preset asan
-	cd build-asan && ctest --output-on-failure -j $(TEST_JOBS)
+	cd build-asan && ctest --output-on-failure -j $(SAN_TEST_JOBS)
 
 test-tsan: deps
 	@if [ ! -f build-tsan/build.ninja ]; then cmake --preset tsan >/dev/null; fi
 	@cmake --build --preset tsan
-	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j $(TEST_JOBS)
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j $(SAN_TEST_JOBS)
 
 # 10,000 start/close cycles with crashes, dropped links and hostile peers, then a
 # flood of reports to one session, then the leak checks;

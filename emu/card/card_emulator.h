@@ -58,7 +58,7 @@ private:
     StandinTable standins_;
     VerifyLog verified_;
     AppMonitor appMonitor_{&faults_};
-    DriverService driver_{&config_, &faults_, &groups_, &processes_, &scheduler_, &standins_, &verified_};
+    DriverService driver_{&config_, &faults_, &groups_, &processes_, &scheduler_, &verified_};
     std::unique_ptr<UnixServer> driverServer_;
     std::unique_ptr<UnixServer> controlServer_;
     std::unique_ptr<UnixServer> appmonServer_;

@@ -150,14 +150,12 @@ std::string StandinTable::Describe() const {
 }
 
 DriverService::DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups,
-                             ProcessTable* processes, EventScheduler* scheduler, StandinTable* standins,
-                             VerifyLog* verified)
+                             ProcessTable* processes, EventScheduler* scheduler, VerifyLog* verified)
     : config_(config),
       faults_(faults),
       groups_(groups),
       processes_(processes),
       scheduler_(scheduler),
-      standins_(standins),
       verified_(verified) {}
 
 CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {

@@ -58,7 +58,7 @@ bool IsDriverCall(const std::string& name);
 class DriverService {
 public:
     DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups, ProcessTable* processes,
-                  EventScheduler* scheduler, StandinTable* standins, VerifyLog* verified);
+                  EventScheduler* scheduler, VerifyLog* verified);
     DriverService(const DriverService&) = delete;
     DriverService& operator=(const DriverService&) = delete;
 
@@ -75,7 +75,6 @@ private:
     GroupTable* const groups_;
     ProcessTable* const processes_;
     EventScheduler* const scheduler_;
-    StandinTable* const standins_;
     VerifyLog* const verified_;
 };
 
