@@ -887,7 +887,7 @@ int Suite() {
     std::printf("\nThe test suite and the demo, as `make test` and `make demo` run them after the build\n");
     const std::string buildDir = g_binDir + "/..";
     int testStatus = 0;
-    double test = TimeRun({"/usr/bin/ctest", "--test-dir", buildDir, "-j", "8"}, &testStatus);
+    double test = TimeRun({"/usr/bin/ctest", "--test-dir", buildDir, "-j", "12"}, &testStatus);
     int demoStatus = 0;
     double demo = TimeRun({g_binDir + "/orv-demo"}, &demoStatus);
     std::printf("  test suite: %.1f s (%s); demo: %.1f s (%s)\n", test, testStatus == 0 ? "passed" : "FAILED", demo,
