@@ -9,7 +9,7 @@ CMAKE_FLAGS ?=
 TEST_JOBS ?= 12
 SAN_TEST_JOBS ?= 8
 
-.PHONY: all build deps test test-asan test-tsan soak fuzz demo emulate bench card card-test package clean
+.PHONY: all build deps test lint format test-asan test-tsan soak fuzz demo emulate bench card card-test package clean
 
 all: build
 
@@ -34,6 +34,18 @@ bench: build
 
 emulate: build
 	@tools/emulate.sh $(BUILD_DIR)
+
+# The style checks: the clang build (build-clang/), whose thread-safety
+# analysis is an error, then clang-format and clang-tidy (tools/check-style.sh).
+# `make format` reformats the tree.
+lint: deps
+	@if [ ! -f build-clang/build.ninja ]; then cmake --preset clang >/dev/null; fi
+	@cmake --build --preset clang
+	@tools/check-style.sh format
+	@tools/check-style.sh tidy
+
+format: deps
+	@tools/check-style.sh apply
 
 # The whole suite again under AddressSanitizer with UndefinedBehaviorSanitizer
 # (build-asan/), and under ThreadSanitizer (build-tsan/); any report, from the

@@ -12,7 +12,7 @@
 set -euo pipefail
 
 declare -A sets
-sets[base]="cmake ninja-build g++ clang pkg-config make
+sets[base]="cmake ninja-build g++ clang clang-format clang-tidy pkg-config make
     protobuf-compiler libprotobuf-dev
     libssl-dev openssl
     libgtest-dev libgmock-dev libbenchmark-dev
