@@ -17,6 +17,10 @@ namespace orv::emu {
 namespace {
 
 constexpr size_t kTraceLength = 512;
+// The driver's queues are finite: a group holds at most this many events not
+// yet taken from any one sender, so a sender gone wrong fills its own share
+// and no one else's.
+constexpr uint32_t kQueuedPerSender = 1024;
 constexpr auto kJanitorPeriod = std::chrono::seconds(1);
 constexpr uint32_t kDefaultVfTimeoutMs = 30000;
 // The driver's VF notice: 16 bytes, the VF id at offset 4.
@@ -146,6 +150,10 @@ int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint
             if (it->event_id() < 64 && ((subscription->second >> it->event_id()) & 1) != 0) {
                 *out = std::move(*it);
                 queue.erase(it);
+                auto sender = group->second.queuedFrom.find(out->src_pid());
+                if (sender != group->second.queuedFrom.end() && --sender->second == 0) {
+                    group->second.queuedFrom.erase(sender);
+                }
                 return DRV_ERROR_NONE;
             }
         }
@@ -176,13 +184,19 @@ int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t e
         Trace(what + " refused: no such group");
         return DRV_ERROR_NOT_EXIST;
     }
+    Group& group = process->second.groups.at(grpId);
+    uint32_t& queued = group.queuedFrom[src];
+    if (queued >= kQueuedPerSender) {
+        Trace(what + " refused: queue full");
+        return DRV_ERROR_BUSY;
+    }
+    ++queued;
     EventRecord record;
     record.set_event_id(eventId);
     record.set_subevent_id(subeventId);
     record.set_src_pid(src);
     record.set_grp_id(grpId);
     record.set_msg(msg);
-    Group& group = process->second.groups.at(grpId);
     group.queue.push_back(std::move(record));
     Trace(what);
     group.arrived->SignalAll();

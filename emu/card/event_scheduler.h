@@ -66,6 +66,7 @@ private:
         uint32_t type = 0;
         std::map<uint32_t, uint64_t> subscriptions;  // thread -> event bitmap
         std::deque<EventRecord> queue;
+        std::map<pid_t, uint32_t> queuedFrom;  // sender -> its events in `queue`
         // Wakes this group's waiters only: an event for one process wakes no
         // other. Shared, so that a waiter keeps it while its process is
         // forgotten.

@@ -176,6 +176,9 @@ drvError_t halEschedSubscribeEvent(uint32_t devId, uint32_t grpId, uint32_t thre
 drvError_t halEschedWaitEvent(uint32_t devId, uint32_t grpId, uint32_t threadId, int32_t timeout,
                               struct event_info* event);
 
+// Queues an event for its destination process and group. DRV_ERROR_BUSY when
+// that group already holds as many events from the caller, not yet taken, as
+// the driver queues for one sender.
 drvError_t halEschedSubmitEvent(uint32_t devId, struct event_summary* event);
 
 // Answers an event that asks for an acknowledgement (the driver's VF notices).
