@@ -1,5 +1,6 @@
-// The session registry's edges, in-process: bounds, the per-entry limit, reuse
-// of an existing session, and removal only by the HDC session that made it.
+// The session registry's edges, in-process: bounds, the per-entry limit and
+// where it comes from, reuse of an existing session, and removal only by the
+// HDC session that made it.
 #include <cstdlib>
 
 #include <gtest/gtest.h>
@@ -11,20 +12,50 @@ namespace orv {
 namespace {
 
 class SessionRegistryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         setenv("AICPU_MAX_NUM", "2", 1);
         daemon_->SetMaxProcessPerDevice();
     }
     void TearDown() override { daemon_->ClearOrvMap(); }
 
-    std::shared_ptr<OrvImpl> Create(uint32_t device, int32_t vf, uint32_t hostPid, uint32_t sessionId = 1,
-                                    uint32_t rankSize = 0, bool startQs = false) {
-        return daemon_->CreateOrvImpl(device, sessionId, rankSize, 0, hostPid, 0, "sign", 0, "103", vf, 0, startQs, "");
+    std::shared_ptr<OrvImpl> Create(uint32_t device, int32_t vf, uint32_t hostPid,
+                                    uint32_t sessionId = 1, uint32_t rankSize = 0,
+                                    bool startQs = false) {
+        return daemon_->CreateOrvImpl(device, sessionId, rankSize, 0, hostPid, 0, "sign", 0, "103",
+                                      vf, 0, startQs, "");
     }
 
     OrvDaemon* daemon_ = OrvDaemon::GetInstance();
 };
+
+TEST_F(SessionRegistryTest, SessionLimitComesFromAicpuMaxNumWithinOneTo128) {
+    struct Case {
+        const char* value;  // null: unset
+        uint32_t limit;
+        bool warned;
+    };
+    const Case cases[] = {
+        {"1", 1, false},  {"128", 128, false}, {"64", 64, false},
+        {"0", 32, true},  {"129", 32, true},   {"abc", 32, true},
+        {"-1", 32, true}, {"", 32, false},     {nullptr, 32, false},
+    };
+    for (const Case& c : cases) {
+        test::LogCapture log;
+        if (c.value == nullptr) {
+            unsetenv("AICPU_MAX_NUM");
+        } else {
+            setenv("AICPU_MAX_NUM", c.value, 1);
+        }
+        daemon_->SetMaxProcessPerDevice();
+        const char* shown = c.value != nullptr ? c.value : "(unset)";
+        EXPECT_EQ(daemon_->GetMaxProcessPerDevice(), c.limit) << shown;
+        EXPECT_EQ(log.Contains("out of range, please check it"), c.warned) << shown;
+        bool present = c.value != nullptr && *c.value != '\0';
+        EXPECT_EQ(log.Contains("Not found AICPU_MAX_NUM in env"), !present) << shown;
+    }
+    unsetenv("AICPU_MAX_NUM");
+}
 
 TEST_F(SessionRegistryTest, DeviceAndVfBoundsAreInclusiveOf3And16) {
     test::LogCapture log;
@@ -60,8 +91,9 @@ TEST_F(SessionRegistryTest, OnlyTheOwningHdcSessionErasesASession) {
     std::shared_ptr<OrvImpl> session = Create(0, 2, 30, /*sessionId=*/7);
     test::LogCapture log;
     EXPECT_EQ(daemon_->EraseOrvImpl(0, 2, 30, 8), nullptr);
-    EXPECT_TRUE(log.Contains("the OrvImpl we got is with session of [7], but what we want to delete is with session "
-                             "of [8], skip HDCAbnormalMsgProc"));
+    EXPECT_TRUE(log.Contains(
+        "the OrvImpl we got is with session of [7], but what we want to delete is with session "
+        "of [8], skip HDCAbnormalMsgProc"));
     EXPECT_EQ(daemon_->GetOrvImpl(0, 2, 30), session);
     EXPECT_EQ(daemon_->EraseOrvImpl(0, 2, 31, 7), nullptr);
     EXPECT_EQ(daemon_->EraseOrvImpl(1, 2, 30, 7), nullptr);
