@@ -19,7 +19,8 @@ constexpr size_t kMaxClosedClients = 64;
 constexpr auto kSupervisePeriod = std::chrono::milliseconds(100);
 
 const char* StateName(int state) {
-    static const char* const kNames[] = {"connected", "registered", "deregistered", "expired", "closed"};
+    static const char* const kNames[] = {"connected", "registered", "deregistered", "expired",
+                                         "closed"};
     return kNames[state];
 }
 
@@ -27,9 +28,21 @@ std::string ErrorAnswer(int32_t code) {
     return std::string(kAppmonErr) + " " + std::to_string(code);
 }
 
+// Whether a client silent for `silent` has outlived its time-out. A time-out
+// longer than the clock can count (a client's "forever") never passes, where
+// converting it would wrap to a negative one that passes at once.
+bool Overdue(AppMonitor::Clock::duration silent, uint64_t timeoutMs) {
+    constexpr uint64_t kLongestMs = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(AppMonitor::Clock::duration::max())
+            .count());
+    return timeoutMs <= kLongestMs &&
+           silent > std::chrono::milliseconds(static_cast<int64_t>(timeoutMs));
+}
+
 }  // namespace
 
-AppMonitor::AppMonitor(FaultTable* faults) : faults_(faults) {}
+AppMonitor::AppMonitor(FaultTable* faults, std::function<Clock::time_point()> now)
+    : faults_(faults), now_(std::move(now)) {}
 
 AppMonitor::~AppMonitor() {
     Stop();
@@ -69,7 +82,7 @@ void AppMonitor::Serve(int fd, pid_t peer) {
         Client client;
         client.id = id;
         client.pid = peer;
-        client.lastBeat = Clock::now();
+        client.lastBeat = now_();
         clients_.push_back(client);
     }
     std::string line;
@@ -120,7 +133,7 @@ std::string AppMonitor::HandleLine(uint64_t id, const std::string& line) {
         client->state = State::kRegistered;
         client->timeoutMs = timeoutMs;
         client->command = command;
-        client->lastBeat = Clock::now();
+        client->lastBeat = now_();
         EmuLog("appmon: pid %d registered, time-out %llu ms, command '%s'", client->pid,
                static_cast<unsigned long long>(timeoutMs), command.c_str());
         return kAppmonOk;
@@ -134,7 +147,7 @@ std::string AppMonitor::HandleLine(uint64_t id, const std::string& line) {
         if (client->state != State::kRegistered) {
             return ErrorAnswer(1);
         }
-        client->lastBeat = Clock::now();
+        client->lastBeat = now_();
         ++client->heartbeats;
         return kAppmonOk;
     }
@@ -159,19 +172,29 @@ void AppMonitor::SuperviseLoop() {
     MutexLock lock(&mutex_);
     while (!stopRequested_) {
         stopCond_.WaitUntil(Clock::now() + kSupervisePeriod);
-        Clock::time_point now = Clock::now();
-        for (Client& client : clients_) {
-            if (client.state == State::kRegistered &&
-                now - client.lastBeat > std::chrono::milliseconds(client.timeoutMs)) {
-                client.state = State::kExpired;
-                ++client.scriptRuns;
-                EmuLog("appmon: pid %d missed its heartbeats for %llu ms, running '%s'", client.pid,
-                       static_cast<unsigned long long>(client.timeoutMs), client.command.c_str());
-                RunCommand(client.command, client.pid);
-            }
+        ExpireSilentClients();
+    }
+}
+
+void AppMonitor::Supervise() {
+    MutexLock lock(&mutex_);
+    ExpireSilentClients();
+}
+
+void AppMonitor::ExpireSilentClients() {
+    mutex_.AssertHeld();
+    Clock::time_point now = now_();
+    for (Client& client : clients_) {
+        if (client.state == State::kRegistered &&
+            Overdue(now - client.lastBeat, client.timeoutMs)) {
+            client.state = State::kExpired;
+            ++client.scriptRuns;
+            EmuLog("appmon: pid %d missed its heartbeats for %llu ms, running '%s'", client.pid,
+                   static_cast<unsigned long long>(client.timeoutMs), client.command.c_str());
+            RunCommand(client.command, client.pid);
         }
-        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
+    }
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
     }
 }
 
@@ -200,9 +223,10 @@ std::string AppMonitor::Describe() const {
     std::ostringstream out;
     for (const Client& client : clients_) {
         out << "client " << client.id << " pid " << client.pid << " state "
-            << StateName(static_cast<int>(client.state)) << " timeout_ms " << client.timeoutMs << " heartbeats "
-            << client.heartbeats << " script_runs " << client.scriptRuns << " command '" << client.command
-            << "' deregister_reason '" << client.deregisterReason << "'\n";
+            << StateName(static_cast<int>(client.state)) << " timeout_ms " << client.timeoutMs
+            << " heartbeats " << client.heartbeats << " script_runs " << client.scriptRuns
+            << " command '" << client.command << "' deregister_reason '" << client.deregisterReason
+            << "'\n";
     }
     return out.str();
 }

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -18,8 +19,11 @@
 namespace orv::emu {
 
 class AppMonitor {
-public:
-    explicit AppMonitor(FaultTable* faults);
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // `now` tells the time heartbeats are stamped and judged by.
+    explicit AppMonitor(FaultTable* faults, std::function<Clock::time_point()> now = Clock::now);
     ~AppMonitor();
     AppMonitor(const AppMonitor&) = delete;
     AppMonitor& operator=(const AppMonitor&) = delete;
@@ -32,13 +36,16 @@ public:
     // Serves one client connection until it closes (a UnixServer handler).
     void Serve(int fd, pid_t peer);
 
+    // Expires the registered clients whose heartbeats stopped longer than
+    // their time-out ago, running their commands, and reaps the commands that
+    // ended. The supervision thread does this every 100 ms.
+    void Supervise() LOCKS_EXCLUDED(mutex_);
+
     // One line per client, newest last: "client <id> pid <pid> state <s>
     // timeout_ms <t> heartbeats <n> script_runs <n> deregister_reason <r>".
     std::string Describe() const;
 
-private:
-    using Clock = std::chrono::steady_clock;
-
+  private:
     enum class State { kConnected, kRegistered, kDeregistered, kExpired, kClosed };
 
     struct Client {
@@ -57,9 +64,11 @@ private:
     std::string HandleLine(uint64_t id, const std::string& line);
     Client* FindClient(uint64_t id) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void SuperviseLoop();
+    void ExpireSilentClients() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void RunCommand(const std::string& command, pid_t pid);
 
     FaultTable* const faults_;
+    const std::function<Clock::time_point()> now_;
     std::thread superviseThread_;
     std::atomic<bool> running_{false};
 

@@ -21,7 +21,6 @@ constexpr size_t kTraceLength = 512;
 // yet taken from any one sender, so a sender gone wrong fills its own share
 // and no one else's.
 constexpr uint32_t kQueuedPerSender = 1024;
-constexpr auto kJanitorPeriod = std::chrono::seconds(1);
 constexpr uint32_t kDefaultVfTimeoutMs = 30000;
 // The driver's VF notice: 16 bytes, the VF id at offset 4.
 constexpr uint32_t kVfNoticeLength = 16;
@@ -36,7 +35,8 @@ bool Gone(pid_t pid) {
 
 }  // namespace
 
-EventScheduler::EventScheduler() = default;
+EventScheduler::EventScheduler(std::chrono::milliseconds janitorPeriod)
+    : janitorPeriod_(janitorPeriod) {}
 
 EventScheduler::~EventScheduler() {
     Stop();
@@ -70,7 +70,7 @@ void EventScheduler::Stop() {
 void EventScheduler::ForgetGoneProcesses() {
     MutexLock lock(&mutex_);
     while (!stopping_) {
-        janitorWake_.WaitUntil(Clock::now() + kJanitorPeriod);
+        janitorWake_.WaitUntil(Clock::now() + janitorPeriod_);
         for (auto it = processes_.begin(); it != processes_.end();) {
             if (Gone(it->first)) {
                 // Its waiters (none, as a rule) learn that it is gone.
@@ -125,9 +125,10 @@ int32_t EventScheduler::Subscribe(pid_t pid, uint32_t /*devId*/, uint32_t grpId,
     return DRV_ERROR_NONE;
 }
 
-int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t threadId, int32_t timeoutMs,
-                             EventRecord* out) {
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t threadId,
+                             int32_t timeoutMs, EventRecord* out) {
+    Clock::time_point deadline =
+        Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
     MutexLock lock(&mutex_);
     for (;;) {
         if (stopping_) {
@@ -171,15 +172,16 @@ int32_t EventScheduler::Submit(pid_t pid, const HalEschedSubmitEvent& event) {
         return DRV_ERROR_INVALID_VALUE;
     }
     MutexLock lock(&mutex_);
-    return Enqueue(pid, event.dst_pid(), event.grp_id(), event.event_id(), event.subevent_id(), event.msg());
+    return Enqueue(pid, event.dst_pid(), event.grp_id(), event.event_id(), event.subevent_id(),
+                   event.msg());
 }
 
-int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId, uint32_t subeventId,
-                                const std::string& msg) {
+int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId,
+                                uint32_t subeventId, const std::string& msg) {
     auto process = processes_.find(dst);
     std::string what = "event " + std::to_string(eventId) + "/" + std::to_string(subeventId) + " " +
-                       std::to_string(src) + " -> " + std::to_string(dst) + " group " + std::to_string(grpId) +
-                       " len " + std::to_string(msg.size());
+                       std::to_string(src) + " -> " + std::to_string(dst) + " group " +
+                       std::to_string(grpId) + " len " + std::to_string(msg.size());
     if (process == processes_.end() || process->second.groups.count(grpId) == 0) {
         Trace(what + " refused: no such group");
         return DRV_ERROR_NOT_EXIST;
@@ -204,10 +206,10 @@ int32_t EventScheduler::Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t e
 }
 
 int32_t EventScheduler::Ack(pid_t pid, uint32_t /*devId*/, uint32_t eventId, uint32_t subeventId,
-                           const std::string& msg) {
+                            const std::string& msg) {
     MutexLock lock(&mutex_);
-    Trace("ack " + std::to_string(eventId) + "/" + std::to_string(subeventId) + " from " + std::to_string(pid) +
-          " len " + std::to_string(msg.size()));
+    Trace("ack " + std::to_string(eventId) + "/" + std::to_string(subeventId) + " from " +
+          std::to_string(pid) + " len " + std::to_string(msg.size()));
     if (!ackPending_ || subeventId != ackSubevent_ || pid != vmngClient_) {
         return DRV_ERROR_NOT_EXIST;
     }
@@ -263,7 +265,8 @@ int32_t EventScheduler::ChangeVf(const VfChange& change, int32_t* ack) {
 }
 
 int32_t EventScheduler::Inject(const InjectEvent& event) {
-    if (event.msg().size() > EVENT_MAX_MSG_LEN) {
+    // An id no thread can subscribe to would sit in the queue for good.
+    if (event.msg().size() > EVENT_MAX_MSG_LEN || event.event_id() >= EVENT_MAX_NUM) {
         return DRV_ERROR_INVALID_VALUE;
     }
     MutexLock lock(&mutex_);
@@ -271,7 +274,8 @@ int32_t EventScheduler::Inject(const InjectEvent& event) {
     if (dst == 0) {
         return DRV_ERROR_NOT_EXIST;
     }
-    return Enqueue(event.src_pid(), dst, event.grp_id(), event.event_id() != 0 ? event.event_id() : EVENT_CCPU_CTRL_MSG,
+    return Enqueue(event.src_pid(), dst, event.grp_id(),
+                   event.event_id() != 0 ? event.event_id() : EVENT_CCPU_CTRL_MSG,
                    event.subevent_id(), event.msg());
 }
 
@@ -281,8 +285,8 @@ void EventScheduler::Trace(const std::string& line) {
     tm local{};
     ::localtime_r(&now.tv_sec, &local);
     char stamp[32];
-    std::snprintf(stamp, sizeof(stamp), "%02d:%02d:%02d.%03ld ", local.tm_hour, local.tm_min, local.tm_sec,
-                  now.tv_nsec / 1000000);
+    std::snprintf(stamp, sizeof(stamp), "%02d:%02d:%02d.%03ld ", local.tm_hour, local.tm_min,
+                  local.tm_sec, now.tv_nsec / 1000000);
     trace_.push_back(stamp + line);
     if (trace_.size() > kTraceLength) {
         trace_.pop_front();

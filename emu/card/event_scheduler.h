@@ -24,8 +24,11 @@
 namespace orv::emu {
 
 class EventScheduler {
-public:
-    EventScheduler();
+  public:
+    // How often the janitor looks for processes that have gone.
+    static constexpr std::chrono::milliseconds kJanitorPeriod{1000};
+
+    explicit EventScheduler(std::chrono::milliseconds janitorPeriod = kJanitorPeriod);
     ~EventScheduler();
     EventScheduler(const EventScheduler&) = delete;
     EventScheduler& operator=(const EventScheduler&) = delete;
@@ -39,11 +42,14 @@ public:
     int32_t Attach(pid_t pid, uint32_t devId);
     int32_t Detach(pid_t pid, uint32_t devId);
     int32_t CreateGroup(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t type);
-    int32_t Subscribe(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId, uint64_t eventBitmap);
+    int32_t Subscribe(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId,
+                      uint64_t eventBitmap);
     // Blocks up to `timeoutMs` (-1: no limit) for an event the thread is subscribed to.
-    int32_t Wait(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId, int32_t timeoutMs, EventRecord* out);
+    int32_t Wait(pid_t pid, uint32_t devId, uint32_t grpId, uint32_t threadId, int32_t timeoutMs,
+                 EventRecord* out);
     int32_t Submit(pid_t pid, const HalEschedSubmitEvent& event);
-    int32_t Ack(pid_t pid, uint32_t devId, uint32_t eventId, uint32_t subeventId, const std::string& msg);
+    int32_t Ack(pid_t pid, uint32_t devId, uint32_t eventId, uint32_t subeventId,
+                const std::string& msg);
     int32_t RegisterVmngClient(pid_t pid);
 
     // Tells the VF management client of a VF change and waits for its
@@ -58,7 +64,7 @@ public:
     // The most recent events, oldest first, one per line.
     std::string DescribeEvents() const;
 
-private:
+  private:
     using Clock = std::chrono::steady_clock;
 
     struct Group {
@@ -85,6 +91,8 @@ private:
     // Wakes every waiter of `process`'s groups.
     static void WakeAll(const Process& process);
     void ForgetGoneProcesses();
+
+    const std::chrono::milliseconds janitorPeriod_;
 
     mutable Mutex mutex_;
     CondVar janitorWake_{&mutex_};
