@@ -127,6 +127,32 @@ TEST_F(EventSchedulerTest, EventsNobodyWaitsForKeepInOrderWithoutHoldingUpOthers
     EXPECT_EQ(Take(kA, kGroup, 0), "-");
 }
 
+// A sender gone wrong fills its own share of a group's queue, never another
+// sender's; each event taken makes room for one more.
+TEST_F(EventSchedulerTest, EachSenderHasABoundedShareOfAGroupsQueue) {
+    Listen(kA, kGroup, 0, Bit(3));
+    const uint32_t share = 1024;
+    for (uint32_t i = 0; i < share; ++i) {
+        ASSERT_EQ(scheduler_.Submit(kSender, Event(kA, kGroup, 3, "flood")), DRV_ERROR_NONE) << i;
+    }
+    EXPECT_EQ(scheduler_.Submit(kSender, Event(kA, kGroup, 3, "flood")), DRV_ERROR_BUSY);
+    EXPECT_THAT(scheduler_.DescribeEvents(), HasSubstr("refused: queue full"));
+    EXPECT_EQ(scheduler_.Submit(kSender + 1, Event(kA, kGroup, 3, "honest")), DRV_ERROR_NONE);
+    // Another group of the same process has a queue of its own.
+    Listen(kA, kGroup + 1, 0, Bit(3));
+    EXPECT_EQ(scheduler_.Submit(kSender, Event(kA, kGroup + 1, 3, "other group")), DRV_ERROR_NONE);
+
+    EXPECT_EQ(Take(kA, kGroup, 0), "flood");
+    EXPECT_EQ(scheduler_.Submit(kSender, Event(kA, kGroup, 3, "room again")), DRV_ERROR_NONE);
+    EXPECT_EQ(scheduler_.Submit(kSender, Event(kA, kGroup, 3, "flood")), DRV_ERROR_BUSY);
+    for (uint32_t i = 1; i < share; ++i) {
+        ASSERT_EQ(Take(kA, kGroup, 0), "flood");
+    }
+    EXPECT_EQ(Take(kA, kGroup, 0), "honest");
+    EXPECT_EQ(Take(kA, kGroup, 0), "room again");
+    EXPECT_EQ(Take(kA, kGroup, 0), "-");
+}
+
 TEST_F(EventSchedulerTest, AnEventForNoGroupIsRefusedAndTraced) {
     ASSERT_EQ(scheduler_.CreateGroup(kA, kDev, kGroup, GRP_TYPE_BIND_CP_CPU), DRV_ERROR_NONE);
     EXPECT_EQ(scheduler_.Submit(kSender, Event(kB, kGroup, 3)), DRV_ERROR_NOT_EXIST);
