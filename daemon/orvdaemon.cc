@@ -17,6 +17,7 @@
 #include "platform/appmon_client.h"
 #include "platform/log.h"
 #include "platform/stop_signal.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
@@ -25,7 +26,6 @@ std::atomic<bool> OrvDaemon::orvdaemonStartFlag_{false};
 namespace {
 
 constexpr std::chrono::seconds kMonitorPeriod{1};
-constexpr uint32_t kNoHdcServer = 4;
 
 // Starts `body` on `thread`; false, logged, when no thread can be started.
 bool StartThread(std::thread* thread, std::function<void()> body, const char* name) {
@@ -256,7 +256,7 @@ void OrvDaemon::Destroy() {
     JoinProcess();
     OrvEventServer::GetInstance()->Destroy();
 
-    for (int32_t vfId = 0; vfId <= 16; ++vfId) {
+    for (int32_t vfId = 0; vfId <= static_cast<int32_t>(kMaxVfId); ++vfId) {
         std::shared_ptr<InotifyWatcher> watcher = InotifyWatcher::FindInstance(vfId);
         if (watcher == nullptr) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Inotify watcher in vfId[%d] is nullptr, skip destroy",

@@ -31,6 +31,7 @@
 
 #include <hdc_server.h>
 
+#include "platform/orv_codes.h"
 #include "daemon/orv_pexa_client.h"
 #include "daemon/session_reaper.h"
 #include "orv_message.pb.h"
@@ -44,8 +45,6 @@ namespace orv {
 using OrvImplKey = std::pair<uint32_t, int32_t>;
 using OrvImplMap = std::map<OrvImplKey, std::map<uint32_t, std::shared_ptr<OrvImpl>>>;
 
-// Largest VF id; 0 is the physical function.
-inline constexpr uint32_t kMaxVfId = 16;
 // Physical device ids lie below this.
 inline constexpr uint32_t kMaxRealDeviceId = 128;
 

@@ -26,6 +26,7 @@
 #include "platform/scope_guard.h"
 #include "session/process_handle.h"
 #include "session/process_util.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
@@ -38,7 +39,6 @@ constexpr size_t kPidofCommandSize = 257;
 // A leftover sent SIGKILL ends at once; the bound only keeps one stuck in the
 // kernel from holding up the start.
 constexpr std::chrono::milliseconds kLeftoverExitWait(2000);
-constexpr uint32_t kFormatFailure = 15;
 // The termination channel's record: a 4-byte header, then 920 bytes in which
 // the signal number sits at 0 and the terminated pid at 560.
 constexpr size_t kSysMonitorReadSize = 1028;

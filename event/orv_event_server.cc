@@ -19,6 +19,7 @@
 #include "platform/orv_drv_manager.h"
 #include "platform/scope_guard.h"
 #include "session/process_util.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
@@ -35,8 +36,6 @@ constexpr uint32_t kWakeSubEvent = 0xffff;
 // The sender of the driver's own notices: no process.
 constexpr int32_t kDriverSender = 0;
 constexpr size_t kDriverMsgVfOffset = 4;
-constexpr int kMaxVf = 16;
-constexpr char kCustomRunnerName[] = "aicpu_custom_runner";
 constexpr size_t kVfListLineSize = 128;
 
 }  // namespace
@@ -263,7 +262,7 @@ uint32_t OrvEventServer::ProcessDrvEvent(event_info& event, uint32_t subEventId)
     uint32_t vfWord = 0;
     (void)memcpy_s(&vfWord, sizeof(vfWord), event.msg + kDriverMsgVfOffset, sizeof(vfWord));
     int vfId = static_cast<int>(vfWord);
-    if (vfWord < 1 || vfWord > static_cast<uint32_t>(kMaxVf)) {
+    if (vfWord < 1 || vfWord > kMaxVfId) {
         ORV_LOG(ORV_ERROR, "Got invalid vfid[%d].", vfId);
         return 1;
     }
@@ -366,7 +365,7 @@ bool OrvEventServer::CheckExistVf(std::vector<int>& vfIds) const {
         // Every character of the program's name is a separator, as strtok_r
         // takes its second argument; the first token is the VF number.
         char* save = nullptr;
-        char* token = strtok_r(line, kCustomRunnerName, &save);
+        char* token = strtok_r(line, kCustomComputeName, &save);
         if (token == nullptr) {
             continue;
         }
@@ -377,7 +376,7 @@ bool OrvEventServer::CheckExistVf(std::vector<int>& vfIds) const {
             ORV_LOG(ORV_EVENT, "Transfer string:%s to vfid failed", line);
             return false;
         }
-        if (vfId >= 1 && vfId <= kMaxVf) {
+        if (vfId >= 1 && vfId <= static_cast<int32_t>(kMaxVfId)) {
             vfIds.push_back(vfId);
         }
     }

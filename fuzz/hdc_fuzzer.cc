@@ -39,13 +39,13 @@
 #include "fuzz/fuzz_support.h"
 #include "orv_message.pb.h"
 #include "package/package_worker.h"
+#include "platform/orv_codes.h"
 
 namespace {
 
 using orv::HDCMessage;
 
 constexpr size_t kMaxFramesPerInput = 8;
-constexpr int32_t kMaxVfId = 16;
 constexpr useconds_t kSessionPollUs = 100;
 
 orv::fuzz::Bystander g_bystander;
@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("AICPU_MAX_NUM", "2", 1);
     g_bystander.Start();
     orv::fuzz::StartDaemon();
-    for (int32_t vfId = 0; vfId <= kMaxVfId; ++vfId) {
+    for (int32_t vfId = 0; vfId <= static_cast<int32_t>(orv::kMaxVfId); ++vfId) {
         std::shared_ptr<orv::PackageWorker> worker = orv::PackageWorker::GetInstance(vfId);
         if (worker != nullptr) {
             worker->Stop();

@@ -30,9 +30,6 @@ MsgParseReg::MsgParseReg(HDCMessage::MsgType type, MsgProcessFunc func) {
     MessageParseServer::GetInstance()->RegisterMsgProcess(type, func);
 }
 
-const std::vector<std::string> kSubProcessNames = {"zarn_service.bin", "aicpu_runner", "aicpu_custom_runner",
-                                                   "queue_runner"};
-
 namespace {
 
 const MsgParseReg kStartReg(HDCMessage::ORV_START_PROC_MSG, FmkToOrvMsg);

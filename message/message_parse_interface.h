@@ -53,9 +53,6 @@ public:
     ~MsgParseReg() {}
 };
 
-// The sub-process executables, in the order start-up looks for leftovers:
-// zarn_service.bin, aicpu_runner, aicpu_custom_runner, queue_runner.
-extern const std::vector<std::string> kSubProcessNames;
 
 }  // namespace orv
 

@@ -12,13 +12,13 @@
 #include "package/internal_api.h"
 #include "package/package_worker.h"
 #include "platform/log.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
 namespace {
 
 // Watchers exist for the physical function and VFs 1 to 16 only.
-constexpr int32_t kMaxVfId = 16;
 constexpr uint32_t kTrustedPathSize = 256;
 constexpr int kMaxEpollEvents = 512;
 constexpr int kEpollTimeoutMs = 250;
@@ -41,7 +41,7 @@ InotifyWatcher::~InotifyWatcher() {
 }
 
 std::shared_ptr<InotifyWatcher> InotifyWatcher::GetInstance(int32_t vfId) {
-    if (vfId < 0 || vfId > kMaxVfId) {
+    if (vfId < 0 || vfId > static_cast<int32_t>(kMaxVfId)) {
         ORV_LOG(ORV_ERROR,
                 "[InotifyWatcher] No inotify watcher for vfId[%d]: VF ids run from 0 to %d.", vfId,
                 kMaxVfId);

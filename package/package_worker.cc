@@ -23,6 +23,7 @@
 #include "package/kernel_tree.h"
 #include "platform/log.h"
 #include "platform/scope_guard.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
@@ -36,14 +37,11 @@ const std::vector<std::string> kSandBoxList = {
 namespace {
 
 // Package workers exist for the physical function and VFs 1 to 16 only.
-constexpr int32_t kMaxVfId = 16;
 constexpr uint32_t kCheckSumWaitSeconds = 5;
-constexpr uint32_t kVerifyFailed = 14;
 constexpr char kSrcPackageName[] = "srcPackageName";
 constexpr char kInnerPackageName[] = "innerPackageName";
 constexpr char kSandBoxPrefix[] = "SandBoxSo=";
 constexpr char kStagingDir[] = "/home/QelvarUser/aicpu_kernels/";
-constexpr char kKernelsRoot[] = "/usr/lib64/aicpu_kernels/";
 constexpr char kDeviceSubdir[] = "/aicpu_kernels_device/";
 constexpr char kVersionInfo[] = "version.info";
 constexpr char kSandBoxDir[] = "sand_box";
@@ -235,7 +233,7 @@ std::string PackageWorker::InstallDir() const {
 }
 
 std::shared_ptr<PackageWorker> PackageWorker::GetInstance(int32_t vfId) {
-    if (vfId < 0 || vfId > kMaxVfId) {
+    if (vfId < 0 || vfId > static_cast<int32_t>(kMaxVfId)) {
         // A host may ask about any id; only those of VFs that can exist get a worker.
         ORV_LOG(ORV_ERROR,
                 "[PackageWorker] No package worker for vfId[%d]: VF ids run from 0 to %d.", vfId,

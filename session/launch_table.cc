@@ -2,14 +2,8 @@
 
 namespace orv {
 
-const std::string kZarnPath = "/var/zarn_service.bin";
-const std::string kComputePath = "/var/aicpu_runner";
-const std::string kCustomComputePath = "/var/aicpu_custom_runner";
-const std::string kQueuePath = "/var/queue_runner";
-
 namespace {
 
-constexpr char kKernelsRoot[] = "/usr/lib64/aicpu_kernels/";
 // Both compute processes register under this prefix, the custom one included.
 constexpr char kComputeIamPrefix[] = "aicpu_rn_";
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/orv_codes.h"
+
 namespace orv {
 
 // The four kinds of sub-process; the same numbers travel in events and alarms.
@@ -20,16 +22,6 @@ enum OrvSubProcessType : uint32_t {
     CUSTOM_COMPUTE = 2,  // custom-kernel compute scheduler, /var/aicpu_custom_runner
     QUEUE_SCHEDULE = 3,  // queue scheduler, /var/queue_runner
 };
-
-// Paths and names of the sub-process executables.
-extern const std::string kZarnPath;
-extern const std::string kComputePath;
-extern const std::string kCustomComputePath;
-extern const std::string kQueuePath;
-inline constexpr char kZarnName[] = "zarn_service.bin";
-inline constexpr char kComputeName[] = "aicpu_runner";
-inline constexpr char kCustomComputeName[] = "aicpu_custom_runner";
-inline constexpr char kQueueName[] = "queue_runner";
 
 // The command-line pieces of one launch, each a whole "--flag=value" (or path).
 struct ProcessInfo {

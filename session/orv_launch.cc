@@ -20,13 +20,13 @@
 #include "platform/orv_drv_manager.h"
 #include "session/launch_table.h"
 #include "session/process_util.h"
+#include "platform/orv_codes.h"
 
 namespace orv {
 
 namespace {
 
 constexpr size_t kProcessNameMaxLen = 256;
-constexpr uint32_t kInvalidParam = 14;
 constexpr int32_t kChipZeb = 2;
 constexpr uint32_t kGroupEntrySize = 36;
 constexpr uint32_t kGroupEntryMax = 1024;
