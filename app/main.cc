@@ -55,7 +55,8 @@ void OnStopSignal(int /*signo*/) {
 const char kUsage[] =
     "Usage: orvdaemon [--help | --version]\n"
     "Starts the device-side process-management daemon and runs it until SIGTERM or SIGINT.\n"
-    "Its settings come from the environment (STARTUP_QS, AICPU_MAX_NUM, REGISTER_TO_VELKANMONITOR,\n"
+    "Its settings come from the environment (STARTUP_QS, AICPU_MAX_NUM, "
+    "REGISTER_TO_VELKANMONITOR,\n"
     "DATAMASTER_RUN_MODE, QS_RESCHED_INTEVAL, AICPU_ADD_BUFFERGROUP) and from\n"
     "/var/orvdaemon_add_env_variable.sh. Under systemd (Type=notify) it reports READY=1 once\n"
     "started and STOPPING=1 when it begins to stop.\n";
@@ -83,8 +84,10 @@ void KeepInheritedDescriptorsFromSubProcesses() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0)) {
-        std::fputs(std::strcmp(argv[1], "--version") == 0 ? "orvdaemon " ORV_VERSION "\n" : kUsage, stdout);
+    if (argc == 2 &&
+        (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0)) {
+        std::fputs(std::strcmp(argv[1], "--version") == 0 ? "orvdaemon " ORV_VERSION "\n" : kUsage,
+                   stdout);
         return 0;
     }
     if (argc != 1) {
@@ -116,7 +119,8 @@ int main(int argc, char** argv) {
     if (ret != 0) {
         std::fprintf(stderr, "orvdaemon: start failed with code %u:\n%s", ret,
                      orv::ORVLog::GetInstance().GetErrorMsg().c_str());
-        systemd.Notify("STATUS=Start failed with code " + std::to_string(ret) + "; see the system log");
+        systemd.Notify("STATUS=Start failed with code " + std::to_string(ret) +
+                       "; see the system log");
         sandbox.Notify("START_FAILED=" + std::to_string(ret));
         daemon->Destroy();
         Exit(1);

@@ -15,8 +15,8 @@
 //
 // `orv-bench floor` is the baselines' own half: it runs inside the sandbox.
 #include <dlfcn.h>
-#include <limits.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -105,8 +105,8 @@ double Percentile(std::vector<double> samples, double p) {
 }
 
 void Report(const std::string& what, const std::vector<double>& micros) {
-    std::printf("  %-52s p50 %9.1f us   p99 %9.1f us   (n=%zu)\n", what.c_str(), Percentile(micros, 0.5),
-                Percentile(micros, 0.99), micros.size());
+    std::printf("  %-52s p50 %9.1f us   p99 %9.1f us   (n=%zu)\n", what.c_str(),
+                Percentile(micros, 0.5), Percentile(micros, 0.99), micros.size());
 }
 
 std::string MakeState(const std::string& name) {
@@ -118,7 +118,8 @@ std::string MakeState(const std::string& name) {
 
 std::unique_ptr<HostLink> Connect(const SandboxClient& sandbox, uint32_t device) {
     std::string error;
-    auto link = HostLink::Connect(sandbox.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
+    auto link =
+        HostLink::Connect(sandbox.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
     if (link == nullptr) {
         std::fprintf(stderr, "orv-bench: %s\n", error.c_str());
     }
@@ -186,7 +187,8 @@ double BareStart() {
 // round measures the bare floor too, and both run on the control CPU of
 // device 0, where the daemon starts its sub-processes.
 int RunFloor(int count) {
-    if (halEschedAttachDevice(0) != DRV_ERROR_NONE || halEschedCreateGrp(0, 0, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
+    if (halEschedAttachDevice(0) != DRV_ERROR_NONE ||
+        halEschedCreateGrp(0, 0, GRP_TYPE_BIND_CP_CPU) != DRV_ERROR_NONE ||
         halEschedSubscribeEvent(0, 0, 0, 1ULL << EVENT_CCPU_CTRL_MSG) != DRV_ERROR_NONE) {
         std::fprintf(stderr, "orv-bench floor: event scheduler set-up failed\n");
         return 1;
@@ -199,8 +201,9 @@ int RunFloor(int count) {
         auto started = Clock::now();
         pid_t child = fork();
         if (child == 0) {
-            char* const argv[] = {const_cast<char*>("aicpu_runner"), const_cast<char*>("--deviceId=0"),
-                                  const_cast<char*>(pidArg.c_str()), const_cast<char*>("--vfId=0"), nullptr};
+            char* const argv[] = {
+                const_cast<char*>("aicpu_runner"), const_cast<char*>("--deviceId=0"),
+                const_cast<char*>(pidArg.c_str()), const_cast<char*>("--vfId=0"), nullptr};
             char* const envp[] = {nullptr};
             execve("/var/aicpu_runner", argv, envp);
             _exit(127);
@@ -231,7 +234,8 @@ int RunFloor(int count) {
         }
         waitpid(child, nullptr, 0);
         auto closed = Clock::now();
-        std::printf("%.1f %.1f %.1f\n", bare, reported ? Micros(handshaken - started) : -1.0, Micros(closed - closing));
+        std::printf("%.1f %.1f %.1f\n", bare, reported ? Micros(handshaken - started) : -1.0,
+                    Micros(closed - closing));
     }
     return 0;
 }
@@ -278,7 +282,8 @@ double Ratio(const std::vector<double>& a, const std::vector<double>& b) {
 // `sessions` host processes (pids from `firstHostPid`) one after another on
 // device 0, each on a new link: start the compute process (and the collective
 // service when `zarn`), then close. Adds to `samples`; the failed sessions.
-int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_t firstHostPid, Samples* samples) {
+int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_t firstHostPid,
+                  Samples* samples) {
     int failures = 0;
     for (int i = 0; i < sessions; ++i) {
         std::unique_ptr<HostLink> link = Connect(sandbox, 0);
@@ -287,9 +292,11 @@ int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_
         }
         uint32_t hostPid = firstHostPid + static_cast<uint32_t>(i);
         auto t0 = Clock::now();
-        int code = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 0, hostPid, zarn, HDCMessage::ORV_START_PROC_RSP);
+        int code = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 0, hostPid, zarn,
+                       HDCMessage::ORV_START_PROC_RSP);
         auto t1 = Clock::now();
-        int closed = Ask(*link, HDCMessage::ORV_CLOSE_PROC_MSG, 0, hostPid, false, HDCMessage::ORV_CLOSE_PROC_RSP);
+        int closed = Ask(*link, HDCMessage::ORV_CLOSE_PROC_MSG, 0, hostPid, false,
+                         HDCMessage::ORV_CLOSE_PROC_RSP);
         auto t2 = Clock::now();
         if (code != 0 || closed != 0) {
             ++failures;
@@ -302,7 +309,9 @@ int MeasureDaemon(const SandboxClient& sandbox, int sessions, bool zarn, uint32_
 }
 
 int Latency(int sessions) {
-    std::printf("\nStart and close latency (%d sessions of each kind, device 0), against the floors\n", sessions);
+    std::printf(
+        "\nStart and close latency (%d sessions of each kind, device 0), against the floors\n",
+        sessions);
     SandboxClient sandbox(g_binDir, MakeState("latency"));
     if (!sandbox.Boot({}, 30s)) {
         std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
@@ -314,7 +323,8 @@ int Latency(int sessions) {
     Samples both;
     int failures = 0;
     for (int i = 0; i < sessions; ++i) {
-        failures += MeasureDaemon(sandbox, 1, false, 10000 + static_cast<uint32_t>(i), &computeOnly);
+        failures +=
+            MeasureDaemon(sandbox, 1, false, 10000 + static_cast<uint32_t>(i), &computeOnly);
         failures += MeasureDaemon(sandbox, 1, true, 20000 + static_cast<uint32_t>(i), &both);
     }
     sandbox.Stop();
@@ -328,19 +338,24 @@ int Latency(int sessions) {
     double standin = Ratio(floors.standin.start, floors.bare);
     double one = Ratio(computeOnly.start, floors.bare);
     double two = Ratio(both.start, floors.bare);
-    std::printf("  against the bare floor: stand-in handshake %.2fx, start compute only %.2fx, compute + "
-                "collective service %.2fx%s\n",
-                standin, one, two, failures != 0 ? "; FAILED SESSIONS" : "");
-    std::printf("  against the stand-in's handshake: start compute only %.2fx, compute + collective service %.2fx\n",
-                Ratio(computeOnly.start, floors.standin.start), Ratio(both.start, floors.standin.start));
-    AddRow("bare floor: fork + exec + one-byte handshake", Format("%.2f ms", P50(floors.bare) / 1000), "(the floor)",
-           true);
-    AddRow("the stand-in's start handshake", Format("%.2fx the floor", standin), "close to the floor (1.5x)",
-           standin <= 1.5);
-    AddRow("start, compute only", Format("%.2fx the floor", one) + Format(" (%.2f ms)", P50(computeOnly.start) / 1000),
+    std::printf(
+        "  against the bare floor: stand-in handshake %.2fx, start compute only %.2fx, compute + "
+        "collective service %.2fx%s\n",
+        standin, one, two, failures != 0 ? "; FAILED SESSIONS" : "");
+    std::printf(
+        "  against the stand-in's handshake: start compute only %.2fx, compute + collective "
+        "service %.2fx\n",
+        Ratio(computeOnly.start, floors.standin.start), Ratio(both.start, floors.standin.start));
+    AddRow("bare floor: fork + exec + one-byte handshake",
+           Format("%.2f ms", P50(floors.bare) / 1000), "(the floor)", true);
+    AddRow("the stand-in's start handshake", Format("%.2fx the floor", standin),
+           "close to the floor (1.5x)", standin <= 1.5);
+    AddRow("start, compute only",
+           Format("%.2fx the floor", one) + Format(" (%.2f ms)", P50(computeOnly.start) / 1000),
            "2x", one <= 2.0);
     AddRow("start, compute + collective service",
-           Format("%.2fx the floor", two) + Format(" (%.2f ms)", P50(both.start) / 1000), "3x", two <= 3.0);
+           Format("%.2fx the floor", two) + Format(" (%.2f ms)", P50(both.start) / 1000), "3x",
+           two <= 3.0);
     AddRow("close, compute + collective service", Format("%.2f ms", P50(both.close) / 1000), "2 ms",
            P50(both.close) <= 2000);
     return failures == 0 ? 0 : 1;
@@ -351,7 +366,8 @@ int Latency(int sessions) {
 // SIGTERM to the sandbox (which hands it to the daemon) with sessions live:
 // the daemon's exit, and the whole sandbox's.
 int StopTimes(int rounds) {
-    std::printf("\nSIGTERM with sessions live (%d rounds; 4 hosts, compute + collective service)\n", rounds);
+    std::printf("\nSIGTERM with sessions live (%d rounds; 4 hosts, compute + collective service)\n",
+                rounds);
     std::vector<double> daemonExit;
     std::vector<double> sandboxDown;
     for (int round = 0; round < rounds; ++round) {
@@ -386,9 +402,11 @@ int StopTimes(int rounds) {
     }
     Report("SIGTERM -> the daemon's exit", daemonExit);
     Report("SIGTERM -> the whole sandbox down", sandboxDown);
-    AddRow("SIGTERM to the daemon's exit, sessions live", Format("%.0f ms p50", P50(daemonExit) / 1000), "100 ms",
+    AddRow("SIGTERM to the daemon's exit, sessions live",
+           Format("%.0f ms p50", P50(daemonExit) / 1000), "100 ms",
            !daemonExit.empty() && P50(daemonExit) <= 100000);
-    double worst = sandboxDown.empty() ? 0 : *std::max_element(sandboxDown.begin(), sandboxDown.end());
+    double worst =
+        sandboxDown.empty() ? 0 : *std::max_element(sandboxDown.begin(), sandboxDown.end());
     AddRow("SIGTERM to the whole sandbox down", Format("%.0f ms at most", worst / 1000), "1 s",
            !sandboxDown.empty() && worst <= 1000000);
     return 0;
@@ -406,26 +424,35 @@ constexpr char kSupervisordProgramStartsecs[] = "standin-startsecs1";
 // given empty. TERM is the stop signal: the stand-in keeps its default action.
 std::string SupervisordConfig() {
     std::string dir = kSupervisordDir;
-    std::string program = "command=/var/aicpu_runner --deviceId=0 --pid=900000 --vfId=0\n"
-                          "autostart=false\nautorestart=false\nstartretries=0\n"
-                          "stopsignal=TERM\nstopwaitsecs=10\nredirect_stderr=true\n"
-                          "stdout_logfile=" + dir + "/standin.out\n";
-    return "[unix_http_server]\nfile=" + dir + "/supervisor.sock\nchmod=0700\n\n"
-           "[supervisord]\nnodaemon=true\nlogfile=" + dir + "/supervisord.log\npidfile=" + dir +
-           "/supervisord.pid\nchildlogdir=" + dir + "\n\n"
-           "[rpcinterface:supervisor]\nsupervisor.rpcinterface_factory = supervisor.rpcinterface:make_main_rpcinterface\n\n"
-           "[program:" + kSupervisordProgram + "]\nstartsecs=0\n" + program + "\n"
-           "[program:" + kSupervisordProgramStartsecs + "]\nstartsecs=1\n" + program;
+    std::string program =
+        "command=/var/aicpu_runner --deviceId=0 --pid=900000 --vfId=0\n"
+        "autostart=false\nautorestart=false\nstartretries=0\n"
+        "stopsignal=TERM\nstopwaitsecs=10\nredirect_stderr=true\n"
+        "stdout_logfile=" +
+        dir + "/standin.out\n";
+    return "[unix_http_server]\nfile=" + dir +
+           "/supervisor.sock\nchmod=0700\n\n"
+           "[supervisord]\nnodaemon=true\nlogfile=" +
+           dir + "/supervisord.log\npidfile=" + dir + "/supervisord.pid\nchildlogdir=" + dir +
+           "\n\n"
+           "[rpcinterface:supervisor]\nsupervisor.rpcinterface_factory = "
+           "supervisor.rpcinterface:make_main_rpcinterface\n\n"
+           "[program:" +
+           kSupervisordProgram + "]\nstartsecs=0\n" + program +
+           "\n"
+           "[program:" +
+           kSupervisordProgramStartsecs + "]\nstartsecs=1\n" + program;
 }
 
 // Sees from outside, in the stand-ins' records (run/orv-stub/<pid>.txt), when
 // a stand-in has sent its start report through the event scheduler: the
 // moment it is as far as a sub-process the daemon declares started.
 class StartReportWatch {
-public:
+  public:
     explicit StartReportWatch(std::string dir) : dir_(std::move(dir)) {
         fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (fd_ >= 0 && inotify_add_watch(fd_, dir_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_MODIFY) < 0) {
+        if (fd_ >= 0 &&
+            inotify_add_watch(fd_, dir_.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_MODIFY) < 0) {
             close(fd_);
             fd_ = -1;
         }
@@ -467,7 +494,7 @@ public:
         return false;
     }
 
-private:
+  private:
     void ReadNames(std::vector<std::string>* names) {
         alignas(inotify_event) char buffer[16384];
         for (ssize_t n; (n = read(fd_, buffer, sizeof(buffer))) > 0;) {
@@ -495,9 +522,10 @@ bool StartSupervisord(const SandboxClient& sandbox, XmlRpcClient* rpc) {
         config << SupervisordConfig();
     }
     // With an empty environment, as the floor gives the stand-in.
-    if (sandbox.Enter({"/usr/bin/env", "-i", "/usr/bin/python3", "/usr/bin/supervisord", "--nodaemon",
-                       "--configuration", std::string(kSupervisordDir) + "/supervisord.conf"},
-                      nullptr, true) != 0) {
+    if (sandbox.Enter(
+            {"/usr/bin/env", "-i", "/usr/bin/python3", "/usr/bin/supervisord", "--nodaemon",
+             "--configuration", std::string(kSupervisordDir) + "/supervisord.conf"},
+            nullptr, true) != 0) {
         std::fprintf(stderr, "orv-bench: cannot start supervisord in the sandbox\n");
         return false;
     }
@@ -505,27 +533,28 @@ bool StartSupervisord(const SandboxClient& sandbox, XmlRpcClient* rpc) {
     auto deadline = Clock::now() + 30s;
     while (Clock::now() < deadline) {
         XmlRpcValue state;
-        if (rpc->Call("supervisor.getState", {}, &state, &error) && state.Member("statename").text == "RUNNING") {
+        if (rpc->Call("supervisor.getState", {}, &state, &error) &&
+            state.Member("statename").text == "RUNNING") {
             return true;
         }
         rpc->Close();
         std::this_thread::sleep_for(20ms);
     }
-    std::fprintf(stderr, "orv-bench: supervisord did not come up (%s; see %s/supervisord.log)\n", error.c_str(),
-                 dir.c_str());
+    std::fprintf(stderr, "orv-bench: supervisord did not come up (%s; see %s/supervisord.log)\n",
+                 error.c_str(), dir.c_str());
     return false;
 }
 
 // Starts and stops `program` through supervisord; false on the first fault.
-bool SupervisordCycle(XmlRpcClient& rpc, const char* program, StartReportWatch* watch, double* started,
-                      double* ready, double* stopped, std::string* error) {
+bool SupervisordCycle(XmlRpcClient& rpc, const char* program, StartReportWatch* watch,
+                      double* started, double* ready, double* stopped, std::string* error) {
     XmlRpcValue result;
     if (watch != nullptr) {
         watch->Drain();
     }
     auto t0 = Clock::now();
-    if (!rpc.Call("supervisor.startProcess", {XmlRpcValue::String(program), XmlRpcValue::Bool(true)}, &result,
-                  error)) {
+    if (!rpc.Call("supervisor.startProcess",
+                  {XmlRpcValue::String(program), XmlRpcValue::Bool(true)}, &result, error)) {
         return false;
     }
     auto t1 = Clock::now();
@@ -538,8 +567,8 @@ bool SupervisordCycle(XmlRpcClient& rpc, const char* program, StartReportWatch* 
         return false;
     }
     auto t2 = Clock::now();
-    if (!rpc.Call("supervisor.stopProcess", {XmlRpcValue::String(program), XmlRpcValue::Bool(true)}, &result,
-                  error)) {
+    if (!rpc.Call("supervisor.stopProcess", {XmlRpcValue::String(program), XmlRpcValue::Bool(true)},
+                  &result, error)) {
         return false;
     }
     auto t3 = Clock::now();
@@ -554,8 +583,10 @@ bool SupervisordCycle(XmlRpcClient& rpc, const char* program, StartReportWatch* 
 }
 
 int Supervisord(int cycles) {
-    std::printf("\nAgainst supervisord (XML-RPC over its Unix socket), the same stand-in, %d cycles, device 0\n",
-                cycles);
+    std::printf(
+        "\nAgainst supervisord (XML-RPC over its Unix socket), the same stand-in, %d cycles, "
+        "device 0\n",
+        cycles);
     SandboxClient sandbox(g_binDir, MakeState("supervisord"));
     if (!sandbox.Boot({}, 30s)) {
         std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
@@ -582,7 +613,8 @@ int Supervisord(int cycles) {
         double started = 0;
         double ready = 0;
         double stopped = 0;
-        if (SupervisordCycle(rpc, kSupervisordProgram, &watch, &started, &ready, &stopped, &error)) {
+        if (SupervisordCycle(rpc, kSupervisordProgram, &watch, &started, &ready, &stopped,
+                             &error)) {
             supervisord.start.push_back(started);
             supervisordReady.push_back(ready);
             supervisord.close.push_back(stopped);
@@ -600,7 +632,8 @@ int Supervisord(int cycles) {
         double started = 0;
         double ready = 0;
         double stopped = 0;
-        if (SupervisordCycle(rpc, kSupervisordProgramStartsecs, nullptr, &started, &ready, &stopped, &error)) {
+        if (SupervisordCycle(rpc, kSupervisordProgramStartsecs, nullptr, &started, &ready, &stopped,
+                             &error)) {
             startsecs.start.push_back(started);
             startsecs.close.push_back(stopped);
         }
@@ -629,18 +662,23 @@ int Supervisord(int cycles) {
     auto ratio = [](const std::vector<double>& a, const std::vector<double>& b) {
         return Percentile(a, 0.5) / std::max(1.0, Percentile(b, 0.5));
     };
-    std::printf("  start p50, daemon / supervisord: compute only %.2fx against RUNNING, %.2fx against the start "
-                "report; compute + collective service %.2fx, %.2fx\n",
-                ratio(daemonOne.start, supervisord.start), ratio(daemonOne.start, supervisordReady),
-                ratio(daemonTwo.start, supervisord.start), ratio(daemonTwo.start, supervisordReady));
-    std::printf("  close p50, daemon / supervisord: compute only %.2fx, compute + collective service %.2fx%s\n",
-                ratio(daemonOne.close, supervisord.close), ratio(daemonTwo.close, supervisord.close),
-                failures != 0 || !error.empty() ? "; FAILURES" : "");
+    std::printf(
+        "  start p50, daemon / supervisord: compute only %.2fx against RUNNING, %.2fx against the "
+        "start "
+        "report; compute + collective service %.2fx, %.2fx\n",
+        ratio(daemonOne.start, supervisord.start), ratio(daemonOne.start, supervisordReady),
+        ratio(daemonTwo.start, supervisord.start), ratio(daemonTwo.start, supervisordReady));
+    std::printf(
+        "  close p50, daemon / supervisord: compute only %.2fx, compute + collective service "
+        "%.2fx%s\n",
+        ratio(daemonOne.close, supervisord.close), ratio(daemonTwo.close, supervisord.close),
+        failures != 0 || !error.empty() ? "; FAILURES" : "");
     double start = ratio(daemonOne.start, supervisordReady);
     double stop = ratio(daemonOne.close, supervisord.close);
-    AddRow("start, compute only, against supervisord's like-for-like start", Format("%.2fx", start), "1/3",
-           start <= 1.0 / 3);
-    AddRow("close, compute only, against supervisord's stop", Format("%.2fx", stop), "1/2", stop <= 0.5);
+    AddRow("start, compute only, against supervisord's like-for-like start", Format("%.2fx", start),
+           "1/3", start <= 1.0 / 3);
+    AddRow("close, compute only, against supervisord's stop", Format("%.2fx", stop), "1/2",
+           stop <= 0.5);
     return failures == 0 && error.empty() ? 0 : 1;
 }
 
@@ -657,8 +695,10 @@ ResourceSample Sample(pid_t pid) {
 
 int Concurrent(int perDevice, bool reportResources) {
     uint32_t devices = std::max(1u, std::min(4u, std::thread::hardware_concurrency()));
-    std::printf("\n%d host processes on each of %u device(s) starting at once (compute + collective service)\n",
-                perDevice, devices);
+    std::printf(
+        "\n%d host processes on each of %u device(s) starting at once (compute + collective "
+        "service)\n",
+        perDevice, devices);
     SandboxClient sandbox(g_binDir, MakeState("concurrent"));
     if (!sandbox.Boot({"--devices", std::to_string(devices)}, 30s)) {
         std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
@@ -690,7 +730,8 @@ int Concurrent(int perDevice, bool reportResources) {
             auto start = Clock::now();
             if (links[static_cast<size_t>(i)] != nullptr &&
                 Ask(*links[static_cast<size_t>(i)], HDCMessage::ORV_START_PROC_MSG, device,
-                    20000 + static_cast<uint32_t>(i), true, HDCMessage::ORV_START_PROC_RSP, 60s) == 0) {
+                    20000 + static_cast<uint32_t>(i), true, HDCMessage::ORV_START_PROC_RSP,
+                    60s) == 0) {
                 latency[static_cast<size_t>(i)] = Micros(Clock::now() - start);
                 ++answered;
             }
@@ -706,8 +747,9 @@ int Concurrent(int perDevice, bool reportResources) {
     for (int i = 0; i < hosts; ++i) {
         threads.emplace_back([&, i] {
             if (links[static_cast<size_t>(i)] != nullptr) {
-                Ask(*links[static_cast<size_t>(i)], HDCMessage::ORV_CLOSE_PROC_MSG, static_cast<uint32_t>(i) % devices,
-                    20000 + static_cast<uint32_t>(i), false, HDCMessage::ORV_CLOSE_PROC_RSP, 60s);
+                Ask(*links[static_cast<size_t>(i)], HDCMessage::ORV_CLOSE_PROC_MSG,
+                    static_cast<uint32_t>(i) % devices, 20000 + static_cast<uint32_t>(i), false,
+                    HDCMessage::ORV_CLOSE_PROC_RSP, 60s);
             }
         });
     }
@@ -727,21 +769,25 @@ int Concurrent(int perDevice, bool reportResources) {
         }
     }
     std::printf("  answered %d of %d in %.1f ms\n", answered.load(), hosts, all / 1000.0);
-    AddRow(std::to_string(perDevice) + " hosts on each of " + std::to_string(devices) + " devices starting at once",
-           Format("last answer after %.2f s", all / 1e6) + (answered == hosts ? "" : ", NOT ALL ANSWERED"), "1 s",
-           answered == hosts && all <= 1e6);
+    AddRow(std::to_string(perDevice) + " hosts on each of " + std::to_string(devices) +
+               " devices starting at once",
+           Format("last answer after %.2f s", all / 1e6) +
+               (answered == hosts ? "" : ", NOT ALL ANSWERED"),
+           "1 s", answered == hosts && all <= 1e6);
     Report("start latency under that load", answeredLatency);
-    std::printf("  daemon threads: idle %zu, peak %zu, after closing %zu (%s)\n", idle.threads, peak.threads,
-                after.threads, after.threads <= idle.threads ? "back to idle" : "NOT back to idle");
-    AddRow("the daemon's threads after the hosts closed", Format("%.0f", static_cast<double>(after.threads)),
+    std::printf("  daemon threads: idle %zu, peak %zu, after closing %zu (%s)\n", idle.threads,
+                peak.threads, after.threads,
+                after.threads <= idle.threads ? "back to idle" : "NOT back to idle");
+    AddRow("the daemon's threads after the hosts closed",
+           Format("%.0f", static_cast<double>(after.threads)),
            Format("idle (%.0f)", static_cast<double>(idle.threads)), after.threads <= idle.threads);
-    AddRow("the daemon's resident size at the peak", Format("%.1f MiB", peak.rssKb / 1024.0), "64 MiB",
-           peak.rssKb < 64 * 1024);
+    AddRow("the daemon's resident size at the peak", Format("%.1f MiB", peak.rssKb / 1024.0),
+           "64 MiB", peak.rssKb < 64 * 1024);
     if (reportResources) {
         std::printf("\nResources of the daemon\n");
         std::printf("  idle:        RSS %6zu KiB, %3zu threads\n", idle.rssKb, idle.threads);
-        std::printf("  under load:  RSS %6zu KiB, %3zu threads (peak while %d hosts started)\n", peak.rssKb,
-                    peak.threads, hosts);
+        std::printf("  under load:  RSS %6zu KiB, %3zu threads (peak while %d hosts started)\n",
+                    peak.rssKb, peak.threads, hosts);
         std::printf("  afterwards:  RSS %6zu KiB, %3zu threads\n", after.rssKb, after.threads);
     }
     sandbox.Stop();
@@ -752,8 +798,9 @@ int Concurrent(int perDevice, bool reportResources) {
 
 int32_t VerifyWithLibrary(const std::string& path) {
     static void* library = dlopen((g_binDir + "/../lib/liborv_emu_imgverify.so").c_str(), RTLD_NOW);
-    static auto verify =
-        library != nullptr ? reinterpret_cast<HalVerifyImgFunc>(dlsym(library, IMG_VERIFY_SYMBOL)) : nullptr;
+    static auto verify = library != nullptr
+                             ? reinterpret_cast<HalVerifyImgFunc>(dlsym(library, IMG_VERIFY_SYMBOL))
+                             : nullptr;
     return verify != nullptr ? verify(0, 0, path.c_str(), 1) : -1;
 }
 
@@ -780,8 +827,9 @@ bool CopyInto(const std::string& from, const std::string& to) {
 }
 
 int Packages(int runs) {
-    std::printf("\nPackage install: close in the trusted directory -> check code published, against\n"
-                "tar -xzf of the same package plus its signature check\n");
+    std::printf(
+        "\nPackage install: close in the trusted directory -> check code published, against\n"
+        "tar -xzf of the same package plus its signature check\n");
     SandboxClient sandbox(g_binDir, MakeState("package"));
     if (!sandbox.Boot({}, 30s)) {
         std::fprintf(stderr, "orv-bench: the sandbox did not come up\n");
@@ -796,7 +844,8 @@ int Packages(int runs) {
         size_t pad;
         int runs;
     };
-    for (const Size& size : {Size{"small package", 0, runs * 4}, Size{"50 MB package", 50u << 20, runs}}) {
+    for (const Size& size :
+         {Size{"small package", 0, runs * 4}, Size{"50 MB package", 50u << 20, runs}}) {
         // Two packages of different sizes, so that each install changes the check code.
         std::string packages[2];
         for (int v = 0; v < 2; ++v) {
@@ -858,12 +907,14 @@ int LogRate() {
         const char* label;
         uint32_t level;
     };
-    for (const Kind& kind : {Kind{"written (info)", orv::ORV_INFO}, Kind{"gated off (debug)", orv::ORV_DEBUG},
-                             Kind{"error (kept for the host too)", orv::ORV_ERROR}}) {
+    for (const Kind& kind :
+         {Kind{"written (info)", orv::ORV_INFO}, Kind{"gated off (debug)", orv::ORV_DEBUG},
+          Kind{"error (kept for the host too)", orv::ORV_ERROR}}) {
         const int count = 100000;
         auto t0 = Clock::now();
         for (int i = 0; i < count; ++i) {
-            orv::ORVLog::GetInstance().OrvImplLog("LogRate", "orv_bench.cc", 1, orv::Log{kind.level},
+            orv::ORVLog::GetInstance().OrvImplLog("LogRate", "orv_bench.cc", 1,
+                                                  orv::Log{kind.level},
                                                   "[OrvDaemon] statement %d of %s", i, kind.label);
         }
         double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
@@ -884,15 +935,17 @@ double TimeRun(const std::vector<std::string>& argv, int* status) {
 }
 
 int Suite() {
-    std::printf("\nThe test suite and the demo, as `make test` and `make demo` run them after the build\n");
+    std::printf(
+        "\nThe test suite and the demo, as `make test` and `make demo` run them after the build\n");
     const std::string buildDir = g_binDir + "/..";
     int testStatus = 0;
     double test = TimeRun({"/usr/bin/ctest", "--test-dir", buildDir, "-j", "12"}, &testStatus);
     int demoStatus = 0;
     double demo = TimeRun({g_binDir + "/orv-demo"}, &demoStatus);
-    std::printf("  test suite: %.1f s (%s); demo: %.1f s (%s)\n", test, testStatus == 0 ? "passed" : "FAILED", demo,
-                demoStatus == 0 ? "passed" : "FAILED");
-    AddRow("the test suite on 2 cores", Format("%.0f s", test), "60 s", testStatus == 0 && test <= 60);
+    std::printf("  test suite: %.1f s (%s); demo: %.1f s (%s)\n", test,
+                testStatus == 0 ? "passed" : "FAILED", demo, demoStatus == 0 ? "passed" : "FAILED");
+    AddRow("the test suite on 2 cores", Format("%.0f s", test), "60 s",
+           testStatus == 0 && test <= 60);
     AddRow("the demo", Format("%.1f s", demo), "5 s", demoStatus == 0 && demo <= 5);
     return testStatus == 0 && demoStatus == 0 ? 0 : 1;
 }
@@ -902,8 +955,8 @@ int Summary() {
     std::printf("\nEvery figure against its target\n");
     bool all = true;
     for (const Row& row : g_rows) {
-        std::printf("  %-62s %-34s target %-26s %s\n", row.what.c_str(), row.figure.c_str(), row.target.c_str(),
-                    row.met ? "met" : "NOT MET");
+        std::printf("  %-62s %-34s target %-26s %s\n", row.what.c_str(), row.figure.c_str(),
+                    row.target.c_str(), row.met ? "met" : "NOT MET");
         all = all && row.met;
     }
     return all ? 0 : 1;
@@ -962,6 +1015,7 @@ int main(int argc, char** argv) {
         return status | Summary();
     }
     std::fprintf(stderr,
-                 "usage: orv-bench [latency|stop|supervisord|concurrent|resources|package|log-rate|suite|all]\n");
+                 "usage: orv-bench "
+                 "[latency|stop|supervisord|concurrent|resources|package|log-rate|suite|all]\n");
     return 2;
 }

@@ -68,7 +68,7 @@ std::string Unescape(const std::string& text) {
 
 // A cursor over a reply document that reads it tag by tag.
 class Reader {
-public:
+  public:
     explicit Reader(const std::string& text) : text_(text) {}
 
     void SkipSpace() {
@@ -125,7 +125,7 @@ public:
     void Seek(size_t pos) { pos_ = pos; }
     const std::string& Whole() const { return text_; }
 
-private:
+  private:
     size_t Past(const char* terminator) {
         size_t at = text_.find(terminator, pos_);
         return at == std::string::npos ? text_.size() : at + std::strlen(terminator);
@@ -174,8 +174,8 @@ bool ParseValue(Reader& reader, XmlRpcValue* value, int depth = 0) {
             }
             std::string name = Unescape(reader.Text());
             XmlRpcValue member;
-            if (!reader.Expect("/name") || !reader.Expect("value") || !ParseValue(reader, &member, depth + 1) ||
-                !reader.Expect("/member")) {
+            if (!reader.Expect("/name") || !reader.Expect("value") ||
+                !ParseValue(reader, &member, depth + 1) || !reader.Expect("/member")) {
                 return false;
             }
             value->members[name] = std::move(member);
@@ -223,7 +223,8 @@ void AppendValue(const XmlRpcValue& value, std::string* out) {
 }
 
 std::string Lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(s.begin(), s.end(), s.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return s;
 }
 
@@ -275,11 +276,13 @@ bool ParseMethodResponse(const std::string& body, XmlRpcValue* result, std::stri
             *error = "unreadable fault";
             return false;
         }
-        *error = "fault " + fault.Member("faultCode").text + ": " + fault.Member("faultString").text;
+        *error =
+            "fault " + fault.Member("faultCode").text + ": " + fault.Member("faultString").text;
         return false;
     }
-    if (tag != "params" || !reader.Expect("param") || !reader.Expect("value") || !ParseValue(reader, result) ||
-        !reader.Expect("/param") || !reader.Expect("/params") || !reader.Expect("/methodResponse")) {
+    if (tag != "params" || !reader.Expect("param") || !reader.Expect("value") ||
+        !ParseValue(reader, result) || !reader.Expect("/param") || !reader.Expect("/params") ||
+        !reader.Expect("/methodResponse")) {
         *error = "malformed methodResponse";
         return false;
     }
@@ -287,7 +290,8 @@ bool ParseMethodResponse(const std::string& body, XmlRpcValue* result, std::stri
 }
 
 std::string BuildMethodCall(const std::string& method, const std::vector<XmlRpcValue>& params) {
-    std::string out = "<?xml version=\"1.0\"?>\n<methodCall><methodName>" + Escape(method) + "</methodName><params>";
+    std::string out = "<?xml version=\"1.0\"?>\n<methodCall><methodName>" + Escape(method) +
+                      "</methodName><params>";
     for (const XmlRpcValue& param : params) {
         out += "<param>";
         AppendValue(param, &out);
@@ -367,7 +371,8 @@ bool XmlRpcClient::SendAll(const std::string& data, std::string* error) {
 
 bool XmlRpcClient::Fill(std::chrono::steady_clock::time_point deadline, std::string* error) {
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             *error = "no reply in time";
             return false;
@@ -415,7 +420,8 @@ bool XmlRpcClient::ReadResponse(std::string* body, bool* keepAlive, std::string*
     bool chunked = false;
     for (size_t at = lineEnd; at != std::string::npos && at < head.size();) {
         size_t next = head.find("\r\n", at + 2);
-        std::string line = head.substr(at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
+        std::string line =
+            head.substr(at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
         at = next;
         size_t colon = line.find(':');
         if (colon == std::string::npos) {
@@ -473,12 +479,13 @@ bool XmlRpcClient::ReadResponse(std::string* body, bool* keepAlive, std::string*
     return true;
 }
 
-bool XmlRpcClient::Call(const std::string& method, const std::vector<XmlRpcValue>& params, XmlRpcValue* result,
-                        std::string* error) {
+bool XmlRpcClient::Call(const std::string& method, const std::vector<XmlRpcValue>& params,
+                        XmlRpcValue* result, std::string* error) {
     std::string payload = BuildMethodCall(method, params);
-    std::string request = "POST /RPC2 HTTP/1.1\r\nHost: localhost\r\nUser-Agent: orv-bench\r\n"
-                          "Content-Type: text/xml\r\nContent-Length: " +
-                          std::to_string(payload.size()) + "\r\n\r\n" + payload;
+    std::string request =
+        "POST /RPC2 HTTP/1.1\r\nHost: localhost\r\nUser-Agent: orv-bench\r\n"
+        "Content-Type: text/xml\r\nContent-Length: " +
+        std::to_string(payload.size()) + "\r\n\r\n" + payload;
     // A kept-alive connection the server has closed since fails on first use:
     // that one failure is retried once on a new connection.
     bool reused = fd_ >= 0;

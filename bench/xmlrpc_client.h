@@ -38,9 +38,10 @@ bool ParseMethodResponse(const std::string& body, XmlRpcValue* result, std::stri
 std::string BuildMethodCall(const std::string& method, const std::vector<XmlRpcValue>& params);
 
 class XmlRpcClient {
-public:
+  public:
     // `endpoint` is a Unix socket's path (starting with '/') or a port of 127.0.0.1.
-    explicit XmlRpcClient(std::string endpoint, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    explicit XmlRpcClient(std::string endpoint,
+                          std::chrono::milliseconds timeout = std::chrono::seconds(30));
     ~XmlRpcClient();
     XmlRpcClient(const XmlRpcClient&) = delete;
     XmlRpcClient& operator=(const XmlRpcClient&) = delete;
@@ -48,13 +49,13 @@ public:
     // Calls `method` and waits for its reply; false with `error` set on a
     // fault, a transport failure or a reply that does not parse. Connects (or
     // reconnects, when the server closed the last connection) as needed.
-    bool Call(const std::string& method, const std::vector<XmlRpcValue>& params, XmlRpcValue* result,
-              std::string* error);
+    bool Call(const std::string& method, const std::vector<XmlRpcValue>& params,
+              XmlRpcValue* result, std::string* error);
     // Opens the connection now, so that the first call's time holds no connect.
     bool Connect(std::string* error);
     void Close();
 
-private:
+  private:
     bool SendAll(const std::string& data, std::string* error);
     bool ReadResponse(std::string* body, bool* keepAlive, std::string* error);
     // Reads more bytes into buffer_; false on end of stream, error or time-out.

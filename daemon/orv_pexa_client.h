@@ -34,7 +34,7 @@ struct Orv2dmReqMsg {
 };
 
 class OrvPexaClient {
-public:
+  public:
     static OrvPexaClient* GetInstance();
 
     OrvPexaClient(const OrvPexaClient&) = delete;
@@ -47,7 +47,7 @@ public:
     // forked child, so it must stay async-signal-safe.
     void SendMessageToIAM(const std::string& name) const;
 
-private:
+  private:
     OrvPexaClient() = default;
 };
 

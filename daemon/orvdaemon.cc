@@ -16,8 +16,8 @@
 #include "package/internal_api.h"
 #include "platform/appmon_client.h"
 #include "platform/log.h"
-#include "platform/stop_signal.h"
 #include "platform/orv_codes.h"
+#include "platform/stop_signal.h"
 
 namespace orv {
 

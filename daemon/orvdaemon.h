@@ -31,11 +31,11 @@
 
 #include <hdc_server.h>
 
-#include "platform/orv_codes.h"
 #include "daemon/orv_pexa_client.h"
 #include "daemon/session_reaper.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
+#include "platform/orv_codes.h"
 #include "platform/orv_drv_manager.h"
 #include "session/orv_common.h"
 

@@ -15,7 +15,7 @@
 namespace orv {
 
 class SessionReaper {
-public:
+  public:
     SessionReaper() = default;
     ~SessionReaper() { Stop(); }
     SessionReaper(const SessionReaper&) = delete;
@@ -31,7 +31,7 @@ public:
     // Lets go of what is left, then ends the thread.
     void Stop() LOCKS_EXCLUDED(mutex_);
 
-private:
+  private:
     void Run() LOCKS_EXCLUDED(mutex_);
 
     Mutex mutex_;

@@ -23,10 +23,10 @@
 #include "message/message_parse_interface.h"
 #include "package/internal_api.h"
 #include "platform/log.h"
+#include "platform/orv_codes.h"
 #include "platform/scope_guard.h"
 #include "session/process_handle.h"
 #include "session/process_util.h"
-#include "platform/orv_codes.h"
 
 namespace orv {
 

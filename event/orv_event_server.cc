@@ -16,10 +16,10 @@
 #include "package/internal_api.h"
 #include "package/package_worker.h"
 #include "platform/log.h"
+#include "platform/orv_codes.h"
 #include "platform/orv_drv_manager.h"
 #include "platform/scope_guard.h"
 #include "session/process_util.h"
-#include "platform/orv_codes.h"
 
 namespace orv {
 
@@ -43,23 +43,32 @@ constexpr size_t kVfListLineSize = 128;
 // ---- OrvEventInterface --------------------------------------------------------------
 
 uint32_t OrvEventInterface::SubscribeEvent(uint32_t devId, uint32_t groupId, int32_t threadIndex) {
-    ORV_LOG(ORV_INFO, "Dev[%u] begin subscribe event mask[%u][%d].", devId, static_cast<uint32_t>(kEventCcpuCtrlMask),
-            static_cast<int32_t>(kEventCcpuCtrlMsg));
-    drvError_t ret = halEschedSubscribeEvent(devId, groupId, static_cast<uint32_t>(threadIndex), kEventCcpuCtrlMask);
+    ORV_LOG(ORV_INFO, "Dev[%u] begin subscribe event mask[%u][%d].", devId,
+            static_cast<uint32_t>(kEventCcpuCtrlMask), static_cast<int32_t>(kEventCcpuCtrlMsg));
+    drvError_t ret = halEschedSubscribeEvent(devId, groupId, static_cast<uint32_t>(threadIndex),
+                                             kEventCcpuCtrlMask);
     if (ret != DRV_ERROR_NONE) {
-        ORV_LOG(ORV_ERROR, "halEschedSubscribeEvent failed, deviceId[%u], groupId[%u], threadIndex[%u] eventBitmap[%llu].",
-                devId, groupId, static_cast<uint32_t>(threadIndex), static_cast<unsigned long long>(kEventCcpuCtrlMask));
+        ORV_LOG(ORV_ERROR,
+                "halEschedSubscribeEvent failed, deviceId[%u], groupId[%u], threadIndex[%u] "
+                "eventBitmap[%llu].",
+                devId, groupId, static_cast<uint32_t>(threadIndex),
+                static_cast<unsigned long long>(kEventCcpuCtrlMask));
         return 1;
     }
-    ORV_LOG(ORV_INFO, "halEschedSubscribeEvent success, deviceId[%u], groupId[%u], threadIndex[%u] eventBitmap[%llu].",
-            devId, groupId, static_cast<uint32_t>(threadIndex), static_cast<unsigned long long>(kEventCcpuCtrlMask));
+    ORV_LOG(ORV_INFO,
+            "halEschedSubscribeEvent success, deviceId[%u], groupId[%u], threadIndex[%u] "
+            "eventBitmap[%llu].",
+            devId, groupId, static_cast<uint32_t>(threadIndex),
+            static_cast<unsigned long long>(kEventCcpuCtrlMask));
     return 0;
 }
 
-uint32_t OrvEventInterface::WaitAndProcessEvent(uint32_t devId, uint32_t groupId, int32_t threadIndex) {
+uint32_t OrvEventInterface::WaitAndProcessEvent(uint32_t devId, uint32_t groupId,
+                                                int32_t threadIndex) {
     event_info event;
     (void)memset_s(&event, sizeof(event), 0, sizeof(event));
-    drvError_t ret = halEschedWaitEvent(devId, groupId, static_cast<uint32_t>(threadIndex), kWaitTimeoutMs, &event);
+    drvError_t ret = halEschedWaitEvent(devId, groupId, static_cast<uint32_t>(threadIndex),
+                                        kWaitTimeoutMs, &event);
     switch (ret) {
         case DRV_ERROR_NONE:
             if (event.subevent_id == kWakeSubEvent && event.src_pid == getpid()) {
@@ -73,13 +82,16 @@ uint32_t OrvEventInterface::WaitAndProcessEvent(uint32_t devId, uint32_t groupId
             return 0;
         case DRV_ERROR_NO_SUBSCRIBE:
         case DRV_ERROR_PROCESS_EXIT:
-            ORV_LOG(ORV_ERROR, "Failed to call halEschedWaitEvent, error code=%d, deviceId[%u], groupId[%u], threadIndex[%u]",
+            ORV_LOG(ORV_ERROR,
+                    "Failed to call halEschedWaitEvent, error code=%d, deviceId[%u], groupId[%u], "
+                    "threadIndex[%u]",
                     ret, devId, groupId, static_cast<uint32_t>(threadIndex));
             return 1;
         default:
             ORV_LOG(ORV_ERROR,
-                    "Failed to call halEschedWaitEvent, error code[%d], deviceId[%u], groupId[%u], threadIndex[%u]", ret,
-                    devId, groupId, static_cast<uint32_t>(threadIndex));
+                    "Failed to call halEschedWaitEvent, error code[%d], deviceId[%u], groupId[%u], "
+                    "threadIndex[%u]",
+                    ret, devId, groupId, static_cast<uint32_t>(threadIndex));
             return 0;
     }
 }
@@ -130,35 +142,40 @@ void OrvEventServer::Work(uint32_t groupId) {
     (void)ProcessUtil::SetThreadAffinity(pthread_self(), cpus);
     drvError_t ret = halEschedCreateGrp(kEventDevice, groupId, GRP_TYPE_BIND_CP_CPU);
     if (ret != DRV_ERROR_NONE) {
-        ORV_LOG(ORV_ERROR, "halEschedCreateGrp dev[%u] group[%u] type[%d] failed, result[%d].", kEventDevice, groupId,
-                GRP_TYPE_BIND_CP_CPU, ret);
+        ORV_LOG(ORV_ERROR, "halEschedCreateGrp dev[%u] group[%u] type[%d] failed, result[%d].",
+                kEventDevice, groupId, GRP_TYPE_BIND_CP_CPU, ret);
         return;
     }
-    ORV_LOG(ORV_INFO, "halEschedCreateGrp dev[%u] group[%u] type[%d] success.", kEventDevice, groupId,
-            GRP_TYPE_BIND_CP_CPU);
+    ORV_LOG(ORV_INFO, "halEschedCreateGrp dev[%u] group[%u] type[%d] success.", kEventDevice,
+            groupId, GRP_TYPE_BIND_CP_CPU);
     const int32_t threadIndex = 0;
     uint32_t tid = static_cast<uint32_t>(mmGetTid());
     if (SubscribeEvent(kEventDevice, groupId, threadIndex) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvEventServer] subscribe EVENT_CCPU_CTRL_MSG failed in dev[%u] group[%u] tid[%u]",
-                kEventDevice, groupId, tid);
+        ORV_LOG(
+            ORV_ERROR,
+            "[OrvEventServer] subscribe EVENT_CCPU_CTRL_MSG failed in dev[%u] group[%u] tid[%u]",
+            kEventDevice, groupId, tid);
         return;
     }
-    ORV_LOG(ORV_EVENT, "[OrvEventServer] subscribe event on dev[%u] group[%u] tid[%u] success", kEventDevice, groupId,
-            tid);
+    ORV_LOG(ORV_EVENT, "[OrvEventServer] subscribe event on dev[%u] group[%u] tid[%u] success",
+            kEventDevice, groupId, tid);
     while (IsRunning()) {
         if (WaitAndProcessEvent(kEventDevice, groupId, threadIndex) != 0) {
-            ORV_LOG(ORV_ERROR, "[OrvEventServer] Exit wait event thread on dev[%u] group[%u] tid[%u]", kEventDevice,
-                    groupId, tid);
+            ORV_LOG(ORV_ERROR,
+                    "[OrvEventServer] Exit wait event thread on dev[%u] group[%u] tid[%u]",
+                    kEventDevice, groupId, tid);
             break;
         }
     }
-    ORV_LOG(ORV_INFO, "The loop of getting event is exit in dev[%u] group[%u] tid[%u].", kEventDevice, groupId, tid);
+    ORV_LOG(ORV_INFO, "The loop of getting event is exit in dev[%u] group[%u] tid[%u].",
+            kEventDevice, groupId, tid);
 }
 
 uint32_t OrvEventServer::ProcessEvent(event_info& event) {
     ORV_LOG(ORV_EVENT, "Begin to process orv event");
     if (event.event_id != kEventCcpuCtrlMsg) {
-        ORV_LOG(ORV_ERROR, "Unknown event type, event_id[%d].", static_cast<int32_t>(event.event_id));
+        ORV_LOG(ORV_ERROR, "Unknown event type, event_id[%d].",
+                static_cast<int32_t>(event.event_id));
         return 1;
     }
     uint32_t subEventId = event.subevent_id;
@@ -166,8 +183,10 @@ uint32_t OrvEventServer::ProcessEvent(event_info& event) {
         // The scheduler stamps each event with its submitter; the driver's own
         // notices carry no process at all.
         if (event.src_pid != kDriverSender) {
-            ORV_LOG(ORV_ERROR, "[OrvEventServer] driver notice sub-event[%u] from pid[%d] refused: only the driver "
-                               "sends it",
+            ORV_LOG(ORV_ERROR,
+                    "[OrvEventServer] driver notice sub-event[%u] from pid[%d] refused: only the "
+                    "driver "
+                    "sends it",
                     subEventId, event.src_pid);
             return 1;
         }
@@ -181,19 +200,23 @@ uint32_t OrvEventServer::ProcessEvent(event_info& event) {
     if (event.msg_len != kOrvEventRecordLength) {
         if (subEventId == ORV_SUB_EVENT_CUST_START) {
             ORV_LOG(ORV_ERROR,
-                    "[OrvEventServer] Incorrect msg length[%u],correct msg length[%u] for OrvCustStartEventInfo",
+                    "[OrvEventServer] Incorrect msg length[%u],correct msg length[%u] for "
+                    "OrvCustStartEventInfo",
                     event.msg_len, kOrvEventRecordLength);
         } else {
-            ORV_LOG(ORV_ERROR, "[OrvEventServer] Incorrect msg length[%u], correct msg length[%u]", event.msg_len,
-                    kOrvEventRecordLength);
+            ORV_LOG(ORV_ERROR, "[OrvEventServer] Incorrect msg length[%u], correct msg length[%u]",
+                    event.msg_len, kOrvEventRecordLength);
         }
         return 1;
     }
     // The record names its sender; it must be the process that submitted it.
     uint32_t claimed = 0;
-    (void)memcpy_s(&claimed, sizeof(claimed), event.msg + offsetof(OrvSubEventInfo, srcPid), sizeof(claimed));
+    (void)memcpy_s(&claimed, sizeof(claimed), event.msg + offsetof(OrvSubEventInfo, srcPid),
+                   sizeof(claimed));
     if (event.src_pid == kDriverSender || claimed != static_cast<uint32_t>(event.src_pid)) {
-        ORV_LOG(ORV_ERROR, "[OrvEventServer] record of sub-event[%u] names sender[%u] but comes from pid[%d], dropped",
+        ORV_LOG(ORV_ERROR,
+                "[OrvEventServer] record of sub-event[%u] names sender[%u] but comes from pid[%d], "
+                "dropped",
                 subEventId, claimed, event.src_pid);
         return 1;
     }
@@ -214,12 +237,14 @@ uint32_t OrvEventServer::SubmitOrvEvent(OrvSubEventInfo& record) const {
     summary.dst_engine = EVENT_DST_ENGINE_CCPU;
     drvError_t ret = halEschedSubmitEvent(record.deviceId, &summary);
     if (ret != DRV_ERROR_NONE) {
-        ORV_LOG(ORV_ERROR, "[OrvEventServer] halEschedSubmitEvent to dev[%u] pid[%u] type[%d] failed, ret = %d",
-                record.deviceId, record.dstPid, static_cast<int32_t>(record.eventType), ret);
+        ORV_LOG(
+            ORV_ERROR,
+            "[OrvEventServer] halEschedSubmitEvent to dev[%u] pid[%u] type[%d] failed, ret = %d",
+            record.deviceId, record.dstPid, static_cast<int32_t>(record.eventType), ret);
         return 1;
     }
-    ORV_LOG(ORV_INFO, "[OrvEventServer] Submit event to dev[%u] pid[%u] type[%d] succ", record.deviceId, record.dstPid,
-            static_cast<int32_t>(record.eventType));
+    ORV_LOG(ORV_INFO, "[OrvEventServer] Submit event to dev[%u] pid[%u] type[%d] succ",
+            record.deviceId, record.dstPid, static_cast<int32_t>(record.eventType));
     return 0;
 }
 
@@ -255,8 +280,9 @@ uint32_t OrvEventServer::ProcessDrvEvent(event_info& event, uint32_t subEventId)
         return 0;
     }
     if (event.msg_len != kDriverMsgLength) {
-        ORV_LOG(ORV_ERROR, "[OrvEventServer] Incorrect driver msg length[%u], correct msg length[%u].", event.msg_len,
-                kDriverMsgLength);
+        ORV_LOG(ORV_ERROR,
+                "[OrvEventServer] Incorrect driver msg length[%u], correct msg length[%u].",
+                event.msg_len, kDriverMsgLength);
         return 1;
     }
     uint32_t vfWord = 0;
@@ -274,8 +300,8 @@ uint32_t OrvEventServer::ProcessDrvEvent(event_info& event, uint32_t subEventId)
     }
     int32_t ack = result != 0 ? -1 : 0;
     ORV_LOG(ORV_INFO, "[OrvEventServer] Send ack[%d] to driver.", ack);
-    if (halEschedAckEvent(kEventDevice, kEventCcpuCtrlMsg, subEventId, reinterpret_cast<char*>(&ack), sizeof(ack)) !=
-        DRV_ERROR_NONE) {
+    if (halEschedAckEvent(kEventDevice, kEventCcpuCtrlMsg, subEventId,
+                          reinterpret_cast<char*>(&ack), sizeof(ack)) != DRV_ERROR_NONE) {
         ORV_LOG(ORV_WARN, "[OrvEventServer] Send ack to driver failed.");
     } else {
         ORV_LOG(ORV_INFO, "[OrvEventServer] Send ack to driver success.");

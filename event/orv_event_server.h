@@ -20,7 +20,7 @@ namespace orv {
 
 // Subscription and the wait-and-dispatch step of an event receiver.
 class OrvEventInterface {
-public:
+  public:
     // Handles one received event; 0 when it was handled.
     virtual uint32_t ProcessEvent(event_info& event) = 0;
 
@@ -31,13 +31,13 @@ public:
     // when the scheduler says this waiter is done for.
     uint32_t WaitAndProcessEvent(uint32_t devId, uint32_t groupId, int32_t threadIndex);
 
-protected:
+  protected:
     OrvEventInterface() = default;
     ~OrvEventInterface() = default;
 };
 
 class OrvEventServer : public OrvEventInterface {
-public:
+  public:
     static OrvEventServer* GetInstance();
 
     OrvEventServer(const OrvEventServer&) = delete;
@@ -76,7 +76,7 @@ public:
     // Starts the package watcher of a VF. 0 on success.
     uint32_t CreatInotifyWatcher(int vfId) const;
 
-private:
+  private:
     OrvEventServer();
 
     std::atomic<bool> running_{true};

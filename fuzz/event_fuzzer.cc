@@ -42,7 +42,8 @@ std::unique_ptr<HostLink> g_link;
 std::shared_ptr<orv::OrvImpl> g_session;
 
 uint32_t ReadWord(const uint8_t* bytes) {
-    return uint32_t{bytes[0]} | (uint32_t{bytes[1]} << 8) | (uint32_t{bytes[2]} << 16) | (uint32_t{bytes[3]} << 24);
+    return uint32_t{bytes[0]} | (uint32_t{bytes[1]} << 8) | (uint32_t{bytes[2]} << 16) |
+           (uint32_t{bytes[3]} << 24);
 }
 
 // Reads what the daemon has sent; reconnects when it closed the link.
@@ -76,7 +77,8 @@ bool StartSession() {
     }
     auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         HDCMessage reply;
         switch (left.count() > 0 ? g_link->Next(&reply, left) : Received::kTimeout) {
             case Received::kMessage:
@@ -160,7 +162,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         event.grp_id = ReadWord(header + 12);
         event.msg_len = ReadWord(header + 16);
         offset += kHeaderSize;
-        size_t body = std::min({static_cast<size_t>(event.msg_len), sizeof(event.msg), size - offset});
+        size_t body =
+            std::min({static_cast<size_t>(event.msg_len), sizeof(event.msg), size - offset});
         std::memcpy(event.msg, data + offset, body);
         offset += body;
 

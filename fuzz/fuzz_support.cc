@@ -96,8 +96,8 @@ unsigned long KeptMountFlags(const std::string& point) {
     }
     unsigned long flags = 0;
     const std::pair<unsigned long, unsigned long> kept[] = {
-        {ST_NOSUID, MS_NOSUID},       {ST_NODEV, MS_NODEV},     {ST_NOEXEC, MS_NOEXEC},
-        {ST_NOATIME, MS_NOATIME},     {ST_NODIRATIME, MS_NODIRATIME}, {ST_RELATIME, MS_RELATIME},
+        {ST_NOSUID, MS_NOSUID},   {ST_NODEV, MS_NODEV},           {ST_NOEXEC, MS_NOEXEC},
+        {ST_NOATIME, MS_NOATIME}, {ST_NODIRATIME, MS_NODIRATIME}, {ST_RELATIME, MS_RELATIME},
     };
     for (const auto& [statFlag, mountFlag] : kept) {
         if ((info.f_flag & statFlag) != 0) {
@@ -192,7 +192,8 @@ void Bystander::Check() const {
     emu::UniqueFd fd(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
     pollfd pfd{fd.Get(), POLLIN, 0};
     if (!fd.Valid() || ::poll(&pfd, 1, 0) != 0) {
-        Fail("the bystander process %d, which is none of the daemon's sub-processes, was killed", pid_);
+        Fail("the bystander process %d, which is none of the daemon's sub-processes, was killed",
+             pid_);
     }
 }
 
@@ -207,12 +208,13 @@ FrameSplit SplitFrames(const uint8_t* data, size_t size, size_t maxFrames) {
     size_t& offset = split.consumed;
     while (split.payloads.size() < maxFrames && size - offset >= kFrameHeaderSize) {
         const uint8_t* header = data + offset;
-        uint32_t length = (uint32_t{header[0]} << 24) | (uint32_t{header[1]} << 16) | (uint32_t{header[2]} << 8) |
-                          uint32_t{header[3]};
+        uint32_t length = (uint32_t{header[0]} << 24) | (uint32_t{header[1]} << 16) |
+                          (uint32_t{header[2]} << 8) | uint32_t{header[3]};
         if (length > kMaxFrameLength || length > size - offset - kFrameHeaderSize) {
             break;
         }
-        split.payloads.emplace_back(reinterpret_cast<const char*>(header) + kFrameHeaderSize, length);
+        split.payloads.emplace_back(reinterpret_cast<const char*>(header) + kFrameHeaderSize,
+                                    length);
         offset += kFrameHeaderSize + length;
     }
     return split;
@@ -281,7 +283,8 @@ ScratchJail::ScratchJail(const std::string& scratchDir, int argc, char** argv) :
     if (dir_.empty()) {
         Fail("cannot make the scratch directory %s", scratchDir.c_str());
     }
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         Fail("cannot make a private mount namespace: %s", std::strerror(errno));
     }
     if (::mount("tmpfs", dir_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=64m,mode=0755") != 0) {

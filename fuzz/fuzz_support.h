@@ -40,13 +40,13 @@ void StartDaemon();
 // sub-processes. The daemon may signal its own sub-processes only, so the
 // bystander must outlive every input.
 class Bystander {
-public:
+  public:
     // Starts it; call before the daemon starts (it waits for a child).
     void Start();
     // Fails when it is gone.
     void Check() const;
 
-private:
+  private:
     pid_t pid_ = -1;
 };
 
@@ -68,7 +68,7 @@ std::string JoinFrames(const std::vector<std::string>& payloads);
 
 // One host connection to an HDC server that sends arbitrary bytes.
 class RawHostLink {
-public:
+  public:
     // Connects; fails when the server cannot be reached.
     explicit RawHostLink(const std::string& socketPath);
 
@@ -78,7 +78,7 @@ public:
     // received are returned in order; a trailing partial frame is dropped.
     std::vector<std::string> Exchange(const uint8_t* data, size_t size);
 
-private:
+  private:
     emu::UniqueFd fd_;
 };
 
@@ -89,7 +89,7 @@ private:
 // A rename that leaves the scratch directory then fails (read-only or across
 // file systems) instead of touching the host's files.
 class ScratchJail {
-public:
+  public:
     // Sets the jail up for the calling thread; `argc`/`argv` are the fuzzer's,
     // from which the corpus and artifact directories are taken.
     ScratchJail(const std::string& scratchDir, int argc, char** argv);
@@ -98,17 +98,17 @@ public:
     // Empties the scratch directory.
     void Clear() const;
 
-private:
+  private:
     std::string dir_;
 };
 
 // Restores this process's environment to what it was at construction.
 class EnvironmentSnapshot {
-public:
+  public:
     EnvironmentSnapshot();
     void Restore() const;
 
-private:
+  private:
     std::vector<std::string> entries_;
 };
 

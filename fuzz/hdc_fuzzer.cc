@@ -62,7 +62,8 @@ bool IsResponse(HDCMessage::MsgType type) {
 // True while the HDC library still has the session: it lets go of it only
 // after SOCKET_CLOSED has been handled.
 bool SessionLive(uint32_t sessionId) {
-    std::shared_ptr<orv::HdcServer> server = orv::HdcServer::GetInstance(0, orv::HDC_SERVICE_TYPE_PROCESS_MANAGER);
+    std::shared_ptr<orv::HdcServer> server =
+        orv::HdcServer::GetInstance(0, orv::HDC_SERVICE_TYPE_PROCESS_MANAGER);
     return server != nullptr && server->GetVersionVerify(sessionId) != nullptr;
 }
 
@@ -70,7 +71,8 @@ bool SessionLive(uint32_t sessionId) {
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maxSize);
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize, unsigned int seed) {
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
+                                          unsigned int seed) {
     std::minstd_rand random(seed);
     orv::fuzz::FrameSplit frames = orv::fuzz::SplitFrames(data, size);
     if (frames.payloads.empty() || random() % 4 == 0) {
@@ -79,7 +81,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
     size_t index = random() % frames.payloads.size();
     switch (random() % 8) {
         case 0:
-            frames.payloads.insert(frames.payloads.begin() + static_cast<long>(index), frames.payloads[index]);
+            frames.payloads.insert(frames.payloads.begin() + static_cast<long>(index),
+                                   frames.payloads[index]);
             break;
         case 1:
             frames.payloads.erase(frames.payloads.begin() + static_cast<long>(index));
@@ -95,7 +98,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
                 return LLVMFuzzerMutate(data, size, maxSize);
             }
             payload.resize(oldSize + room);
-            payload.resize(LLVMFuzzerMutate(reinterpret_cast<uint8_t*>(payload.data()), oldSize, oldSize + room));
+            payload.resize(LLVMFuzzerMutate(reinterpret_cast<uint8_t*>(payload.data()), oldSize,
+                                            oldSize + room));
             break;
         }
     }
@@ -108,8 +112,9 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
     return mutated.size();
 }
 
-extern "C" size_t LLVMFuzzerCustomCrossOver(const uint8_t* data1, size_t size1, const uint8_t* data2, size_t size2,
-                                            uint8_t* out, size_t maxOutSize, unsigned int seed) {
+extern "C" size_t LLVMFuzzerCustomCrossOver(const uint8_t* data1, size_t size1,
+                                            const uint8_t* data2, size_t size2, uint8_t* out,
+                                            size_t maxOutSize, unsigned int seed) {
     std::minstd_rand random(seed);
     orv::fuzz::FrameSplit first = orv::fuzz::SplitFrames(data1, size1);
     orv::fuzz::FrameSplit second = orv::fuzz::SplitFrames(data2, size2);
@@ -165,7 +170,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             orv::fuzz::Fail("a reply of %zu bytes does not parse as an HDCMessage", payload.size());
         }
         if (!IsResponse(reply.type())) {
-            orv::fuzz::Fail("a reply has type %d, which is no response", static_cast<int>(reply.type()));
+            orv::fuzz::Fail("a reply has type %d, which is no response",
+                            static_cast<int>(reply.type()));
         }
     }
     g_bystander.Check();

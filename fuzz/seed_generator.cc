@@ -25,8 +25,8 @@ constexpr uint32_t kHostPid = 4242;  // the event target's session
 
 std::string Frame(const std::string& payload) {
     uint32_t n = static_cast<uint32_t>(payload.size());
-    std::string frame = {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
-                         static_cast<char>(n)};
+    std::string frame = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
+                         static_cast<char>(n >> 8), static_cast<char>(n)};
     return frame + payload;
 }
 
@@ -34,7 +34,8 @@ std::string Frame(const HDCMessage& msg) {
     return Frame(msg.SerializeAsString());
 }
 
-HDCMessage Request(HDCMessage::MsgType type, uint32_t hostPid, uint32_t deviceId = 0, int32_t vfId = 0) {
+HDCMessage Request(HDCMessage::MsgType type, uint32_t hostPid, uint32_t deviceId = 0,
+                   int32_t vfId = 0) {
     HDCMessage msg;
     msg.set_type(type);
     msg.set_device_id(deviceId);
@@ -87,7 +88,8 @@ std::vector<std::pair<std::string, std::string>> HdcSeeds() {
         {"start-zarn-and-cp", Frame(Start(101, true, true))},
         {"start-cp-with-check-code", Frame(withCheckCode)},
         {"start-nothing", Frame(Start(102, false, false))},
-        {"start-then-close", Frame(Start(200, true, false)) + Frame(Request(HDCMessage::ORV_CLOSE_PROC_MSG, 200))},
+        {"start-then-close",
+         Frame(Start(200, true, false)) + Frame(Request(HDCMessage::ORV_CLOSE_PROC_MSG, 200))},
         {"start-then-profiling", Frame(Start(300, false, true)) + Frame(profiling)},
         {"start-twice", Frame(Start(301, true, false)) + Frame(Start(301, true, true))},
         {"start-queue", Frame(queue)},
@@ -106,7 +108,8 @@ std::vector<std::pair<std::string, std::string>> HdcSeeds() {
         {"unknown-type", Frame(unknown)},
         {"malformed-payload", Frame(std::string("\x12\xff\xff\xff\xff\xff", 6)) + Frame(Test())},
         {"frame-too-long", std::string("\x00\x20\x00\x00", 4) + "abc"},
-        {"truncated-frame", std::string("\x00\x00\x00\x40", 4) + Test().SerializeAsString().substr(0, 5)},
+        {"truncated-frame",
+         std::string("\x00\x00\x00\x40", 4) + Test().SerializeAsString().substr(0, 5)},
     };
 }
 
@@ -118,7 +121,8 @@ void PutWord(std::string* out, uint32_t word) {
     }
 }
 
-std::string Event(uint32_t eventId, uint32_t subEventId, uint32_t msgLen, const void* body, size_t bodySize) {
+std::string Event(uint32_t eventId, uint32_t subEventId, uint32_t msgLen, const void* body,
+                  size_t bodySize) {
     std::string out;
     PutWord(&out, eventId);
     PutWord(&out, subEventId);
@@ -150,7 +154,8 @@ std::string CustomStart(const char* groups, uint32_t groupNum) {
     record.eventType = orv::ORV_SUB_EVENT_CUST_START;
     record.groupNum = groupNum;
     std::strncpy(record.groupNameList, groups, sizeof(record.groupNameList) - 1);
-    return Event(EVENT_CCPU_CTRL_MSG, orv::ORV_SUB_EVENT_CUST_START, sizeof(record), &record, sizeof(record));
+    return Event(EVENT_CCPU_CTRL_MSG, orv::ORV_SUB_EVENT_CUST_START, sizeof(record), &record,
+                 sizeof(record));
 }
 
 std::string LoadSo(const char* soName) {
@@ -160,7 +165,8 @@ std::string LoadSo(const char* soName) {
     record.procType = 1;
     record.eventType = orv::ORV_SUB_EVENT_LOAD_SO;
     std::strncpy(record.payload, soName, sizeof(record.payload) - 1);
-    return Event(EVENT_CCPU_CTRL_MSG, orv::ORV_SUB_EVENT_LOAD_SO, sizeof(record), &record, sizeof(record));
+    return Event(EVENT_CCPU_CTRL_MSG, orv::ORV_SUB_EVENT_LOAD_SO, sizeof(record), &record,
+                 sizeof(record));
 }
 
 std::string VfNotice(uint32_t subEventId, uint32_t vfId, uint32_t length = 16) {
@@ -186,7 +192,8 @@ std::vector<std::pair<std::string, std::string>> EventSeeds() {
         {"load-so-without-custom", LoadSo("libcust_op.so")},
         {"other-host", Record(ORV_SUB_EVENT_START, ORV_SUB_EVENT_START, 1, 130, 999)},
         {"short-record", Record(ORV_SUB_EVENT_START, ORV_SUB_EVENT_START, 1, 131, kHostPid, 127)},
-        {"daemon-sub-event", Record(orv::ORV_SUB_EVENT_CLOSE_REQ, orv::ORV_SUB_EVENT_CLOSE_REQ, 1, 132)},
+        {"daemon-sub-event",
+         Record(orv::ORV_SUB_EVENT_CLOSE_REQ, orv::ORV_SUB_EVENT_CLOSE_REQ, 1, 132)},
         {"other-event-id", Event(EVENT_CPU_TASK_MSG, 0, 0, "", 0)},
         {"vf-create", VfNotice(orv::ORV_SUB_EVENT_VF_CREATE, 3)},
         {"vf-create-then-destroy",
@@ -197,7 +204,8 @@ std::vector<std::pair<std::string, std::string>> EventSeeds() {
     };
 }
 
-bool WriteSeeds(const std::filesystem::path& dir, const std::vector<std::pair<std::string, std::string>>& seeds) {
+bool WriteSeeds(const std::filesystem::path& dir,
+                const std::vector<std::pair<std::string, std::string>>& seeds) {
     std::filesystem::create_directories(dir);
     for (const auto& [name, bytes] : seeds) {
         std::ofstream file(dir / name, std::ios::binary | std::ios::trunc);
@@ -214,7 +222,9 @@ bool WriteSeeds(const std::filesystem::path& dir, const std::vector<std::pair<st
 
 int main(int argc, char** argv) {
     if (argc != 2) {
-        std::fprintf(stderr, "usage: orv-fuzz-seeds CORPUS_DIR   (writes CORPUS_DIR/hdc and CORPUS_DIR/event)\n");
+        std::fprintf(
+            stderr,
+            "usage: orv-fuzz-seeds CORPUS_DIR   (writes CORPUS_DIR/hdc and CORPUS_DIR/event)\n");
         return 2;
     }
     std::filesystem::path root = argv[1];

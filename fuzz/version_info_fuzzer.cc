@@ -26,7 +26,8 @@ namespace {
 // Where the watcher leaves a package of VF 0 before installing it.
 constexpr char kStagedPackagePrefix[] = "/home/QelvarUser/aicpu_kernels/vf0_";
 // Shared objects a package might carry, so that the moves have something to move.
-const char* const kPackagedFiles[] = {"libaicpu_kernels.so", "libcpu_kernels.so", "libcust_aicpu_kernels.so"};
+const char* const kPackagedFiles[] = {"libaicpu_kernels.so", "libcpu_kernels.so",
+                                      "libcust_aicpu_kernels.so"};
 constexpr char kElfMagic[] = {'\x7f', 'E', 'L', 'F'};
 
 orv::fuzz::ScratchJail* g_jail = nullptr;
@@ -51,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* text = reinterpret_cast<const char*>(data);
     const char* newline = static_cast<const char*>(memchr(text, '\n', size));
     size_t nameLength = newline != nullptr ? static_cast<size_t>(newline - text) : size;
-    std::string packagePath = kStagedPackagePrefix + std::string(text, std::min<size_t>(nameLength, NAME_MAX));
+    std::string packagePath =
+        kStagedPackagePrefix + std::string(text, std::min<size_t>(nameLength, NAME_MAX));
 
     std::string installDir = g_jail->Dir() + "/0";
     std::string deviceDir = installDir + "/aicpu_kernels_device/";

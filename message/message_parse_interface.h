@@ -19,7 +19,7 @@ namespace orv {
 using MsgProcessFunc = void (*)(const uint32_t& sessionId, const HDCMessage& msg);
 
 class MessageParseInterface {
-public:
+  public:
     MessageParseInterface() = default;
     virtual ~MessageParseInterface() = default;
     MessageParseInterface(const MessageParseInterface&) = delete;
@@ -34,25 +34,24 @@ public:
 
     size_t HandlerCount() const { return msgProcessMap_.size(); }
 
-private:
+  private:
     std::map<HDCMessage::MsgType, MsgProcessFunc> msgProcessMap_;
 };
 
 class MessageParseServer : public MessageParseInterface {
-public:
+  public:
     static MessageParseServer* GetInstance();
 
-private:
+  private:
     MessageParseServer() = default;
 };
 
 // Registers one handler when constructed (as a static object).
 class MsgParseReg {
-public:
+  public:
     MsgParseReg(HDCMessage::MsgType type, MsgProcessFunc func);
     ~MsgParseReg() {}
 };
-
 
 }  // namespace orv
 

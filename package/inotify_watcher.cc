@@ -85,7 +85,8 @@ uint32_t InotifyWatcher::Init(uint32_t deviceCount) {
         ORV_LOG(ORV_ERROR, "inotify_init in vfId[%d] failed, ret = %d", vfId_, inotifyFd_);
         return 1;
     }
-    ORV_LOG(ORV_INFO, "inotify_init inotify_fd[%d] in vfId[%d] epoll_fd[%d] success", inotifyFd_, vfId_, epollFd_);
+    ORV_LOG(ORV_INFO, "inotify_init inotify_fd[%d] in vfId[%d] epoll_fd[%d] success", inotifyFd_,
+            vfId_, epollFd_);
     // Stop rings it, so that the watch thread ends at once rather than at
     // the end of its current wait.
     wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -105,9 +106,11 @@ uint32_t InotifyWatcher::Init(uint32_t deviceCount) {
 uint32_t InotifyWatcher::StartWatch(const uint32_t& deviceCount) {
     for (uint32_t deviceId = 0; deviceId < deviceCount; ++deviceId) {
         char base[kTrustedPathSize] = {0};
-        drvError_t ret = drvHdcGetTrustedBasePath(HDC_LOCAL_PEER_NODE, deviceId, base, kTrustedPathSize);
+        drvError_t ret =
+            drvHdcGetTrustedBasePath(HDC_LOCAL_PEER_NODE, deviceId, base, kTrustedPathSize);
         if (ret != DRV_ERROR_NONE) {
-            ORV_LOG(ORV_ERROR, "drvHdcGetTrustedBasePath get hdc device path failed, ret = %d", ret);
+            ORV_LOG(ORV_ERROR, "drvHdcGetTrustedBasePath get hdc device path failed, ret = %d",
+                    ret);
             return 1;
         }
         std::string dir = base;
@@ -121,21 +124,23 @@ uint32_t InotifyWatcher::StartWatch(const uint32_t& deviceCount) {
         ORV_LOG(ORV_INFO, "Inoitfy path on vfid[%d] is %s", vfId_, dir.c_str());
         int32_t wd = inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE);
         if (wd < 0) {
-            ORV_LOG(ORV_ERROR, "inotify_add_watch fd[%d] path[%s] wd[%d] failed", inotifyFd_, dir.c_str(), wd);
+            ORV_LOG(ORV_ERROR, "inotify_add_watch fd[%d] path[%s] wd[%d] failed", inotifyFd_,
+                    dir.c_str(), wd);
             return 1;
         }
         if (!wdPathMap_.emplace(wd, dir).second) {
             ORV_LOG(ORV_ERROR, "add wd[%d] path[%s] to map failed", wd, dir.c_str());
             return 1;
         }
-        ORV_LOG(ORV_EVENT, "inotify_add_watch fd[%d] path[%s] wd[%d] succ", inotifyFd_, dir.c_str(), wd);
+        ORV_LOG(ORV_EVENT, "inotify_add_watch fd[%d] path[%s] wd[%d] succ", inotifyFd_, dir.c_str(),
+                wd);
     }
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = inotifyFd_;
     if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, inotifyFd_, &event) != 0) {
-        ORV_LOG(ORV_ERROR, "epoll_ctl epoll_fd[%d] add inotify_fd[%d] failed, %s", epollFd_, inotifyFd_,
-                SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "epoll_ctl epoll_fd[%d] add inotify_fd[%d] failed, %s", epollFd_,
+                inotifyFd_, SafeStrerror().c_str());
         return 1;
     }
     event.data.fd = wakeFd_;
@@ -158,7 +163,9 @@ void InotifyWatcher::Work() {
     while (running_) {
         int count = epoll_wait(epollFd_, events, kMaxEpollEvents, kEpollTimeoutMs);
         if (count < 0) {
-            ORV_LOG(ORV_INFO, "epoll_wait epoll_fd[%d] inotify_fd[%d] vfId[%d] receive a terminal signal, err: %s.",
+            ORV_LOG(ORV_INFO,
+                    "epoll_wait epoll_fd[%d] inotify_fd[%d] vfId[%d] receive a terminal signal, "
+                    "err: %s.",
                     epollFd_, inotifyFd_, vfId_, SafeStrerror().c_str());
             continue;
         }
@@ -171,18 +178,21 @@ void InotifyWatcher::Work() {
             alignas(inotify_event) char buffer[kReadBufferSize + 1] = {0};
             ssize_t length = read(inotifyFd_, buffer, kReadBufferSize);
             if (length < static_cast<ssize_t>(kEventStep)) {
-                ORV_LOG(ORV_ERROR, "read inotify_fd[%d] failed, buf = %d", inotifyFd_, static_cast<int>(length));
+                ORV_LOG(ORV_ERROR, "read inotify_fd[%d] failed, buf = %d", inotifyFd_,
+                        static_cast<int>(length));
                 return;
             }
             // The buffer is walked in steps of the fixed header only, so that
             // positions inside a name are looked at too; they fail the name
             // pattern and are skipped.
-            for (size_t offset = 0; offset + kEventStep <= static_cast<size_t>(length); offset += kEventStep) {
+            for (size_t offset = 0; offset + kEventStep <= static_cast<size_t>(length);
+                 offset += kEventStep) {
                 HandleEvent(reinterpret_cast<const inotify_event*>(buffer + offset));
             }
         }
     }
-    ORV_LOG(ORV_INFO, "exit epoll_wait thread epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+    ORV_LOG(ORV_INFO, "exit epoll_wait thread epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_,
+            inotifyFd_, vfId_);
 }
 
 void InotifyWatcher::HandleEvent(const inotify_event* event) {
@@ -204,19 +214,21 @@ void InotifyWatcher::HandleEvent(const inotify_event* event) {
     dir += "/";
     ORV_LOG(ORV_EVENT, "begin load aicpu package path[%s] file[%s]", dir.c_str(), name.c_str());
     if (packageWorker_->LoadAICPUPackageForProcessMode(dir, name) != 0) {
-        ORV_LOG(ORV_ERROR, "Load aicpu package path[%s] file[%s] failed", dir.c_str(), name.c_str());
+        ORV_LOG(ORV_ERROR, "Load aicpu package path[%s] file[%s] failed", dir.c_str(),
+                name.c_str());
     }
 }
 
 bool InotifyWatcher::GetInotifyPath(int32_t wd, std::string& path) {
     auto it = wdPathMap_.find(wd);
     if (it == wdPathMap_.end()) {
-        ORV_LOG(ORV_ERROR, "can not find path map to epoll_fd[%d] inotify_fd[%d] wd[%d].", epollFd_, inotifyFd_, wd);
+        ORV_LOG(ORV_ERROR, "can not find path map to epoll_fd[%d] inotify_fd[%d] wd[%d].", epollFd_,
+                inotifyFd_, wd);
         return false;
     }
     path = it->second;
-    ORV_LOG(ORV_INFO, "find path[%s] map to epoll_fd[%d] inotify_fd[%d] wd[%d]", path.c_str(), epollFd_, inotifyFd_,
-            wd);
+    ORV_LOG(ORV_INFO, "find path[%s] map to epoll_fd[%d] inotify_fd[%d] wd[%d]", path.c_str(),
+            epollFd_, inotifyFd_, wd);
     return CheckRealPath(path);
 }
 
@@ -230,11 +242,13 @@ void InotifyWatcher::Stop() {
         uint64_t one = 1;
         if (write(wakeFd_, &one, sizeof(one)) < 0) {
             // The thread still notices within its wait's time-out.
-            ORV_LOG(ORV_WARN, "wake the watch thread of vfId[%d] failed, %s", vfId_, SafeStrerror().c_str());
+            ORV_LOG(ORV_WARN, "wake the watch thread of vfId[%d] failed, %s", vfId_,
+                    SafeStrerror().c_str());
         }
         watchThread_.join();
     }
-    ORV_LOG(ORV_INFO, "begin stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+    ORV_LOG(ORV_INFO, "begin stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_,
+            vfId_);
     for (const auto& entry : wdPathMap_) {
         inotify_rm_watch(inotifyFd_, entry.first);
     }
@@ -256,7 +270,8 @@ void InotifyWatcher::Stop() {
         close(wakeFd_);
     }
     wakeFd_ = -1;
-    ORV_LOG(ORV_INFO, "finish stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_, vfId_);
+    ORV_LOG(ORV_INFO, "finish stop epoll_fd[%d] inotify_fd[%d] vfId[%d]", epollFd_, inotifyFd_,
+            vfId_);
 }
 
 uint32_t InotifyWatcher::Destory() {

@@ -24,7 +24,7 @@ class PackageWorker;
 inline constexpr char kPackageNamePattern[] = "^[0-9]+_Velkan[0-9]{3}-aicpu_syskernels\\.tar\\.gz$";
 
 class InotifyWatcher {
-public:
+  public:
     // The watcher of `vfId` (0 to 16), created when there is none; null for
     // any other id, and when it cannot be allocated.
     static std::shared_ptr<InotifyWatcher> GetInstance(int32_t vfId);
@@ -58,7 +58,7 @@ public:
     // Stop, destroy the VF's package worker and leave the registry.
     uint32_t Destory();
 
-private:
+  private:
     explicit InotifyWatcher(int32_t vfId);
 
     // Removes this watcher from the class map. 0 on success.

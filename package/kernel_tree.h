@@ -5,11 +5,11 @@
 //
 // The unpack is done by gzip and tar, fed the package on their standard
 // input; what a package may hold is checked twice: its member names before
-// tar unpacks anything (no absolute name, no ".."), and the unpacked tree after (nothing but regular
-// files, directories and symbolic links that resolve inside the tree; no hard
-// link to a file outside it). tar itself never writes through a symbolic link
-// it unpacked whose target is absolute or climbs with "..": it sets such links
-// up only once every member is out, and member names cannot climb.
+// tar unpacks anything (no absolute name, no ".."), and the unpacked tree after (nothing but
+// regular files, directories and symbolic links that resolve inside the tree; no hard link to a
+// file outside it). tar itself never writes through a symbolic link it unpacked whose target is
+// absolute or climbs with "..": it sets such links up only once every member is out, and member
+// names cannot climb.
 #ifndef ORV_PACKAGE_KERNEL_TREE_H
 #define ORV_PACKAGE_KERNEL_TREE_H
 

@@ -22,15 +22,15 @@
 #include "package/internal_api.h"
 #include "package/kernel_tree.h"
 #include "platform/log.h"
-#include "platform/scope_guard.h"
 #include "platform/orv_codes.h"
+#include "platform/scope_guard.h"
 
 namespace orv {
 
 const std::vector<std::string> kSandBoxList = {
-    "/usr/lib64/libaicpu_kernels.so",      "/usr/lib64/libaicpu_cust_kernels.so",
-    "/usr/lib64/libaicpu_math_kernels.so", "/usr/lib64/libaicpu_nn_kernels.so",
-    "/usr/lib64/libaicpu_data_kernels.so", "/usr/lib64/libaicpu_queue_kernels.so",
+    "/usr/lib64/libaicpu_kernels.so",        "/usr/lib64/libaicpu_cust_kernels.so",
+    "/usr/lib64/libaicpu_math_kernels.so",   "/usr/lib64/libaicpu_nn_kernels.so",
+    "/usr/lib64/libaicpu_data_kernels.so",   "/usr/lib64/libaicpu_queue_kernels.so",
     "/usr/lib64/libaicpu_extend_kernels.so",
 };
 
@@ -255,7 +255,8 @@ void PackageWorker::ClearWorkerPtr() {
     MutexLock lock(&mutexForPackageWorkerMap_);
     auto it = packageWorkerMap_.find(vfId_);
     if (it == packageWorkerMap_.end()) {
-        ORV_LOG(ORV_ERROR, "Delete the [%d] packageWorkerPtr from packageWatcherMap_ failed", vfId_);
+        ORV_LOG(ORV_ERROR, "Delete the [%d] packageWorkerPtr from packageWatcherMap_ failed",
+                vfId_);
         return;
     }
     self = std::move(it->second);
@@ -317,7 +318,8 @@ uint32_t PackageWorker::CheckSum(uint32_t hostCode) {
     // more at the deadline.
     bool timedOut = false;
     while (checkCode_ != hostCode) {
-        ORV_LOG(ORV_INFO, "Check sum: host check code[%u], device check code[%u]", hostCode, checkCode_);
+        ORV_LOG(ORV_INFO, "Check sum: host check code[%u], device check code[%u]", hostCode,
+                checkCode_);
         if (stopped_ || timedOut) {
             break;
         }
@@ -329,14 +331,16 @@ uint32_t PackageWorker::CheckSum(uint32_t hostCode) {
     if (checkCode_ == hostCode) {
         return 0;
     }
-    ORV_LOG(ORV_EVENT, "Check sum wait %u second timeout. host check code[%u], device check code[%u]",
+    ORV_LOG(ORV_EVENT,
+            "Check sum wait %u second timeout. host check code[%u], device check code[%u]",
             kCheckSumWaitSeconds, hostCode, checkCode_);
     return 1;
 }
 
 // ---- Loads -------------------------------------------------------------------------
 
-uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, const std::string& fileName) {
+uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir,
+                                                       const std::string& fileName) {
     MutexLock lock(&workerMutex_);
     std::string full = dir + fileName;
     // Every step below works on what is opened here, never on the name again.
@@ -355,7 +359,8 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, c
     ScopeGuard closePackage([fd] { close(fd); });
     // As CalFileSize measures it.
     uint32_t code = static_cast<uint32_t>(static_cast<uint64_t>(size) & 0xFFFFFFFFULL);
-    ORV_LOG(ORV_EVENT, "Package checkcode is [%u], current env checkcode is [%u].", code, checkCode_);
+    ORV_LOG(ORV_EVENT, "Package checkcode is [%u], current env checkcode is [%u].", code,
+            checkCode_);
     if (code == checkCode_) {
         // Installed already; nobody is waiting for it.
         RemoveFile(full);
@@ -363,11 +368,13 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, c
     }
     std::string dst;
     if (RenameAICPUPackage(dir, fileName, dst) != 0) {
-        ORV_LOG(ORV_ERROR, "Rename path[%s] file[%s] to dstFile[%s] failed", dir.c_str(), fileName.c_str(), dst.c_str());
+        ORV_LOG(ORV_ERROR, "Rename path[%s] file[%s] to dstFile[%s] failed", dir.c_str(),
+                fileName.c_str(), dst.c_str());
         RemoveFile(full);
         return 1;
     }
-    ORV_LOG(ORV_INFO, "Rename path[%s] file[%s] to dstFile[%s] success", dir.c_str(), fileName.c_str(), dst.c_str());
+    ORV_LOG(ORV_INFO, "Rename path[%s] file[%s] to dstFile[%s] success", dir.c_str(),
+            fileName.c_str(), dst.c_str());
     if (vfId_ > 0 && access(CgroupDir(vfId_).c_str(), F_OK) == 0) {
         uint32_t ret = UnzipAndSetMemLimit(dst, fd);
         if (ret != 0) {
@@ -388,14 +395,16 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir, c
     return 0;
 }
 
-uint32_t PackageWorker::LoadAICPUPackageForThreadMode(const std::string& dstDir, const std::string& srcDir,
+uint32_t PackageWorker::LoadAICPUPackageForThreadMode(const std::string& dstDir,
+                                                      const std::string& srcDir,
                                                       const std::string& fileName) {
     uint32_t code = CalFileSize(srcDir + fileName);
     uint32_t saved = 0;
     ORV_LOG(ORV_EVENT, "Package checkcode is [%u]", code);
     int fd = open(kInstallInfo, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
-        ORV_LOG(ORV_ERROR, "Open aicpu_package_install.info failed, please install aicpu_kernels run again");
+        ORV_LOG(ORV_ERROR,
+                "Open aicpu_package_install.info failed, please install aicpu_kernels run again");
         return 1;
     }
     ScopeGuard closeFile([fd] { close(fd); });
@@ -420,8 +429,8 @@ uint32_t PackageWorker::LoadAICPUPackageForThreadMode(const std::string& dstDir,
         return 0;
     }
     if (!CopyAICPUPackage(dstDir, srcDir, fileName)) {
-        ORV_LOG(ORV_ERROR, "[OrvClient] Move file[%s] from path[%s] to path[%s] failed", fileName.c_str(),
-                srcDir.c_str(), dstDir.c_str());
+        ORV_LOG(ORV_ERROR, "[OrvClient] Move file[%s] from path[%s] to path[%s] failed",
+                fileName.c_str(), srcDir.c_str(), dstDir.c_str());
         return 1;
     }
     std::string package = dstDir + fileName;
@@ -460,7 +469,8 @@ uint32_t PackageWorker::VerifyAicpuPackage(const std::string& packagePath) const
 
 uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
     if (faccessat(AT_FDCWD, packagePath.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] No aicpu package need to decompression, name[%s].", packagePath.c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] No aicpu package need to decompression, name[%s].",
+                packagePath.c_str());
         return 1;
     }
     off_t size = 0;
@@ -577,7 +587,8 @@ uint32_t PackageWorker::PrepareKernels(const std::string& packagePath, int packa
     }
     uint32_t moved = MoveSoToSandBox(deviceDir);
     if (moved != 0) {
-        ORV_LOG(ORV_EVENT, "Move dynamic link so to sand box failed! status is %d.", static_cast<int>(moved));
+        ORV_LOG(ORV_EVENT, "Move dynamic link so to sand box failed! status is %d.",
+                static_cast<int>(moved));
     }
     // Moved links resolve from where they are now.
     if (!CheckKernelTree(stagedDir, &reason)) {
@@ -636,7 +647,8 @@ uint32_t PackageWorker::GetPackageName(const std::string& packagePath, std::stri
         return kVerifyFailed;
     }
     names[kSrcPackageName] = match.str();
-    ORV_LOG(ORV_INFO, "[OrvDaemon] Get srcPackageName[%s] success.", names[kSrcPackageName].c_str());
+    ORV_LOG(ORV_INFO, "[OrvDaemon] Get srcPackageName[%s] success.",
+            names[kSrcPackageName].c_str());
     std::string inner = installDir + kDeviceSubdir + kVersionInfo;
     ORV_LOG(ORV_INFO, "PackageInnerFile is [%s]", inner.c_str());
     bool opened = ForEachLine(inner, [&names](const std::string& line) {
@@ -671,7 +683,8 @@ uint32_t PackageWorker::MoveSoToSandBox(const std::string& deviceDir) const {
     ORV_LOG(ORV_INFO, "Sand box so item is %s.", line.c_str());
     std::string value = line.substr(prefix.size());
     if (value.empty()) {
-        ORV_LOG(ORV_ERROR, "Sand box so item value is empty. Sand box so item is %s.", line.c_str());
+        ORV_LOG(ORV_ERROR, "Sand box so item value is empty. Sand box so item is %s.",
+                line.c_str());
         return 1;
     }
     std::string sandDir = deviceDir + kSandBoxDir + "/";
@@ -692,14 +705,15 @@ uint32_t PackageWorker::MoveSoToSandBox(const std::string& deviceDir) const {
         if (rename(from.c_str(), to.c_str()) == 0) {
             ORV_LOG(ORV_EVENT, "Rename file [%s] to [%s] success.", from.c_str(), to.c_str());
         } else {
-            ORV_LOG(ORV_EVENT, "Rename file [%s] to [%s] failed, error is %s.", from.c_str(), to.c_str(),
-                    SafeStrerror().c_str());
+            ORV_LOG(ORV_EVENT, "Rename file [%s] to [%s] failed, error is %s.", from.c_str(),
+                    to.c_str(), SafeStrerror().c_str());
         }
     }
     return 0;
 }
 
-uint32_t PackageWorker::RenameAICPUPackage(const std::string& dir, const std::string& fileName, std::string& dst) {
+uint32_t PackageWorker::RenameAICPUPackage(const std::string& dir, const std::string& fileName,
+                                           std::string& dst) {
     std::string src = dir + fileName;
     dst = std::string(kStagingDir) + "vf" + std::to_string(vfId_) + "_" + fileName;
     if (CheckOrMakeDirectory(kStagingDir) != 0) {
@@ -716,18 +730,19 @@ uint32_t PackageWorker::RenameAICPUPackage(const std::string& dir, const std::st
 bool PackageWorker::CopyAICPUPackage(const std::string& dstDir, const std::string& srcDir,
                                      const std::string& fileName) const {
     if (access(dstDir.c_str(), F_OK) != 0 && mkdir(dstDir.c_str(), kDirMode) != 0) {
-        ORV_LOG(ORV_ERROR, "Create directory:[%s] failed, errno:[%s].", dstDir.c_str(), SafeStrerror().c_str());
+        ORV_LOG(ORV_ERROR, "Create directory:[%s] failed, errno:[%s].", dstDir.c_str(),
+                SafeStrerror().c_str());
         return false;
     }
     ORV_LOG(ORV_INFO, "[OrvClient] Create path[%s] success", dstDir.c_str());
     std::string command = "cp '" + srcDir + fileName + "' '" + dstDir + fileName + "'";
     if (PackSystem(command.c_str()) != 0) {
-        ORV_LOG(ORV_INFO, "[OrvClient] Copy file[%s] from path[%s] to path[%s] fail", fileName.c_str(), srcDir.c_str(),
-                dstDir.c_str());
+        ORV_LOG(ORV_INFO, "[OrvClient] Copy file[%s] from path[%s] to path[%s] fail",
+                fileName.c_str(), srcDir.c_str(), dstDir.c_str());
         return false;
     }
-    ORV_LOG(ORV_INFO, "[OrvClient] Copy file[%s] from path[%s] to path[%s] success", fileName.c_str(), srcDir.c_str(),
-            dstDir.c_str());
+    ORV_LOG(ORV_INFO, "[OrvClient] Copy file[%s] from path[%s] to path[%s] success",
+            fileName.c_str(), srcDir.c_str(), dstDir.c_str());
     return true;
 }
 
@@ -743,7 +758,8 @@ uint32_t PackageWorker::CheckOrMakeDirectory(const std::string& dir) const {
             ORV_LOG(ORV_EVENT, "%s", text.c_str());
         }
         if (chmod(dir.c_str(), kDirMode) != 0) {
-            ORV_LOG(ORV_ERROR, "Change directory:%s mode failed, error:[%s].", dir.c_str(), SafeStrerror().c_str());
+            ORV_LOG(ORV_ERROR, "Change directory:%s mode failed, error:[%s].", dir.c_str(),
+                    SafeStrerror().c_str());
             return 1;
         }
     }
@@ -822,8 +838,9 @@ void PackageWorker::GetPackageSize(const std::string& dir, uint64_t& size) {
     }
 }
 
-void PackageWorker::GetPackageSizeInSubdirectory(const std::string& dir, const uint32_t& depth, uint64_t& size,
-                                                 std::queue<std::pair<std::string, uint32_t>>& pending) const {
+void PackageWorker::GetPackageSizeInSubdirectory(
+    const std::string& dir, const uint32_t& depth, uint64_t& size,
+    std::queue<std::pair<std::string, uint32_t>>& pending) const {
     if (dir.empty() || depth > kMaxWalkDepth) {
         return;
     }
@@ -849,7 +866,8 @@ void PackageWorker::GetPackageSizeInSubdirectory(const std::string& dir, const u
         // always been measured.
         (void)lstat(entry->d_name, &status);
         std::string full = dir + "/" + name;
-        bool sizedByName = name.find(".so") != std::string::npos || name.find(".info") != std::string::npos;
+        bool sizedByName =
+            name.find(".so") != std::string::npos || name.find(".info") != std::string::npos;
         if (!sizedByName && S_ISDIR(status.st_mode)) {
             if (name != "." && name != "..") {
                 pending.emplace(full, depth + 1);
@@ -872,11 +890,13 @@ uint32_t PackageWorker::ReadMemControlValue(const std::string& file, uint64_t& v
         return false;
     });
     if (!opened) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Read memory control file failed, file name:[%s].", file.c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Read memory control file failed, file name:[%s].",
+                file.c_str());
         return 1;
     }
     if (line.empty()) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] Memory control file is empty, file name:[%s].", file.c_str());
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] Memory control file is empty, file name:[%s].",
+                file.c_str());
         return 1;
     }
     std::istringstream parse(line);
@@ -891,7 +911,8 @@ uint32_t PackageWorker::ReadMemControlValue(const std::string& file, uint64_t& v
 uint32_t PackageWorker::CheckMemoryLimit() {
     uint64_t limit = 0;
     uint32_t ret = ReadMemControlValue(CgroupDir(vfId_) + "/memory.limit_in_bytes", limit);
-    ORV_LOG(ORV_INFO, "Get virtual mem limit[%llu] from halMemGetVdevInfo", static_cast<unsigned long long>(limit));
+    ORV_LOG(ORV_INFO, "Get virtual mem limit[%llu] from halMemGetVdevInfo",
+            static_cast<unsigned long long>(limit));
     if (ret != 0) {
         ORV_LOG(ORV_ERROR, "ReadMemoryControlValue failed");
         return 1;
@@ -915,24 +936,27 @@ uint32_t PackageWorker::CheckMemoryUsage(uint64_t& limit) const {
     }
     if (used <= limit && limit - used > kMinFreeBytes) {
         // The sizes go through the 32-bit conversion, as this line always had them.
-        ORV_LOG(ORV_INFO, "[OrvDaemon] vfid[%d] has enough space, max:[%d] byte, used:[%d] byte.", vfId_,
-                static_cast<int>(limit), static_cast<int>(used));
+        ORV_LOG(ORV_INFO, "[OrvDaemon] vfid[%d] has enough space, max:[%d] byte, used:[%d] byte.",
+                vfId_, static_cast<int>(limit), static_cast<int>(used));
         return 0;
     }
-    ORV_LOG(ORV_ERROR, "[OrvDaemon] vfid[%d] has no enough space(less than 150M), max:[%llu] byte, used:[%llu] byte.",
+    ORV_LOG(ORV_ERROR,
+            "[OrvDaemon] vfid[%d] has no enough space(less than 150M), max:[%llu] byte, "
+            "used:[%llu] byte.",
             vfId_, static_cast<unsigned long long>(limit), static_cast<unsigned long long>(used));
     return 1;
 }
 
 uint32_t PackageWorker::RestoreMemUsage(uint64_t oldSize, uint64_t newSize) {
-    ORV_LOG(ORV_INFO, "RestoreMemUsage oldSize: [%llu], newSize: [%llu]", static_cast<unsigned long long>(oldSize),
-            static_cast<unsigned long long>(newSize));
+    ORV_LOG(ORV_INFO, "RestoreMemUsage oldSize: [%llu], newSize: [%llu]",
+            static_cast<unsigned long long>(oldSize), static_cast<unsigned long long>(newSize));
     uint64_t limit = 0;
     if (ReadMemControlValue(CgroupDir(vfId_) + "/memory.limit_in_bytes", limit) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Read memory limit failed.");
         return 1;
     }
-    ORV_LOG(ORV_INFO, "Before RestoreMemUsage, user_memory_limit:[%llu]", static_cast<unsigned long long>(limit));
+    ORV_LOG(ORV_INFO, "Before RestoreMemUsage, user_memory_limit:[%llu]",
+            static_cast<unsigned long long>(limit));
     if (!(oldSize < ~limit)) {
         ORV_LOG(ORV_ERROR, "userLimitSize add oldSize will overflow.");
         return 1;
@@ -942,7 +966,8 @@ uint32_t PackageWorker::RestoreMemUsage(uint64_t oldSize, uint64_t newSize) {
         return 1;
     }
     limit = limit + oldSize - newSize;
-    ORV_LOG(ORV_INFO, "After RestoreMemUsage, user_memory_limit:[%llu]", static_cast<unsigned long long>(limit));
+    ORV_LOG(ORV_INFO, "After RestoreMemUsage, user_memory_limit:[%llu]",
+            static_cast<unsigned long long>(limit));
     if (SetMemoryControlValue(limit) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Update memory limit failed.");
         return 1;
@@ -951,7 +976,8 @@ uint32_t PackageWorker::RestoreMemUsage(uint64_t oldSize, uint64_t newSize) {
 }
 
 uint32_t PackageWorker::SetMemoryControlValue(uint64_t limit) const {
-    std::string command = std::string(kMemoryScript) + " " + std::to_string(vfId_) + " " + std::to_string(limit);
+    std::string command =
+        std::string(kMemoryScript) + " " + std::to_string(vfId_) + " " + std::to_string(limit);
     ORV_LOG(ORV_INFO, "SetMemoryControlValue command: [%s]", command.c_str());
     if (PackSystem(command.c_str()) != 0) {
         ORV_LOG(ORV_ERROR, "SetMemoryControlValue failed, command: [%s]", SafeStrerror().c_str());

@@ -30,7 +30,7 @@ using PackageNameMap = std::map<std::string, std::string>;
 extern const std::vector<std::string> kSandBoxList;
 
 class PackageWorker {
-public:
+  public:
     // The worker of `vfId` (0 to 16), created when there is none; null for
     // any other id, and when it cannot be allocated.
     static std::shared_ptr<PackageWorker> GetInstance(int32_t vfId);
@@ -40,13 +40,13 @@ public:
     // check code goes back to 0, so that it never describes kernels that are
     // gone. Does nothing for a VF without a worker, whose check code is 0.
     class KernelsRemoval {
-    public:
+      public:
         explicit KernelsRemoval(int32_t vfId);
         ~KernelsRemoval();
         KernelsRemoval(const KernelsRemoval&) = delete;
         KernelsRemoval& operator=(const KernelsRemoval&) = delete;
 
-    private:
+      private:
         std::shared_ptr<PackageWorker> worker_;
     };
 
@@ -89,12 +89,15 @@ public:
     uint32_t UnzipAndSetMemLimit(std::string& packagePath);
     // The archive name from the package path and the name its version.info
     // gives. 0, 1 or 14.
-    uint32_t GetPackageName(const std::string& packagePath, std::string& installDir, PackageNameMap& names) const;
+    uint32_t GetPackageName(const std::string& packagePath, std::string& installDir,
+                            PackageNameMap& names) const;
     // Moves the shared objects named by "SandBoxSo=" into sand_box/. 0 or 1.
     uint32_t MoveSoToSandBox(const std::string& deviceDir) const;
     // Renames a dropped package into the staging directory. 0 or 1.
-    uint32_t RenameAICPUPackage(const std::string& dir, const std::string& fileName, std::string& dst);
-    bool CopyAICPUPackage(const std::string& dstDir, const std::string& srcDir, const std::string& fileName) const;
+    uint32_t RenameAICPUPackage(const std::string& dir, const std::string& fileName,
+                                std::string& dst);
+    bool CopyAICPUPackage(const std::string& dstDir, const std::string& srcDir,
+                          const std::string& fileName) const;
     uint32_t CheckOrMakeDirectory(const std::string& dir) const;
     void RemoveFile(const std::string& path) const;
 
@@ -121,7 +124,7 @@ public:
     // Moves the VF's limit by the change from `oldSize` to `newSize`.
     uint32_t RestoreMemUsage(uint64_t oldSize, uint64_t newSize);
 
-private:
+  private:
     explicit PackageWorker(int32_t vfId);
 
     // The steps above on a package already opened: `packageFd` is what was

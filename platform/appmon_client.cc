@@ -48,7 +48,8 @@ bool AppmonClient::SendHeartbeat(uint32_t& registerTimes) {
         (void)StopSignal::Instance().Pause(kHeartbeatPeriod);
         return false;
     }
-    if (IsOrvInitAppmonSuccess() && !IsOrvRegistAppmonSuccess() && registerTimes < kMaxRegisterTimes) {
+    if (IsOrvInitAppmonSuccess() && !IsOrvRegistAppmonSuccess() &&
+        registerTimes < kMaxRegisterTimes) {
         ORV_LOG(ORV_INFO, "[OrvDaemon] begin to register to appmon");
         if (appmon_client_register(&handle_, kRegisterTimeout, kAppmonMonitorScript) != 0) {
             ++registerTimes;

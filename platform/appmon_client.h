@@ -25,7 +25,7 @@ inline constexpr char kAppmonSocketPath[] = "/var/driver/appmon.socket";
 inline constexpr char kAppmonMonitorScript[] = "/var/orvdaemon_monitor.sh";
 
 class AppmonClient {
-public:
+  public:
     static AppmonClient* GetInstance();
 
     AppmonClient(const AppmonClient&) = delete;
@@ -53,7 +53,7 @@ public:
     void OrvSetRegistAppmonStaus(OrvRegistAppmonStatus status);
     OrvRegistAppmonStatus GetRegistAppmonStatus();
 
-private:
+  private:
     AppmonClient();
 
     bool zebFlag_ = false;

@@ -30,7 +30,7 @@ constexpr size_t kErrorMsgThreshold = 10;
 constexpr size_t kLineSuffixRoom = 512;
 
 class PthreadLock {
-public:
+  public:
     explicit PthreadLock(pthread_mutex_t* mutex) : mutex_(mutex) {
         int rc = pthread_mutex_lock(mutex_);
         if (rc != 0) {
@@ -41,7 +41,7 @@ public:
     PthreadLock(const PthreadLock&) = delete;
     PthreadLock& operator=(const PthreadLock&) = delete;
 
-private:
+  private:
     pthread_mutex_t* mutex_;
 };
 
@@ -52,8 +52,8 @@ ORVLog& ORVLog::GetInstance() {
     return instance;
 }
 
-void ORVLog::OrvImplLog(const char* func, const char* file, int32_t line, const Log& log, const char* fmt,
-                        ...) const {
+void ORVLog::OrvImplLog(const char* func, const char* file, int32_t line, const Log& log,
+                        const char* fmt, ...) const {
     if (func == nullptr || file == nullptr) {
         return;
     }
@@ -68,7 +68,8 @@ void ORVLog::OrvImplLog(const char* func, const char* file, int32_t line, const 
     }
     char composed[kOrvLogMaxMessage + 2 + kLineSuffixRoom];
     (void)memset_s(composed, sizeof(composed), 0, sizeof(composed));
-    ret = sprintf_s(composed, sizeof(composed) - 1, "%s,[%s:%d:%s]%d\n", message, file, line, func, mmGetTid());
+    ret = sprintf_s(composed, sizeof(composed) - 1, "%s,[%s:%d:%s]%d\n", message, file, line, func,
+                    mmGetTid());
     if (ret <= 0) {
         return;
     }

@@ -38,7 +38,7 @@ inline constexpr int kOrvLogModuleId = 38;
 inline constexpr size_t kOrvLogMaxMessage = 8191;
 
 class ORVLog {
-public:
+  public:
     static ORVLog& GetInstance();
 
     ORVLog(const ORVLog&) = delete;
@@ -47,8 +47,8 @@ public:
     // Formats and writes one statement. Does nothing when `func` or `file` is
     // null, and drops a message that formats to nothing or to more than
     // kOrvLogMaxMessage characters.
-    void OrvImplLog(const char* func, const char* file, int32_t line, const Log& log, const char* fmt, ...) const
-        __attribute__((format(printf, 6, 7)));
+    void OrvImplLog(const char* func, const char* file, int32_t line, const Log& log,
+                    const char* fmt, ...) const __attribute__((format(printf, 6, 7)));
 
     // Hands one finished line to the system log library at `log`'s level.
     void PrintLog(const Log& log, const char* text);
@@ -59,7 +59,7 @@ public:
     // Drains the kept error lines, oldest first, joined.
     std::string GetErrorMsg();
 
-private:
+  private:
     ORVLog() = default;
     ~ORVLog() = default;
 
@@ -74,12 +74,13 @@ private:
 #if defined(__FILE_NAME__)
 #define ORV_FILE_BASENAME __FILE_NAME__
 #else
-#define ORV_FILE_BASENAME (__builtin_strrchr(__FILE__, '/') ? __builtin_strrchr(__FILE__, '/') + 1 : __FILE__)
+#define ORV_FILE_BASENAME \
+    (__builtin_strrchr(__FILE__, '/') ? __builtin_strrchr(__FILE__, '/') + 1 : __FILE__)
 #endif
 
 // The one logging statement: ORV_LOG(ORV_INFO, "[OrvDaemon] ...", ...).
-#define ORV_LOG(level, fmt, ...)                                                                              \
-    ::orv::ORVLog::GetInstance().OrvImplLog(__func__, ORV_FILE_BASENAME, __LINE__, ::orv::Log{(level)}, fmt, \
-                                            ##__VA_ARGS__)
+#define ORV_LOG(level, fmt, ...)                                                   \
+    ::orv::ORVLog::GetInstance().OrvImplLog(__func__, ORV_FILE_BASENAME, __LINE__, \
+                                            ::orv::Log{(level)}, fmt, ##__VA_ARGS__)
 
 #endif  // ORV_PLATFORM_LOG_H

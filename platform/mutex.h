@@ -12,7 +12,7 @@
 namespace orv {
 
 class CAPABILITY("mutex") Mutex {
-public:
+  public:
     Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
@@ -22,20 +22,20 @@ public:
     // Tells the analysis that the caller holds the mutex.
     void AssertHeld() ASSERT_EXCLUSIVE_LOCK() {}
 
-private:
+  private:
     friend class CondVar;
     std::mutex mu_;
 };
 
 // Holds a mutex for the lifetime of the object.
 class SCOPED_CAPABILITY MutexLock {
-public:
+  public:
     explicit MutexLock(Mutex* mu) ACQUIRE(mu) : mu_(mu) { mu_->Lock(); }
     ~MutexLock() RELEASE() { mu_->Unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-private:
+  private:
     Mutex* const mu_;
 };
 
@@ -43,7 +43,7 @@ private:
 // that mutex (the analysis cannot tie it to the caller's lock, so it is not
 // annotated).
 class CondVar {
-public:
+  public:
     explicit CondVar(Mutex* mu) : mu_(mu) {}
     CondVar(const CondVar&) = delete;
     CondVar& operator=(const CondVar&) = delete;
@@ -66,7 +66,7 @@ public:
     void Signal() { cv_.notify_one(); }
     void SignalAll() { cv_.notify_all(); }
 
-private:
+  private:
     Mutex* const mu_;
     std::condition_variable cv_;
 };

@@ -65,12 +65,16 @@ uint32_t OrvDrvManager::SaveCtrlCpus() {
     };
     // In the order the driver is asked.
     static const CpuQuery kQueries[] = {
-        {MODULE_TYPE_AICPU, INFO_TYPE_CORE_NUM, "halGetDeviceInfo get aicpu num fail in device[%d]"},
-        {MODULE_TYPE_AICPU, INFO_TYPE_OS_SCHED, "halGetDeviceInfo get aicpu sched fail in device[%d]"},
+        {MODULE_TYPE_AICPU, INFO_TYPE_CORE_NUM,
+         "halGetDeviceInfo get aicpu num fail in device[%d]"},
+        {MODULE_TYPE_AICPU, INFO_TYPE_OS_SCHED,
+         "halGetDeviceInfo get aicpu sched fail in device[%d]"},
         {MODULE_TYPE_CCPU, INFO_TYPE_CORE_NUM, "halGetDeviceInfo get ccpu num fail in device[%d]"},
-        {MODULE_TYPE_CCPU, INFO_TYPE_OS_SCHED, "halGetDeviceInfo get ccpu sched fail in device[%d]"},
+        {MODULE_TYPE_CCPU, INFO_TYPE_OS_SCHED,
+         "halGetDeviceInfo get ccpu sched fail in device[%d]"},
         {MODULE_TYPE_DCPU, INFO_TYPE_CORE_NUM, "halGetDeviceInfo get dcpu num fail in device[%d]"},
-        {MODULE_TYPE_DCPU, INFO_TYPE_OS_SCHED, "halGetDeviceInfo get dcpu sched fail in device[%d]"},
+        {MODULE_TYPE_DCPU, INFO_TYPE_OS_SCHED,
+         "halGetDeviceInfo get dcpu sched fail in device[%d]"},
     };
     int64_t base = 0;
     for (uint32_t deviceId = 0; deviceId < deviceNum_; ++deviceId) {

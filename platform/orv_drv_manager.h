@@ -16,7 +16,7 @@ namespace orv {
 inline constexpr uint32_t MAX_DEVNUM_PER_OS = 4;
 
 class OrvDrvManager {
-public:
+  public:
     static OrvDrvManager* GetInstance();
 
     OrvDrvManager(const OrvDrvManager&) = delete;
@@ -38,7 +38,7 @@ public:
     // schedules. Always 0.
     uint32_t SaveCtrlCpus() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
-private:
+  private:
     OrvDrvManager();
 
     // Written only by Init, before other threads ask.

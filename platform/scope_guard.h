@@ -8,7 +8,7 @@ namespace orv {
 
 template <typename Fn>
 class ScopeGuard {
-public:
+  public:
     explicit ScopeGuard(Fn fn) : fn_(std::move(fn)) {}
     ~ScopeGuard() {
         if (armed_) {
@@ -21,7 +21,7 @@ public:
     // Leaves the clean-up undone, for a path that handed the resource on.
     void Dismiss() { armed_ = false; }
 
-private:
+  private:
     Fn fn_;
     bool armed_ = true;
 };

@@ -12,7 +12,7 @@
 namespace orv {
 
 class StopSignal {
-public:
+  public:
     static StopSignal& Instance();
 
     StopSignal(const StopSignal&) = delete;
@@ -25,7 +25,7 @@ public:
     void Raise() LOCKS_EXCLUDED(mutex_);
     void Lower() LOCKS_EXCLUDED(mutex_);
 
-private:
+  private:
     StopSignal() = default;
 
     Mutex mutex_;

@@ -17,10 +17,10 @@
 #include "daemon/orvdaemon.h"
 #include "package/internal_api.h"
 #include "platform/log.h"
+#include "platform/orv_codes.h"
 #include "platform/orv_drv_manager.h"
 #include "session/launch_table.h"
 #include "session/process_util.h"
-#include "platform/orv_codes.h"
 
 namespace orv {
 

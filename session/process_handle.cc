@@ -33,13 +33,15 @@ std::shared_ptr<ProcessHandle> ProcessHandle::ForChild(pid_t pid) {
     }
     int pidfd = PidfdOpen(pid);
     if (pidfd < 0) {
-        return errno == ENOSYS ? std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, -1)) : nullptr;
+        return errno == ENOSYS ? std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, -1))
+                               : nullptr;
     }
     // Only a living child of ours can be waited on through the pidfd: should
     // the child have been killed and its pid handed on already, the pidfd
     // names a stranger.
     siginfo_t info{};
-    if (waitid(kByPidfd, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid != 0) {
+    if (waitid(kByPidfd, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        info.si_pid != 0) {
         close(pidfd);
         return nullptr;
     }
@@ -52,8 +54,9 @@ std::shared_ptr<ProcessHandle> ProcessHandle::ForProcess(pid_t pid) {
     }
     int pidfd = PidfdOpen(pid);
     if (pidfd < 0) {
-        return errno == ENOSYS && kill(pid, 0) == 0 ? std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, -1))
-                                                    : nullptr;
+        return errno == ENOSYS && kill(pid, 0) == 0
+                   ? std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, -1))
+                   : nullptr;
     }
     return std::shared_ptr<ProcessHandle>(new ProcessHandle(pid, pidfd));
 }

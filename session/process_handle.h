@@ -12,7 +12,7 @@
 namespace orv {
 
 class ProcessHandle {
-public:
+  public:
     // A handle on child `pid` of this process, taken while the child cannot
     // have exited by itself (it waits at its start gate); null when it is gone
     // already.
@@ -43,7 +43,7 @@ public:
     // child to reap, as when the kernel reaped it at its exit.
     pid_t TryReap(int* status) const;
 
-private:
+  private:
     ProcessHandle(pid_t pid, int pidfd) : pid_(pid), pidfd_(pidfd) {}
 
     const pid_t pid_;

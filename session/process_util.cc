@@ -103,7 +103,8 @@ struct StartGate::Launch {
         }
         char byte = kChildWaits;
         char go = 0;
-        if (write(launch->childFd, &byte, 1) != 1 || ReadByte(launch->childFd, &go) != 1 || go != kGo) {
+        if (write(launch->childFd, &byte, 1) != 1 || ReadByte(launch->childFd, &go) != 1 ||
+            go != kGo) {
             _exit(EXIT_FAILURE);
         }
         sigprocmask(SIG_SETMASK, &launch->mask, nullptr);
@@ -126,8 +127,8 @@ StartGate::~StartGate() {
     Finish();
 }
 
-int32_t StartGate::Start(const std::string& path, char* const argv[], char* const envp[], bool useExecv,
-                         const std::function<void()>& callback) {
+int32_t StartGate::Start(const std::string& path, char* const argv[], char* const envp[],
+                         bool useExecv, const std::function<void()>& callback) {
     launch_ = std::make_unique<Launch>();
     Launch& launch = *launch_;
     launch.path = path;
@@ -163,8 +164,8 @@ int32_t StartGate::Start(const std::string& path, char* const argv[], char* cons
     int pidfd = -1;
     pid_t pid = -1;
     if (kShareMemoryUntilExec) {
-        launch.stack = mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
-                            -1, 0);
+        launch.stack = mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
         if (launch.stack == MAP_FAILED) {
             launch.stack = nullptr;
         } else {
@@ -257,27 +258,31 @@ uint32_t ProcessUtil::SetThreadAffinity(pthread_t threadId, const std::vector<ui
     cpu_set_t set;
     CPU_ZERO(&set);
     for (uint32_t cpu : cpus) {
-        ORV_LOG(ORV_INFO, "prepare bind threadId=%lu to cpuId=%u", static_cast<unsigned long>(threadId), cpu);
+        ORV_LOG(ORV_INFO, "prepare bind threadId=%lu to cpuId=%u",
+                static_cast<unsigned long>(threadId), cpu);
         if (cpu < kMaxCpuId) {
             CPU_SET(cpu, &set);
         }
     }
-    ORV_LOG(ORV_INFO, "begin call pthread_setaffinity_np threadId=%lu", static_cast<unsigned long>(threadId));
+    ORV_LOG(ORV_INFO, "begin call pthread_setaffinity_np threadId=%lu",
+            static_cast<unsigned long>(threadId));
     int ret = pthread_setaffinity_np(threadId, sizeof(set), &set);
     if (ret != 0) {
-        ORV_LOG(ORV_ERROR, "BindCpu threadId=%lu setaffinity failed, ret=%d", static_cast<unsigned long>(threadId), ret);
+        ORV_LOG(ORV_ERROR, "BindCpu threadId=%lu setaffinity failed, ret=%d",
+                static_cast<unsigned long>(threadId), ret);
         return 1;
     }
     CPU_ZERO(&set);
     ret = pthread_getaffinity_np(threadId, sizeof(set), &set);
     if (ret != 0) {
-        ORV_LOG(ORV_ERROR, "BindCpu threadId=%lu getaffinity failed, ret=%d", static_cast<unsigned long>(threadId), ret);
+        ORV_LOG(ORV_ERROR, "BindCpu threadId=%lu getaffinity failed, ret=%d",
+                static_cast<unsigned long>(threadId), ret);
         return 1;
     }
     for (uint32_t cpu = 0; cpu < kMaxCpuId; ++cpu) {
         if (CPU_ISSET(cpu, &set)) {
-            ORV_LOG(ORV_INFO, "BindCpu threadId=%lu to cpuId=%d success", static_cast<unsigned long>(threadId),
-                    static_cast<int>(cpu));
+            ORV_LOG(ORV_INFO, "BindCpu threadId=%lu to cpuId=%d success",
+                    static_cast<unsigned long>(threadId), static_cast<int>(cpu));
         }
     }
     return 0;
@@ -292,31 +297,35 @@ uint32_t ProcessUtil::RestoreThreadAffinity(pthread_t threadId, const cpu_set_t&
     return pthread_setaffinity_np(threadId, sizeof(saved), &saved) == 0 ? 0 : 1;
 }
 
-int32_t ProcessUtil::StartAndBindSubProcess(const std::string& path, const std::vector<uint32_t>& ctrlCpus,
-                                            char* const argv[], char* const envp[], const bool& useExecv,
-                                            const std::vector<std::string>& groups,
-                                            const std::function<void()>& callback, StartGate* gate) {
+int32_t ProcessUtil::StartAndBindSubProcess(
+    const std::string& path, const std::vector<uint32_t>& ctrlCpus, char* const argv[],
+    char* const envp[], const bool& useExecv, const std::vector<std::string>& groups,
+    const std::function<void()>& callback, StartGate* gate) {
     pthread_t tid = pthread_self();
     cpu_set_t saved;
     if (SaveThreadAffinity(tid, saved) != 0) {
-        ORV_LOG(ORV_ERROR, "SaveThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        ORV_LOG(ORV_ERROR, "SaveThreadAffinity failed on threadId[%lu]",
+                static_cast<unsigned long>(tid));
         return -1;
     }
     if (SetThreadAffinity(tid, ctrlCpus) != 0) {
-        ORV_LOG(ORV_ERROR, "SetThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        ORV_LOG(ORV_ERROR, "SetThreadAffinity failed on threadId[%lu]",
+                static_cast<unsigned long>(tid));
         return -1;
     }
     // Forked while bound: the child inherits the control CPUs.
     int32_t pid = StartSubProcess(path, argv, envp, useExecv, groups, callback, gate);
     if (RestoreThreadAffinity(tid, saved) != 0) {
-        ORV_LOG(ORV_ERROR, "RestoreThreadAffinity failed on threadId[%lu]", static_cast<unsigned long>(tid));
+        ORV_LOG(ORV_ERROR, "RestoreThreadAffinity failed on threadId[%lu]",
+                static_cast<unsigned long>(tid));
         return -1;
     }
     return pid;
 }
 
-int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[], char* const envp[],
-                                     const bool& useExecv, const std::vector<std::string>& groups,
+int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[],
+                                     char* const envp[], const bool& useExecv,
+                                     const std::vector<std::string>& groups,
                                      const std::function<void()>& callback, StartGate* gate) {
     if (callback) {
         ORV_LOG(ORV_INFO, "[ProcessUtil] excute callback.");
@@ -329,7 +338,8 @@ int32_t ProcessUtil::StartSubProcess(const std::string& path, char* const argv[]
     int32_t pid = startGate.Start(path, argv, envp, useExecv, callback);
     if (pid < 0) {
         ORV_LOG(ORV_ERROR,
-                "[ProcessUtil] StartSubProcess() process num > process max threshold or out of memory [pid=%d],"
+                "[ProcessUtil] StartSubProcess() process num > process max threshold or out of "
+                "memory [pid=%d],"
                 "[errno=%d]",
                 pid, errno);
         perror("[ProcessUtil] ############### StartSubProcess fork() error: ##################");
@@ -346,10 +356,12 @@ uint32_t ProcessUtil::AddSubProcessToGroups(int32_t pid, const std::vector<std::
     for (const std::string& name : groups) {
         drvError_t ret = halGrpAddProc(name.c_str(), pid, kAllPermissions);
         if (ret != DRV_ERROR_NONE && ret != kGrantedAlready && ret != kGrantNotSupported) {
-            ORV_LOG(ORV_ERROR, "[OrvDaemon]Fail to add dstPid[%d] in group[%s] ret[%d]", pid, name.c_str(), ret);
+            ORV_LOG(ORV_ERROR, "[OrvDaemon]Fail to add dstPid[%d] in group[%s] ret[%d]", pid,
+                    name.c_str(), ret);
             return 1;
         }
-        ORV_LOG(ORV_INFO, "[ProcessUtil] Add group[%s] authority to subProcPid[%d] end", name.c_str(), pid);
+        ORV_LOG(ORV_INFO, "[ProcessUtil] Add group[%s] authority to subProcPid[%d] end",
+                name.c_str(), pid);
     }
     return 0;
 }

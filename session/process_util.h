@@ -24,7 +24,7 @@ namespace orv {
 // runs while the launching thread waits for it or while it waits itself. A
 // gate destroyed without Release() ends its child before the exec.
 class StartGate {
-public:
+  public:
     StartGate();
     ~StartGate();
     StartGate(const StartGate&) = delete;
@@ -42,7 +42,7 @@ public:
     // What the child runs with; it must outlive the child's use of it.
     struct Launch;
 
-private:
+  private:
     friend class ProcessUtil;
     // Starts the child; its pid, or -1 (errno set).
     int32_t Start(const std::string& path, char* const argv[], char* const envp[], bool useExecv,
@@ -58,7 +58,7 @@ private:
 };
 
 class ProcessUtil {
-public:
+  public:
     // Binds thread `threadId` to `cpus` (ids of 1024 and above are skipped; an
     // empty list is applied as it is, which the kernel refuses) and logs the
     // affinity read back. 0 on success.
@@ -70,10 +70,12 @@ public:
 
     // Binds the calling thread to `ctrlCpus`, starts the sub-process (which
     // inherits the binding) and restores the thread. The child's pid, or -1.
-    static int32_t StartAndBindSubProcess(const std::string& path, const std::vector<uint32_t>& ctrlCpus,
-                                          char* const argv[], char* const envp[], const bool& useExecv,
+    static int32_t StartAndBindSubProcess(const std::string& path,
+                                          const std::vector<uint32_t>& ctrlCpus, char* const argv[],
+                                          char* const envp[], const bool& useExecv,
                                           const std::vector<std::string>& groups,
-                                          const std::function<void()>& callback, StartGate* gate = nullptr);
+                                          const std::function<void()>& callback,
+                                          StartGate* gate = nullptr);
 
     // Forks; the child runs `callback` and executes `path` with `argv` and
     // (unless `useExecv`, which keeps the daemon's environment) exactly `envp`.
@@ -83,7 +85,8 @@ public:
     // even then: `gate` tells).
     static int32_t StartSubProcess(const std::string& path, char* const argv[], char* const envp[],
                                    const bool& useExecv, const std::vector<std::string>& groups,
-                                   const std::function<void()>& callback, StartGate* gate = nullptr);
+                                   const std::function<void()>& callback,
+                                   StartGate* gate = nullptr);
 
     // Grants `pid` every permission on each group, in order. 0 or 1.
     static uint32_t AddSubProcessToGroups(int32_t pid, const std::vector<std::string>& groups);

@@ -76,8 +76,8 @@ int appmon_client_init(appmon_client_t* client, const char* serverPath) {
 }
 
 int appmon_client_register(appmon_client_t* client, unsigned long timeoutMs, const char* command) {
-    return Exchange(client, std::string(orv::emu::kAppmonRegister) + " " + std::to_string(timeoutMs) + " " +
-                                OneLine(command));
+    return Exchange(client, std::string(orv::emu::kAppmonRegister) + " " +
+                                std::to_string(timeoutMs) + " " + OneLine(command));
 }
 
 int appmon_client_heartbeat(appmon_client_t* client) {

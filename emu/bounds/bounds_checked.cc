@@ -2,8 +2,8 @@
 // error result; nothing is ever written past destMax.
 #include <bounds_checked.h>
 
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace {

@@ -21,8 +21,8 @@ bool ParseInt(const std::string& text, int64_t* value) {
 }
 
 // Splits "D=rest" and checks that D names a device of `config`.
-bool SplitDevice(const CardConfig& config, const std::string& spec, size_t* device, std::string* rest,
-                 std::string* error) {
+bool SplitDevice(const CardConfig& config, const std::string& spec, size_t* device,
+                 std::string* rest, std::string* error) {
     size_t eq = spec.find('=');
     int64_t index = 0;
     if (eq == std::string::npos || !ParseInt(spec.substr(0, eq), &index)) {
@@ -63,11 +63,12 @@ bool CardConfig::ApplyDeviceCpus(const std::string& spec, std::string* error) {
         int64_t n = 0;
         int64_t flag = 0;
         if (!std::getline(fields, kind, ':') || !std::getline(fields, count, ':') ||
-            !std::getline(fields, sched, ':') || !ParseInt(count, &n) || !ParseInt(sched, &flag) || n < 0) {
+            !std::getline(fields, sched, ':') || !ParseInt(count, &n) || !ParseInt(sched, &flag) ||
+            n < 0) {
             *error = "expected KIND:COUNT:SCHED, got '" + item + "'";
             return false;
         }
-        CpuGroup* group = kind == "ai" ? &devices[device].ai
+        CpuGroup* group = kind == "ai"     ? &devices[device].ai
                           : kind == "ctrl" ? &devices[device].ctrl
                           : kind == "data" ? &devices[device].data
                                            : nullptr;
@@ -99,7 +100,8 @@ std::vector<uint32_t> CardConfig::ControlCpus(uint32_t index) const {
     int64_t base = 0;
     for (uint32_t i = 0; i < index && i < devices.size(); ++i) {
         const DeviceConfig& d = devices[i];
-        base += d.ai.count * d.ai.osSched + d.data.count * d.data.osSched + d.ctrl.count * d.ctrl.osSched;
+        base += d.ai.count * d.ai.osSched + d.data.count * d.data.osSched +
+                d.ctrl.count * d.ctrl.osSched;
     }
     std::vector<uint32_t> cpus;
     if (index < devices.size() && devices[index].ctrl.osSched >= 1) {
@@ -114,12 +116,14 @@ std::string CardConfig::Describe() const {
     std::ostringstream out;
     out << "devices " << devices.size() << "\n";
     char version[32];
-    std::snprintf(version, sizeof(version), "0x%llx", static_cast<unsigned long long>(HardwareVersion()));
+    std::snprintf(version, sizeof(version), "0x%llx",
+                  static_cast<unsigned long long>(HardwareVersion()));
     out << "hardware_version " << version << " chip_type " << chipType << "\n";
     for (size_t i = 0; i < devices.size(); ++i) {
         const DeviceConfig& d = devices[i];
-        out << "dev " << i << " chip " << d.chipId << " ai " << d.ai.count << ":" << d.ai.osSched << " ctrl "
-            << d.ctrl.count << ":" << d.ctrl.osSched << " data " << d.data.count << ":" << d.data.osSched << "\n";
+        out << "dev " << i << " chip " << d.chipId << " ai " << d.ai.count << ":" << d.ai.osSched
+            << " ctrl " << d.ctrl.count << ":" << d.ctrl.osSched << " data " << d.data.count << ":"
+            << d.data.osSched << "\n";
     }
     return out.str();
 }

@@ -33,7 +33,7 @@ CardReply TextReply(int32_t code, const std::string& text) {
 // other CPU than the card would. The thread's own CPUs come back when the
 // connection ends, since the thread then waits for another process.
 class OnCallersCpus {
-public:
+  public:
     explicit OnCallersCpus(pid_t caller) {
         cpu_set_t cpus;
         saved_ = caller > 0 && ::sched_getaffinity(0, sizeof(own_), &own_) == 0 &&
@@ -48,7 +48,7 @@ public:
     OnCallersCpus(const OnCallersCpus&) = delete;
     OnCallersCpus& operator=(const OnCallersCpus&) = delete;
 
-private:
+  private:
     cpu_set_t own_;
     bool saved_ = false;
 };
@@ -67,11 +67,12 @@ bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
     // A starting sub-process opens a few connections at once (its event
     // loops and its main thread); as many threads wait for them.
     driverServer_ = std::make_unique<UnixServer>(
-        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); }, 0, kDriverSpares);
+        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); }, 0,
+        kDriverSpares);
     controlServer_ = std::make_unique<UnixServer>(
         sockets.control, [this](int fd, pid_t peer) { ServeFrames(fd, peer, true); });
-    appmonServer_ =
-        std::make_unique<UnixServer>(sockets.appmon, [this](int fd, pid_t peer) { appMonitor_.Serve(fd, peer); });
+    appmonServer_ = std::make_unique<UnixServer>(
+        sockets.appmon, [this](int fd, pid_t peer) { appMonitor_.Serve(fd, peer); });
     for (UnixServer* server : {driverServer_.get(), controlServer_.get(), appmonServer_.get()}) {
         if (!server->Start()) {
             *error = "cannot listen on " + server->Path() + ": " + std::strerror(errno);
@@ -147,7 +148,8 @@ CardReply CardEmulator::Control(const CardRequest& request) {
                 return TextReply(DRV_ERROR_INVALID_VALUE, "unknown call '" + fault.call() + "'\n");
             }
             faults_.Inject(fault.call(), fault.code(), fault.count());
-            EmuLog("fault: next %u call(s) of %s return %d", fault.count(), fault.call().c_str(), fault.code());
+            EmuLog("fault: next %u call(s) of %s return %d", fault.count(), fault.call().c_str(),
+                   fault.code());
             return TextReply(DRV_ERROR_NONE, faults_.Describe());
         }
         case CardRequest::kInjectDelay: {
@@ -156,8 +158,8 @@ CardReply CardEmulator::Control(const CardRequest& request) {
                 return TextReply(DRV_ERROR_INVALID_VALUE, "unknown call '" + delay.call() + "'\n");
             }
             faults_.InjectDelay(delay.call(), delay.delay_ms(), delay.count());
-            EmuLog("delay: next %u call(s) of %s answer %u ms late", delay.count(), delay.call().c_str(),
-                   delay.delay_ms());
+            EmuLog("delay: next %u call(s) of %s answer %u ms late", delay.count(),
+                   delay.call().c_str(), delay.delay_ms());
             return TextReply(DRV_ERROR_NONE, faults_.Describe());
         }
         case CardRequest::kClearFaults:
@@ -192,8 +194,9 @@ CardReply CardEmulator::Control(const CardRequest& request) {
         }
         case CardRequest::kVfScriptFaults: {
             const VfScriptFaults& faults = request.vf_script_faults();
-            for (const auto& [name, fail] : {std::pair<const char*, bool>{"/fail_create_vf", faults.fail_create()},
-                                             {"/fail_destroy_vf", faults.fail_destroy()}}) {
+            for (const auto& [name, fail] :
+                 {std::pair<const char*, bool>{"/fail_create_vf", faults.fail_create()},
+                  {"/fail_destroy_vf", faults.fail_destroy()}}) {
                 std::string marker = runDir_ + name;
                 if (fail) {
                     std::fclose(std::fopen(marker.c_str(), "w"));
@@ -211,7 +214,8 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             }
             if (rc == DRV_ERROR_NONE && setup.add_pid() != 0) {
                 rc = groups_.AddProc(setup.name(), setup.add_pid(),
-                                     setup.permissions() != 0 ? setup.permissions() : GRP_PERM_READ | GRP_PERM_WRITE);
+                                     setup.permissions() != 0 ? setup.permissions()
+                                                              : GRP_PERM_READ | GRP_PERM_WRITE);
             }
             return TextReply(rc, rc == DRV_ERROR_NONE ? groups_.Describe() : "refused\n");
         }

@@ -27,7 +27,7 @@ struct CardSockets {
 };
 
 class CardEmulator {
-public:
+  public:
     explicit CardEmulator(CardConfig config);
     ~CardEmulator();
     CardEmulator(const CardEmulator&) = delete;
@@ -40,7 +40,7 @@ public:
     // Executes one control request.
     CardReply Control(const CardRequest& request);
 
-private:
+  private:
     // The tables the status view reads, serialised as a CardStatus.
     std::string Status() const;
 

@@ -40,8 +40,8 @@ CardReply Reply(int32_t code, int64_t value = 0) {
 }
 
 const google::protobuf::FieldDescriptor* CallField(const CardRequest& request) {
-    return request.GetReflection()->GetOneofFieldDescriptor(request,
-                                                             CardRequest::descriptor()->FindOneofByName("call"));
+    return request.GetReflection()->GetOneofFieldDescriptor(
+        request, CardRequest::descriptor()->FindOneofByName("call"));
 }
 
 }  // namespace
@@ -61,7 +61,8 @@ bool IsDriverSocketRequest(const CardRequest& request) {
 
 bool IsFaultableCall(const std::string& name) {
     static const char* const kAppmonCalls[] = {"appmon_client_init", "appmon_client_register",
-                                               "appmon_client_heartbeat", "appmon_client_deregister"};
+                                               "appmon_client_heartbeat",
+                                               "appmon_client_deregister"};
     for (const char* call : kAppmonCalls) {
         if (name == call) {
             return true;
@@ -82,15 +83,15 @@ bool IsDriverCall(const std::string& name) {
 }
 
 const char* const StandinTable::kBehaviours[] = {
-    "normal",             // reports start, closes on request
-    "no-start",           // never reports start
-    "delay-start",        // reports start after the delay
-    "crash",              // reports start, then dies after the delay
-    "stay-after-close",   // reports closed on request but does not exit
-    "ignore-close",       // never answers a close request
-    "kernel-timeout",     // reports start, then a kernel time-out after the delay
-    "ask-custom",         // (compute) reports start, then asks for the custom process after the delay
-    "flood",              // reports start, then as many start reports again as the "delay" says
+    "normal",            // reports start, closes on request
+    "no-start",          // never reports start
+    "delay-start",       // reports start after the delay
+    "crash",             // reports start, then dies after the delay
+    "stay-after-close",  // reports closed on request but does not exit
+    "ignore-close",      // never answers a close request
+    "kernel-timeout",    // reports start, then a kernel time-out after the delay
+    "ask-custom",  // (compute) reports start, then asks for the custom process after the delay
+    "flood",       // reports start, then as many start reports again as the "delay" says
     nullptr,
 };
 
@@ -121,7 +122,8 @@ void StandinTable::Publish() const {
     }
     std::string table;
     for (uint32_t kind = 0; kind < kKinds; ++kind) {
-        table += std::to_string(kind) + " " + behaviour_[kind] + " " + std::to_string(delayMs_[kind]) + "\n";
+        table += std::to_string(kind) + " " + behaviour_[kind] + " " +
+                 std::to_string(delayMs_[kind]) + "\n";
     }
     // Renamed into place: a stand-in starting meanwhile reads one table whole.
     std::string tmp = board_ + ".tmp";
@@ -150,7 +152,8 @@ std::string StandinTable::Describe() const {
 }
 
 DriverService::DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups,
-                             ProcessTable* processes, EventScheduler* scheduler, VerifyLog* verified)
+                             ProcessTable* processes, EventScheduler* scheduler,
+                             VerifyLog* verified)
     : config_(config),
       faults_(faults),
       groups_(groups),
@@ -162,7 +165,8 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
     CardReply reply = Serve(caller, request);
     // A late answer: the call has done its work, only the caller waits longer.
     uint32_t delayMs = 0;
-    if (!request.fault_exempt() && faults_->Armed() && faults_->TakeDelay(DriverCallName(request), &delayMs)) {
+    if (!request.fault_exempt() && faults_->Armed() &&
+        faults_->TakeDelay(DriverCallName(request), &delayMs)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     }
     return reply;
@@ -170,7 +174,8 @@ CardReply DriverService::Handle(pid_t caller, const CardRequest& request) {
 
 CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
     int32_t injected = 0;
-    if (!request.fault_exempt() && faults_->Armed() && faults_->Take(DriverCallName(request), &injected)) {
+    if (!request.fault_exempt() && faults_->Armed() &&
+        faults_->Take(DriverCallName(request), &injected)) {
         return Reply(injected);
     }
     switch (request.call_case()) {
@@ -186,7 +191,8 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
             return Reply(DRV_ERROR_NONE, config_->devices[static_cast<size_t>(dev)].chipId);
         }
         case CardRequest::kHalGrpCreate:
-            return Reply(groups_->Create(caller, request.hal_grp_create().name(), request.hal_grp_create().mem_size()));
+            return Reply(groups_->Create(caller, request.hal_grp_create().name(),
+                                         request.hal_grp_create().mem_size()));
         case CardRequest::kHalGrpAttach:
             return Reply(groups_->Attach(caller, request.hal_grp_attach().name()));
         case CardRequest::kHalGrpAddProc: {
@@ -195,13 +201,15 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
         }
         case CardRequest::kHalGrpQuery: {
             const HalGrpQuery& call = request.hal_grp_query();
-            if (call.cmd() != GRP_QUERY_GROUPS_OF_PROCESS || call.input().size() != sizeof(int32_t)) {
+            if (call.cmd() != GRP_QUERY_GROUPS_OF_PROCESS ||
+                call.input().size() != sizeof(int32_t)) {
                 return Reply(DRV_ERROR_INVALID_VALUE);
             }
             int32_t pid = 0;
             std::memcpy(&pid, call.input().data(), sizeof(pid));
             CardReply reply;
-            reply.set_code(groups_->QueryGroupsOfProcess(pid, call.out_capacity(), reply.mutable_data()));
+            reply.set_code(
+                groups_->QueryGroupsOfProcess(pid, call.out_capacity(), reply.mutable_data()));
             return reply;
         }
         case CardRequest::kHalBuffRecycleByPid:
@@ -213,8 +221,8 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
         }
         case CardRequest::kDrvBindHostPid: {
             const DrvBindHostPid& call = request.drv_bind_host_pid();
-            return Reply(processes_->Bind(caller, call.host_pid(), call.vfid(), call.mode(), call.cp_type(),
-                                          call.sign()));
+            return Reply(processes_->Bind(caller, call.host_pid(), call.vfid(), call.mode(),
+                                          call.cp_type(), call.sign()));
         }
         case CardRequest::kDrvHdcGetTrustedBasePath: {
             const DrvHdcGetTrustedBasePath& call = request.drv_hdc_get_trusted_base_path();
@@ -254,25 +262,27 @@ CardReply DriverService::EventCall(pid_t caller, const CardRequest& request) {
             return Reply(scheduler_->Detach(caller, request.hal_esched_dettach_device().dev_id()));
         case CardRequest::kHalEschedCreateGrp: {
             const HalEschedCreateGrp& call = request.hal_esched_create_grp();
-            return Reply(scheduler_->CreateGroup(caller, call.dev_id(), call.grp_id(), call.type()));
+            return Reply(
+                scheduler_->CreateGroup(caller, call.dev_id(), call.grp_id(), call.type()));
         }
         case CardRequest::kHalEschedSubscribeEvent: {
             const HalEschedSubscribeEvent& call = request.hal_esched_subscribe_event();
-            return Reply(scheduler_->Subscribe(caller, call.dev_id(), call.grp_id(), call.thread_id(),
-                                               call.event_bitmap()));
+            return Reply(scheduler_->Subscribe(caller, call.dev_id(), call.grp_id(),
+                                               call.thread_id(), call.event_bitmap()));
         }
         case CardRequest::kHalEschedWaitEvent: {
             const HalEschedWaitEvent& call = request.hal_esched_wait_event();
             CardReply reply;
-            reply.set_code(scheduler_->Wait(caller, call.dev_id(), call.grp_id(), call.thread_id(), call.timeout(),
-                                            reply.mutable_event()));
+            reply.set_code(scheduler_->Wait(caller, call.dev_id(), call.grp_id(), call.thread_id(),
+                                            call.timeout(), reply.mutable_event()));
             return reply;
         }
         case CardRequest::kHalEschedSubmitEvent:
             return Reply(scheduler_->Submit(caller, request.hal_esched_submit_event()));
         case CardRequest::kHalEschedAckEvent: {
             const HalEschedAckEvent& call = request.hal_esched_ack_event();
-            return Reply(scheduler_->Ack(caller, call.dev_id(), call.event_id(), call.subevent_id(), call.msg()));
+            return Reply(scheduler_->Ack(caller, call.dev_id(), call.event_id(), call.subevent_id(),
+                                         call.msg()));
         }
         case CardRequest::kHalRegisterVmngClient:
             return Reply(scheduler_->RegisterVmngClient(caller));
@@ -287,10 +297,11 @@ CardReply DriverService::GetDeviceInfo(const HalGetDeviceInfo& call) const {
     }
     const DeviceConfig& device = config_->devices[call.dev_id()];
     if (call.module_type() == MODULE_TYPE_SYSTEM) {
-        return call.info_type() == INFO_TYPE_VERSION ? Reply(DRV_ERROR_NONE, config_->HardwareVersion())
-                                                     : Reply(DRV_ERROR_NOT_SUPPORT);
+        return call.info_type() == INFO_TYPE_VERSION
+                   ? Reply(DRV_ERROR_NONE, config_->HardwareVersion())
+                   : Reply(DRV_ERROR_NOT_SUPPORT);
     }
-    const CpuGroup* group = call.module_type() == MODULE_TYPE_AICPU   ? &device.ai
+    const CpuGroup* group = call.module_type() == MODULE_TYPE_AICPU  ? &device.ai
                             : call.module_type() == MODULE_TYPE_CCPU ? &device.ctrl
                             : call.module_type() == MODULE_TYPE_DCPU ? &device.data
                                                                      : nullptr;

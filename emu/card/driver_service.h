@@ -26,7 +26,7 @@ bool IsDriverSocketRequest(const CardRequest& request);
 
 // How the stand-ins of each kind behave.
 class StandinTable {
-public:
+  public:
     static constexpr uint32_t kKinds = 4;
     static const char* const kBehaviours[];
 
@@ -41,7 +41,7 @@ public:
     // BEHAVIOUR DELAY_MS".
     void PublishTo(const std::string& path) LOCKS_EXCLUDED(mutex_);
 
-private:
+  private:
     void Publish() const EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     mutable Mutex mutex_;
@@ -56,16 +56,16 @@ bool IsFaultableCall(const std::string& name);
 bool IsDriverCall(const std::string& name);
 
 class DriverService {
-public:
-    DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups, ProcessTable* processes,
-                  EventScheduler* scheduler, VerifyLog* verified);
+  public:
+    DriverService(const CardConfig* config, FaultTable* faults, GroupTable* groups,
+                  ProcessTable* processes, EventScheduler* scheduler, VerifyLog* verified);
     DriverService(const DriverService&) = delete;
     DriverService& operator=(const DriverService&) = delete;
 
     // Executes one driver call made by process `caller`.
     CardReply Handle(pid_t caller, const CardRequest& request);
 
-private:
+  private:
     CardReply GetDeviceInfo(const HalGetDeviceInfo& call) const;
     CardReply Serve(pid_t caller, const CardRequest& request);
     CardReply EventCall(pid_t caller, const CardRequest& request);

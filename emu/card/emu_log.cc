@@ -22,8 +22,9 @@ void EmuLog(const char* fmt, ...) {
     tm local{};
     ::localtime_r(&now.tv_sec, &local);
     char line[2200];
-    int n = std::snprintf(line, sizeof(line), "%02d:%02d:%02d.%06ld orv-card-emu: %s\n", local.tm_hour, local.tm_min,
-                          local.tm_sec, static_cast<long>(now.tv_usec), text);
+    int n =
+        std::snprintf(line, sizeof(line), "%02d:%02d:%02d.%06ld orv-card-emu: %s\n", local.tm_hour,
+                      local.tm_min, local.tm_sec, static_cast<long>(now.tv_usec), text);
     if (n > 0) {
         WriteFull(STDERR_FILENO, line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
     }

@@ -13,7 +13,7 @@
 namespace orv::emu {
 
 class FaultTable {
-public:
+  public:
     FaultTable() = default;
     FaultTable(const FaultTable&) = delete;
     FaultTable& operator=(const FaultTable&) = delete;
@@ -42,7 +42,7 @@ public:
     // "<call> delay_ms <M> remaining <N>".
     std::string Describe() const;
 
-private:
+  private:
     struct Fault {
         int32_t code;
         uint32_t remaining;
@@ -59,7 +59,9 @@ private:
     std::atomic<bool> armed_{false};
 
     // After a change of either map.
-    void NoteArmed() EXCLUSIVE_LOCKS_REQUIRED(mutex_) { armed_.store(!faults_.empty() || !delays_.empty()); }
+    void NoteArmed() EXCLUSIVE_LOCKS_REQUIRED(mutex_) {
+        armed_.store(!faults_.empty() || !delays_.empty());
+    }
 };
 
 }  // namespace orv::emu

@@ -19,7 +19,7 @@ namespace orv::emu {
 inline constexpr char kDefaultMemGroup[] = "DEFAULT_MEM_GROUP";
 
 class GroupTable {
-public:
+  public:
     GroupTable();
     GroupTable(const GroupTable&) = delete;
     GroupTable& operator=(const GroupTable&) = delete;
@@ -36,7 +36,7 @@ public:
     // then one line per recycled pid.
     std::string Describe() const;
 
-private:
+  private:
     struct Group {
         pid_t owner = 0;
         uint64_t memSize = 0;

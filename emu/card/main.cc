@@ -30,8 +30,8 @@ void Usage(FILE* out = stderr) {
                  "  --zeb                  report the ZEB chip type\n"
                  "  --trusted-root DIR     trusted directories are DIR/dev<D> (default %s)\n"
                  "  --ready-fd FD          write one byte to FD once listening\n",
-                 orv::emu::kDefaultCardSocket, orv::emu::kDefaultControlSocket, orv::emu::kAppmonSocket,
-                 orv::emu::kDefaultTrustedRoot);
+                 orv::emu::kDefaultCardSocket, orv::emu::kDefaultControlSocket,
+                 orv::emu::kAppmonSocket, orv::emu::kDefaultTrustedRoot);
 }
 
 }  // namespace
@@ -64,7 +64,8 @@ int main(int argc, char** argv) {
         } else if (arg == "--devices") {
             long n = std::strtol(value().c_str(), nullptr, 10);
             if (n < 0 || n > static_cast<long>(orv::emu::kMaxEmulatedDevices)) {
-                std::fprintf(stderr, "orv-card-emu: --devices takes 0..%u\n", orv::emu::kMaxEmulatedDevices);
+                std::fprintf(stderr, "orv-card-emu: --devices takes 0..%u\n",
+                             orv::emu::kMaxEmulatedDevices);
                 return 2;
             }
             devices = static_cast<uint32_t>(n);

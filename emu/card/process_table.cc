@@ -24,8 +24,9 @@ uint64_t Mix(uint64_t x) {
 }  // namespace
 
 ProcessTable::ProcessTable()
-    : bootNonce_(Mix(static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                     static_cast<uint64_t>(::getpid()))) {}
+    : bootNonce_(
+          Mix(static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+              static_cast<uint64_t>(::getpid()))) {}
 
 std::string ProcessTable::SignOf(pid_t pid) {
     char sign[PROCESS_SIGN_LENGTH] = {};
@@ -37,8 +38,8 @@ std::string ProcessTable::SignOf(pid_t pid) {
     return sign;
 }
 
-int32_t ProcessTable::Bind(pid_t pid, int32_t hostPid, uint32_t vfId, uint32_t mode, uint32_t cpType,
-                           const std::string& sign) {
+int32_t ProcessTable::Bind(pid_t pid, int32_t hostPid, uint32_t vfId, uint32_t mode,
+                           uint32_t cpType, const std::string& sign) {
     if (sign != SignOf(pid)) {
         return DRV_ERROR_NO_PERMISSION;
     }
@@ -51,8 +52,8 @@ std::string ProcessTable::Describe() const {
     MutexLock lock(&mutex_);
     std::ostringstream out;
     for (const auto& [pid, binding] : bindings_) {
-        out << "process " << pid << " host_pid " << binding.hostPid << " vfid " << binding.vfId << " mode "
-            << binding.mode << " cp_type " << binding.cpType << "\n";
+        out << "process " << pid << " host_pid " << binding.hostPid << " vfid " << binding.vfId
+            << " mode " << binding.mode << " cp_type " << binding.cpType << "\n";
     }
     return out.str();
 }

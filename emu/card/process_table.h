@@ -14,7 +14,7 @@
 namespace orv::emu {
 
 class ProcessTable {
-public:
+  public:
     ProcessTable();
     ProcessTable(const ProcessTable&) = delete;
     ProcessTable& operator=(const ProcessTable&) = delete;
@@ -25,12 +25,13 @@ public:
 
     // Records that `pid` serves `hostPid` on `vfId`. Refused (driver result)
     // when `sign` is not the caller's signature.
-    int32_t Bind(pid_t pid, int32_t hostPid, uint32_t vfId, uint32_t mode, uint32_t cpType, const std::string& sign);
+    int32_t Bind(pid_t pid, int32_t hostPid, uint32_t vfId, uint32_t mode, uint32_t cpType,
+                 const std::string& sign);
 
     // One line per bound process.
     std::string Describe() const;
 
-private:
+  private:
     struct Binding {
         int32_t hostPid;
         uint32_t vfId;

@@ -10,7 +10,9 @@ void VerifyLog::Record(const std::string& path, uint64_t size) {
     Entry entry;
     entry.path = path;
     struct stat st {};
-    entry.size = size != 0 ? size : ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    entry.size = size != 0                        ? size
+                 : ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size)
+                                                  : 0;
     entry.timeMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                        std::chrono::system_clock::now().time_since_epoch())
                        .count();

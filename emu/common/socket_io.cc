@@ -159,8 +159,8 @@ bool WriteFrameWithin(int fd, const std::string& payload, std::chrono::milliseco
         if (errno != EAGAIN && errno != EWOULDBLOCK) {
             return false;
         }
-        auto remaining =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (remaining.count() <= 0) {
             errno = ETIMEDOUT;
             return false;

@@ -65,7 +65,8 @@ bool ExchangeMessages(int fd, const Request& request, Reply* reply) {
         return false;
     }
     std::string answer;
-    return ReadFrame(fd, &answer, kMaxReplyFrame) == FrameStatus::kOk && reply->ParseFromString(answer);
+    return ReadFrame(fd, &answer, kMaxReplyFrame) == FrameStatus::kOk &&
+           reply->ParseFromString(answer);
 }
 
 }  // namespace orv::emu

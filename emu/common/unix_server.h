@@ -21,7 +21,7 @@
 namespace orv::emu {
 
 class UnixServer {
-public:
+  public:
     // Serves one connection until it returns; `fd` stays owned by the server.
     using Handler = std::function<void(int fd, pid_t peer)>;
 
@@ -44,7 +44,7 @@ public:
 
     const std::string& Path() const { return path_; }
 
-private:
+  private:
     struct Worker {
         UniqueFd fd;  // the connection being served; guarded by mutex_
         std::thread thread;

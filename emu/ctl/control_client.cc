@@ -9,7 +9,8 @@
 
 namespace orv::emu {
 
-bool CallControl(const std::string& socketPath, const CardRequest& request, CardReply* reply, std::string* error) {
+bool CallControl(const std::string& socketPath, const CardRequest& request, CardReply* reply,
+                 std::string* error) {
     UniqueFd fd = ConnectUnix(socketPath);
     if (!fd.Valid()) {
         *error = "cannot connect to " + socketPath + ": " + std::strerror(errno);

@@ -3,9 +3,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -20,50 +20,59 @@
 namespace {
 
 void Usage(FILE* out = stderr) {
-    std::fprintf(out,
-                 "Usage: orv-emu-ctl (--state DIR | --socket PATH) COMMAND [ARGS]\n"
-                 "Commands:\n"
-                 "  status [--json] [--watch [--interval MS]]\n"
-                 "                             (with --state) the card as a tree: devices and their\n"
-                 "                             control CPUs; per device the VFs (package watcher, installed\n"
-                 "                             package and its check code, memory limit and usage); per VF\n"
-                 "                             the host processes with a session (host pid, HDC sessions,\n"
-                 "                             what runs, since when) and their sub-processes (kind, pid,\n"
-                 "                             state). --json prints the same for scripts; --watch redraws\n"
-                 "                             it every MS (default 1000) until interrupted\n"
-                 "  devices                    show the device table\n"
-                 "  groups                     list buffer groups, their members and recycled pids\n"
-                 "  appmon                     list the app monitor's clients\n"
-                 "  processes                  list processes bound to host processes\n"
-                 "  faults                     list armed faults and delays\n"
-                 "  fail CALL CODE [COUNT]     make the next COUNT (default 1) calls of CALL return CODE;\n"
-                 "                             CALL is a driver HAL function (drvGetDevNum, halGrpAttach,\n"
-                 "                             halVerifyImg, ...)\n"
-                 "                             or an app-monitor call (appmon_client_register, ...); the\n"
-                 "                             emulator's stand-ins never take a fault, real programs do\n"
-                 "  slow CALL MS [COUNT]       make the next COUNT (default 1) calls of the driver HAL function\n"
-                 "                             CALL answer MS milliseconds late (the call's work is done at\n"
-                 "                             once; only its caller waits), to widen a race on purpose\n"
-                 "  clear-faults               disarm every fault and delay\n"
-                 "  vf create|destroy ID [--length N] [--timeout MS]\n"
-                 "                             the driver tells the daemon that VF ID was created or destroyed\n"
-                 "                             (a notice of N bytes; 16 by default) and prints the daemon's\n"
-                 "                             acknowledgement, 0 or -1, alone on the last line\n"
-                 "  vf-script-faults [create] [destroy]\n"
-                 "                             make those VF scripts fail; with neither, both work again\n"
-                 "  standin KIND BEHAVIOUR [DELAY_MS]\n"
-                 "                             how stand-ins of KIND (zarn, compute, custom, queue) behave from\n"
-                 "                             their next start: normal, no-start, delay-start, crash,\n"
-                 "                             stay-after-close, ignore-close, kernel-timeout, ask-custom,\n"
-                 "                             flood (DELAY_MS more start reports)\n"
-                 "  standins                   the stand-ins' behaviours\n"
-                 "  events                     the most recent event traffic\n"
-                 "  group create NAME          a buffer group owned by the card\n"
-                 "  group add NAME PID         grant process PID (a host process, say) access to group NAME\n"
-                 "  inject-event SUBEVENT [--length N] [--group G] [--host-pid P] [--device D] [--vf V]\n"
-                 "               [--proc-type T] [--event-type E] [--src-pid S]\n"
-                 "                             put a record of N bytes (default 128) into the daemon's queue of\n"
-                 "                             group G, as a sub-process would send it\n");
+    std::fprintf(
+        out,
+        "Usage: orv-emu-ctl (--state DIR | --socket PATH) COMMAND [ARGS]\n"
+        "Commands:\n"
+        "  status [--json] [--watch [--interval MS]]\n"
+        "                             (with --state) the card as a tree: devices and their\n"
+        "                             control CPUs; per device the VFs (package watcher, "
+        "installed\n"
+        "                             package and its check code, memory limit and usage); per VF\n"
+        "                             the host processes with a session (host pid, HDC sessions,\n"
+        "                             what runs, since when) and their sub-processes (kind, pid,\n"
+        "                             state). --json prints the same for scripts; --watch redraws\n"
+        "                             it every MS (default 1000) until interrupted\n"
+        "  devices                    show the device table\n"
+        "  groups                     list buffer groups, their members and recycled pids\n"
+        "  appmon                     list the app monitor's clients\n"
+        "  processes                  list processes bound to host processes\n"
+        "  faults                     list armed faults and delays\n"
+        "  fail CALL CODE [COUNT]     make the next COUNT (default 1) calls of CALL return CODE;\n"
+        "                             CALL is a driver HAL function (drvGetDevNum, halGrpAttach,\n"
+        "                             halVerifyImg, ...)\n"
+        "                             or an app-monitor call (appmon_client_register, ...); the\n"
+        "                             emulator's stand-ins never take a fault, real programs do\n"
+        "  slow CALL MS [COUNT]       make the next COUNT (default 1) calls of the driver HAL "
+        "function\n"
+        "                             CALL answer MS milliseconds late (the call's work is done "
+        "at\n"
+        "                             once; only its caller waits), to widen a race on purpose\n"
+        "  clear-faults               disarm every fault and delay\n"
+        "  vf create|destroy ID [--length N] [--timeout MS]\n"
+        "                             the driver tells the daemon that VF ID was created or "
+        "destroyed\n"
+        "                             (a notice of N bytes; 16 by default) and prints the "
+        "daemon's\n"
+        "                             acknowledgement, 0 or -1, alone on the last line\n"
+        "  vf-script-faults [create] [destroy]\n"
+        "                             make those VF scripts fail; with neither, both work again\n"
+        "  standin KIND BEHAVIOUR [DELAY_MS]\n"
+        "                             how stand-ins of KIND (zarn, compute, custom, queue) behave "
+        "from\n"
+        "                             their next start: normal, no-start, delay-start, crash,\n"
+        "                             stay-after-close, ignore-close, kernel-timeout, ask-custom,\n"
+        "                             flood (DELAY_MS more start reports)\n"
+        "  standins                   the stand-ins' behaviours\n"
+        "  events                     the most recent event traffic\n"
+        "  group create NAME          a buffer group owned by the card\n"
+        "  group add NAME PID         grant process PID (a host process, say) access to group "
+        "NAME\n"
+        "  inject-event SUBEVENT [--length N] [--group G] [--host-pid P] [--device D] [--vf V]\n"
+        "               [--proc-type T] [--event-type E] [--src-pid S]\n"
+        "                             put a record of N bytes (default 128) into the daemon's "
+        "queue of\n"
+        "                             group G, as a sub-process would send it\n");
 }
 
 bool ParseNumber(const std::string& text, long* value) {
@@ -88,8 +97,8 @@ int Status(const std::string& stateDir, const std::vector<std::string>& options)
             json = true;
         } else if (options[i] == "--watch") {
             watch = true;
-        } else if (options[i] == "--interval" && i + 1 < options.size() && ParseNumber(options[i + 1], &intervalMs) &&
-                   intervalMs > 0) {
+        } else if (options[i] == "--interval" && i + 1 < options.size() &&
+                   ParseNumber(options[i + 1], &intervalMs) && intervalMs > 0) {
             ++i;
         } else {
             Usage();
@@ -97,13 +106,14 @@ int Status(const std::string& stateDir, const std::vector<std::string>& options)
         }
     }
     if (stateDir.empty()) {
-        std::fprintf(stderr, "orv-emu-ctl: status reads the sandbox's files too: give --state DIR\n");
+        std::fprintf(stderr,
+                     "orv-emu-ctl: status reads the sandbox's files too: give --state DIR\n");
         return 2;
     }
     auto render = [&] {
         orv::emu::CardView view = orv::emu::ReadCardView(stateDir);
-        return std::make_pair(view.error.empty(),
-                              json ? orv::emu::RenderStatusJson(view) : orv::emu::RenderStatusTree(view));
+        return std::make_pair(view.error.empty(), json ? orv::emu::RenderStatusJson(view)
+                                                       : orv::emu::RenderStatusTree(view));
     };
     if (!watch) {
         auto [ok, text] = render();
@@ -176,7 +186,8 @@ int main(int argc, char** argv) {
         request.mutable_list_faults();
     } else if (command == "clear-faults" && words.size() == 1) {
         request.mutable_clear_faults();
-    } else if (command == "group" && words.size() >= 3 && (words[1] == "create" || words[1] == "add")) {
+    } else if (command == "group" && words.size() >= 3 &&
+               (words[1] == "create" || words[1] == "add")) {
         auto* setup = request.mutable_group_setup();
         setup->set_name(words[2]);
         long pid = 0;
@@ -194,12 +205,13 @@ int main(int argc, char** argv) {
             Usage();
             return 2;
         }
-        std::map<std::string, long> values = {{"--length", 128}, {"--group", 0},     {"--host-pid", 0},
-                                              {"--device", 0},   {"--vf", 0},        {"--proc-type", 1},
-                                              {"--event-type", subevent},            {"--src-pid", 0}};
+        std::map<std::string, long> values = {
+            {"--length", 128}, {"--group", 0},     {"--host-pid", 0},          {"--device", 0},
+            {"--vf", 0},       {"--proc-type", 1}, {"--event-type", subevent}, {"--src-pid", 0}};
         for (size_t i = 2; i < words.size(); i += 2) {
             long value = 0;
-            if (values.count(words[i]) == 0 || i + 1 >= words.size() || !ParseNumber(words[i + 1], &value)) {
+            if (values.count(words[i]) == 0 || i + 1 >= words.size() ||
+                !ParseNumber(words[i + 1], &value)) {
                 Usage();
                 return 2;
             }
@@ -214,7 +226,8 @@ int main(int argc, char** argv) {
                                         static_cast<uint32_t>(values["--proc-type"]),
                                         static_cast<uint32_t>(values["--event-type"])};
         std::string msg(static_cast<size_t>(std::max(0L, values["--length"])), '\0');
-        std::memcpy(msg.data(), record.data(), std::min(msg.size(), record.size() * sizeof(uint32_t)));
+        std::memcpy(msg.data(), record.data(),
+                    std::min(msg.size(), record.size() * sizeof(uint32_t)));
         auto* event = request.mutable_inject_event();
         event->set_grp_id(static_cast<uint32_t>(values["--group"]));
         event->set_subevent_id(static_cast<uint32_t>(subevent));
@@ -234,7 +247,8 @@ int main(int argc, char** argv) {
         }
         long delay = 0;
         if (kind < 0 || (words.size() == 4 && (!ParseNumber(words[3], &delay) || delay < 0))) {
-            std::fprintf(stderr, "orv-emu-ctl: KIND is zarn, compute, custom or queue; DELAY_MS a number\n");
+            std::fprintf(
+                stderr, "orv-emu-ctl: KIND is zarn, compute, custom or queue; DELAY_MS a number\n");
             return 2;
         }
         auto* set = request.mutable_set_standin();
@@ -253,7 +267,8 @@ int main(int argc, char** argv) {
                 return 2;
             }
         }
-    } else if (command == "vf" && words.size() >= 3 && (words[1] == "create" || words[1] == "destroy")) {
+    } else if (command == "vf" && words.size() >= 3 &&
+               (words[1] == "create" || words[1] == "destroy")) {
         auto* change = request.mutable_vf_change();
         change->set_create(words[1] == "create");
         long id = 0;
@@ -280,7 +295,8 @@ int main(int argc, char** argv) {
     } else if (command == "fail" && (words.size() == 3 || words.size() == 4)) {
         long code = 0;
         long count = 1;
-        if (!ParseNumber(words[2], &code) || (words.size() == 4 && (!ParseNumber(words[3], &count) || count < 0))) {
+        if (!ParseNumber(words[2], &code) ||
+            (words.size() == 4 && (!ParseNumber(words[3], &count) || count < 0))) {
             std::fprintf(stderr, "orv-emu-ctl: CODE and COUNT must be numbers\n");
             return 2;
         }

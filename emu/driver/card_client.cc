@@ -20,7 +20,8 @@ CardClient& CardClient::Instance() {
     return client;
 }
 
-CardClient::CardClient(std::string socketPath) : socketPath_(std::move(socketPath)), ownerPid_(::getpid()) {}
+CardClient::CardClient(std::string socketPath)
+    : socketPath_(std::move(socketPath)), ownerPid_(::getpid()) {}
 
 UniqueFd CardClient::Borrow() {
     {

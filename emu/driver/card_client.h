@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "card.pb.h"
 #include <driver_hal.h>
+#include "card.pb.h"
 #include "emu/common/unique_fd.h"
 #include "platform/mutex.h"
 
 namespace orv::emu {
 
 class CardClient {
-public:
+  public:
     // The process's client of the socket named by ORV_EMU_CARD_SOCKET (or the
     // sandbox's default).
     static CardClient& Instance();
@@ -35,7 +35,7 @@ public:
     // emulator's stand-ins).
     void ExemptFromFaults() { exempt_ = true; }
 
-private:
+  private:
     UniqueFd Borrow();
     void Return(UniqueFd fd);
 
@@ -44,7 +44,8 @@ private:
 
     Mutex mutex_;
     std::vector<UniqueFd> idle_ GUARDED_BY(mutex_);
-    pid_t ownerPid_ GUARDED_BY(mutex_);  // idle_ belongs to this process; a forked child starts over
+    pid_t ownerPid_
+        GUARDED_BY(mutex_);  // idle_ belongs to this process; a forked child starts over
 };
 
 }  // namespace orv::emu

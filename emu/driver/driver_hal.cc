@@ -127,7 +127,8 @@ drvError_t drvGetProcessSign(struct process_sign* sign) {
     if (rc == DRV_ERROR_NONE) {
         std::memset(sign, 0, sizeof(*sign));
         sign->tgid = static_cast<int32_t>(reply.value());
-        std::memcpy(sign->sign, reply.data().data(), std::min(reply.data().size(), sizeof(sign->sign) - 1));
+        std::memcpy(sign->sign, reply.data().data(),
+                    std::min(reply.data().size(), sizeof(sign->sign) - 1));
     }
     return rc;
 }
@@ -154,7 +155,8 @@ drvError_t halBuffRecycleByPid(int32_t pid) {
     return CardClient::Instance().Call(request, &reply);
 }
 
-drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* basePath, uint32_t pathLen) {
+drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* basePath,
+                                    uint32_t pathLen) {
     if (basePath == nullptr || pathLen == 0) {
         return DRV_ERROR_INVALID_VALUE;
     }
@@ -198,7 +200,8 @@ drvError_t halEschedCreateGrp(uint32_t devId, uint32_t grpId, uint32_t type) {
     return CardClient::Instance().Call(request, &reply);
 }
 
-drvError_t halEschedSubscribeEvent(uint32_t devId, uint32_t grpId, uint32_t threadId, uint64_t eventBitmap) {
+drvError_t halEschedSubscribeEvent(uint32_t devId, uint32_t grpId, uint32_t threadId,
+                                   uint64_t eventBitmap) {
     CardRequest request;
     auto* call = request.mutable_hal_esched_subscribe_event();
     call->set_dev_id(devId);
@@ -229,7 +232,8 @@ drvError_t halEschedWaitEvent(uint32_t devId, uint32_t grpId, uint32_t threadId,
         event->subevent_id = record.subevent_id();
         event->src_pid = record.src_pid();
         event->grp_id = record.grp_id();
-        event->msg_len = static_cast<uint32_t>(std::min<size_t>(record.msg().size(), EVENT_MAX_MSG_LEN));
+        event->msg_len =
+            static_cast<uint32_t>(std::min<size_t>(record.msg().size(), EVENT_MAX_MSG_LEN));
         std::memcpy(event->msg, record.msg().data(), event->msg_len);
     }
     return rc;
@@ -253,7 +257,8 @@ drvError_t halEschedSubmitEvent(uint32_t devId, struct event_summary* event) {
     return CardClient::Instance().Call(request, &reply);
 }
 
-drvError_t halEschedAckEvent(uint32_t devId, uint32_t eventId, uint32_t subeventId, char* msg, uint32_t msgLen) {
+drvError_t halEschedAckEvent(uint32_t devId, uint32_t eventId, uint32_t subeventId, char* msg,
+                             uint32_t msgLen) {
     if (msg == nullptr && msgLen > 0) {
         return DRV_ERROR_INVALID_VALUE;
     }

@@ -55,7 +55,8 @@ struct Feature {
 
 const std::vector<Feature>& LocalFeatures() {
     static const std::vector<Feature> features = {
-        {HDCMessage::ORV_START_PROC_MSG, {"start_zarn", "start_cp", "check_code", "log_level", "vf_id", "device_mode"}},
+        {HDCMessage::ORV_START_PROC_MSG,
+         {"start_zarn", "start_cp", "check_code", "log_level", "vf_id", "device_mode"}},
         {HDCMessage::ORV_START_QS_MSG, {"qs_init_group_name"}},
         {HDCMessage::ORV_CLOSE_PROC_MSG, {"vf_id"}},
         {HDCMessage::ORV_UPDATE_PROIFILING_MSG, {"profiling_mode"}},
@@ -104,7 +105,7 @@ struct HdcSession {
 
 // Every live session of the process, for SendMsg, which names no device.
 class SessionTable {
-public:
+  public:
     static SessionTable& Instance() {
         static SessionTable* const table = new SessionTable;
         return *table;
@@ -128,7 +129,7 @@ public:
         return it != sessions_.end() ? it->second : nullptr;
     }
 
-private:
+  private:
     std::atomic<uint32_t> nextId_{1};
     Mutex mutex_;
     std::map<uint32_t, std::shared_ptr<HdcSession>> sessions_ GUARDED_BY(mutex_);
@@ -154,7 +155,8 @@ void VersionVerify::ParseVersionInfo(const HDCMessage_VersionInfo& peerInfo) {
     state_->peerFeatures.clear();
     for (const auto& list : peerInfo.feature_list()) {
         for (const std::string& feature : list.feature()) {
-            state_->peerFeatures.push_back(HDCMessage::MsgType_Name(list.msg_type()) + ":" + feature);
+            state_->peerFeatures.push_back(HDCMessage::MsgType_Name(list.msg_type()) + ":" +
+                                           feature);
         }
     }
 }
@@ -185,7 +187,7 @@ std::vector<std::string> VersionVerify::GetPeerFeatures() const {
 // ---- HdcServer ------------------------------------------------------------------
 
 class HdcServer::Impl {
-public:
+  public:
     Impl(uint32_t deviceId, HDCServiceType type) : deviceId(deviceId), type(type) {}
 
     // Receives one session's frames until it ends.
@@ -209,7 +211,8 @@ Mutex& RegistryMutex() {
 }
 
 std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>& Registry() {
-    static auto* const registry = new std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>;
+    static auto* const registry =
+        new std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>;
     return *registry;
 }
 
@@ -236,8 +239,9 @@ void HdcServer::Impl::Serve(int fd) {
             session->lastDeviceId = msg.device_id();
             session->lastVfId = msg.vf_id();
             session->lastHostPid = msg.proc_sign_pid().proc_pid();
-            emu::SessionBoard::Instance().Request(session->id, session->lastDeviceId, session->lastVfId,
-                                                  session->lastHostPid, msg.type());
+            emu::SessionBoard::Instance().Request(session->id, session->lastDeviceId,
+                                                  session->lastVfId, session->lastHostPid,
+                                                  msg.type());
         }
         dispatcher->ProcessMessage(session->id, msg);
     }
@@ -374,9 +378,11 @@ uint32_t HdcCommon::SendMsg(uint32_t sessionId, const HDCMessage& msg) {
         // A host that does not read its replies would hold up whoever answers
         // it; its link ends, as a dropped link does.
         DlogWarnInner(kHdcLogModuleId,
-                      "[HdcServer] session[%u] of device[%u]: a reply was not taken within %lld ms, the host does "
+                      "[HdcServer] session[%u] of device[%u]: a reply was not taken within %lld "
+                      "ms, the host does "
                       "not read; its link is ended",
-                      sessionId, session->deviceId, static_cast<long long>(kReplyWriteLimit.count()));
+                      sessionId, session->deviceId,
+                      static_cast<long long>(kReplyWriteLimit.count()));
         session->ShutDown();
     }
     return 1;

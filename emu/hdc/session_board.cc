@@ -133,11 +133,11 @@ void SessionBoard::Flush() {
         dirty_ = false;
         char line[256];
         for (const auto& [id, e] : sessions_) {
-            std::snprintf(
-                line, sizeof(line),
-                "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld last_type %d\n",
-                id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
-                static_cast<long long>(e.sinceMs), e.lastType);
+            std::snprintf(line, sizeof(line),
+                          "session %u device %u vf %d host_pid %u opened_ms %lld since_ms %lld "
+                          "last_type %d\n",
+                          id, e.deviceId, e.vfId, e.hostPid, static_cast<long long>(e.openedMs),
+                          static_cast<long long>(e.sinceMs), e.lastType);
             text += line;
         }
     }

@@ -66,11 +66,12 @@ Received HostLink::Next(HDCMessage* msg, std::chrono::milliseconds timeout) {
     }
 }
 
-Received HostLink::Await(HDCMessage::MsgType type, HDCMessage* msg, std::chrono::milliseconds timeout) {
+Received HostLink::Await(HDCMessage::MsgType type, HDCMessage* msg,
+                         std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         Received received = Next(msg, std::max(left, std::chrono::milliseconds(0)));
         if (received != Received::kMessage || msg->type() == type) {
             return received;

@@ -20,7 +20,7 @@ enum class Received {
 };
 
 class HostLink {
-public:
+  public:
     // Connects to a device's HDC socket; null, with the reason, on failure.
     static std::unique_ptr<HostLink> Connect(const std::string& socketPath, std::string* error);
 
@@ -43,7 +43,7 @@ public:
     void Drop();
     bool Open() const { return fd_.Valid(); }
 
-private:
+  private:
     explicit HostLink(emu::UniqueFd fd) : fd_(std::move(fd)) {}
 
     emu::UniqueFd fd_;

@@ -11,7 +11,8 @@
 extern "C" {
 
 int32_t mmSleep(uint32_t milliSecond) {
-    timespec remaining{static_cast<time_t>(milliSecond / 1000), static_cast<long>(milliSecond % 1000) * 1000000L};
+    timespec remaining{static_cast<time_t>(milliSecond / 1000),
+                       static_cast<long>(milliSecond % 1000) * 1000000L};
     while (::nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
     }
     return EN_OK;

@@ -12,7 +12,8 @@
 #include "emu/pkg/package_signature.h"
 #include "vendor_public_key.h"
 
-extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, const char* path, uint32_t /*flags*/) {
+extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, const char* path,
+                                uint32_t /*flags*/) {
     if (path == nullptr) {
         return 1;
     }

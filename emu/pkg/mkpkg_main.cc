@@ -27,22 +27,24 @@ namespace {
 constexpr char kDefaultInnerName[] = "Velkan512-aicpu_syskernels.tar.gz";
 
 void Usage(FILE* out = stderr) {
-    std::fprintf(out,
-                 "Usage: orv-emu-mkpkg --out FILE [options]\n"
-                 "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
-                 "                         of FILE's name, or %s)\n"
-                 "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are included\n"
-                 "  --pad-bytes N          an incompressible payload of N bytes\n"
-                 "  --unsigned             leave the package unsigned\n"
-                 "  --from-dir DIR         the archive holds exactly the entries under DIR,\n"
-                 "                         as they are there (links, hard links and special\n"
-                 "                         files kept; DIR gives its own version.info); no\n"
-                 "                         option above but --unsigned goes with it\n"
-                 "  --transform EXPR       with --from-dir: rewrite member names and link\n"
-                 "                         targets with tar's --transform (sed-like, e.g.\n"
-                 "                         's,^evil,/abs/evil,', flag h for hard link targets\n"
-                 "                         only); absolute names and \"..\" are kept\n",
-                 kDefaultInnerName);
+    std::fprintf(
+        out,
+        "Usage: orv-emu-mkpkg --out FILE [options]\n"
+        "  --inner-name NAME      the archive name version.info gives (default: the archive part\n"
+        "                         of FILE's name, or %s)\n"
+        "  --sandbox-so A,B       a SandBoxSo= line naming these shared objects, which are "
+        "included\n"
+        "  --pad-bytes N          an incompressible payload of N bytes\n"
+        "  --unsigned             leave the package unsigned\n"
+        "  --from-dir DIR         the archive holds exactly the entries under DIR,\n"
+        "                         as they are there (links, hard links and special\n"
+        "                         files kept; DIR gives its own version.info); no\n"
+        "                         option above but --unsigned goes with it\n"
+        "  --transform EXPR       with --from-dir: rewrite member names and link\n"
+        "                         targets with tar's --transform (sed-like, e.g.\n"
+        "                         's,^evil,/abs/evil,', flag h for hard link targets\n"
+        "                         only); absolute names and \"..\" are kept\n",
+        kDefaultInnerName);
 }
 
 int RemoveEntry(const char* path, const struct stat*, int, FTW*) {
@@ -124,7 +126,8 @@ std::string InnerNameFor(const std::string& out) {
     std::smatch match;
     // What the daemon takes for the archive part of a package's name.
     static const std::regex kArchiveName("Velkan[0-9]{3}.*\\.tar\\.gz");
-    return std::regex_search(base, match, kArchiveName) ? match.str() : std::string(kDefaultInnerName);
+    return std::regex_search(base, match, kArchiveName) ? match.str()
+                                                        : std::string(kDefaultInnerName);
 }
 
 // Signs the archive unless told not to and writes it out; the exit status.
@@ -198,7 +201,8 @@ int main(int argc, char** argv) {
     }
     for (const std::string& name : sandboxSo) {
         if (name.find('/') != std::string::npos || name.find('\'') != std::string::npos) {
-            std::fprintf(stderr, "orv-emu-mkpkg: a shared object name is a plain file name: %s\n", name.c_str());
+            std::fprintf(stderr, "orv-emu-mkpkg: a shared object name is a plain file name: %s\n",
+                         name.c_str());
             return 2;
         }
     }
@@ -229,14 +233,17 @@ int main(int argc, char** argv) {
         versionInfo += "\n";
     }
     bool ok = WriteFile(device + "/version.info", versionInfo) &&
-              WriteFile(device + "/libaicpu_demo_kernels.so", "emulated kernel library\n" + RandomBytes(4096));
+              WriteFile(device + "/libaicpu_demo_kernels.so",
+                        "emulated kernel library\n" + RandomBytes(4096));
     for (const std::string& name : sandboxSo) {
-        ok = ok && WriteFile(device + "/" + name, "emulated sand-box library " + name + "\n" + RandomBytes(1024));
+        ok = ok && WriteFile(device + "/" + name,
+                             "emulated sand-box library " + name + "\n" + RandomBytes(1024));
     }
     if (padBytes > 0) {
         ok = ok && WriteFile(device + "/payload.bin", RandomBytes(padBytes));
     }
-    ok = ok && RunCapture("tar -C '" + root + "' -cf - aicpu_kernels_device | gzip -n -6", &archive);
+    ok =
+        ok && RunCapture("tar -C '" + root + "' -cf - aicpu_kernels_device | gzip -n -6", &archive);
     nftw(root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
     if (!ok) {
         std::fprintf(stderr, "orv-emu-mkpkg: cannot build the archive\n");

@@ -23,8 +23,8 @@ using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using ContextPtr = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
 
 KeyPtr ReadKey(const std::string& pem, bool isPrivate) {
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                  BIO_free);
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
     EVP_PKEY* key = nullptr;
     if (bio != nullptr) {
         key = isPrivate ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
@@ -76,7 +76,8 @@ size_t SkipString(const std::string& data, size_t pos) {
 
 }  // namespace
 
-bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* comment, size_t* commentOffset) {
+bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* comment,
+                     size_t* commentOffset) {
     if (data.size() < kFixedHeader || static_cast<unsigned char>(data[0]) != kGzipId1 ||
         static_cast<unsigned char>(data[1]) != kGzipId2) {
         return false;
@@ -88,7 +89,8 @@ bool ParseGzipHeader(const std::string& data, size_t* bodyOffset, std::string* c
         if (pos + 2 > data.size()) {
             return false;
         }
-        size_t length = static_cast<unsigned char>(data[pos]) | (static_cast<unsigned char>(data[pos + 1]) << 8);
+        size_t length = static_cast<unsigned char>(data[pos]) |
+                        (static_cast<unsigned char>(data[pos + 1]) << 8);
         pos += 2 + length;
     }
     if ((flags & kFlagName) && (pos = SkipString(data, pos)) == std::string::npos) {
@@ -140,8 +142,10 @@ std::string SignPackage(const std::string& gzip, const std::string& privateKeyPe
     }
     signature.resize(length);
     // The comment goes right before the compressed data, after any name.
-    std::string signedPackage = gzip.substr(0, body) + kSignaturePrefix + ToHex(signature) + '\0' + gzip.substr(body);
-    signedPackage[kFlagOffset] = static_cast<char>(static_cast<unsigned char>(gzip[kFlagOffset]) | kFlagComment);
+    std::string signedPackage =
+        gzip.substr(0, body) + kSignaturePrefix + ToHex(signature) + '\0' + gzip.substr(body);
+    signedPackage[kFlagOffset] =
+        static_cast<char>(static_cast<unsigned char>(gzip[kFlagOffset]) | kFlagComment);
     return signedPackage;
 }
 
@@ -150,7 +154,8 @@ bool VerifyPackage(const std::string& package, const std::string& publicKeyPem) 
     size_t commentStart = 0;
     std::string comment;
     const std::string prefix = kSignaturePrefix;
-    if (!ParseGzipHeader(package, &body, &comment, &commentStart) || comment.compare(0, prefix.size(), prefix) != 0) {
+    if (!ParseGzipHeader(package, &body, &comment, &commentStart) ||
+        comment.compare(0, prefix.size(), prefix) != 0) {
         return false;
     }
     std::vector<unsigned char> signature;
@@ -165,10 +170,12 @@ bool VerifyPackage(const std::string& package, const std::string& publicKeyPem) 
     }
     // The package as it was signed: without the comment field and its flag.
     std::string original = package.substr(0, commentStart);
-    original[kFlagOffset] = static_cast<char>(static_cast<unsigned char>(original[kFlagOffset]) & ~kFlagComment);
+    original[kFlagOffset] =
+        static_cast<char>(static_cast<unsigned char>(original[kFlagOffset]) & ~kFlagComment);
     original.append(package, body, std::string::npos);
     const auto* data = reinterpret_cast<const unsigned char*>(original.data());
-    return EVP_DigestVerify(context.get(), signature.data(), signature.size(), data, original.size()) == 1;
+    return EVP_DigestVerify(context.get(), signature.data(), signature.size(), data,
+                            original.size()) == 1;
 }
 
 }  // namespace orv::emu

@@ -41,7 +41,8 @@ std::string SearchPath(const std::string& name, const std::vector<std::string>& 
     size_t start = 0;
     while (start <= path.size()) {
         size_t end = path.find(':', start);
-        std::string dir = path.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        std::string dir =
+            path.substr(start, end == std::string::npos ? std::string::npos : end - start);
         std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
         if (::access(candidate.c_str(), X_OK) == 0) {
             return candidate;
@@ -186,7 +187,8 @@ bool SendNotice(const std::string& socketPath, const std::string& message) {
         return false;
     }
     std::memcpy(addr.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    ssize_t n = ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    ssize_t n = ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr),
+                         sizeof(addr));
     ::close(fd);
     return n == static_cast<ssize_t>(message.size());
 }

@@ -13,7 +13,7 @@ namespace orv::emu {
 struct SpawnSpec {
     std::vector<std::string> argv;
     std::vector<std::string> env;
-    int stdinFd = -1;   // -1: inherit
+    int stdinFd = -1;  // -1: inherit
     int stdoutFd = -1;
     int stderrFd = -1;
     std::vector<int> keepFds;  // descriptors the child keeps (close-on-exec cleared)

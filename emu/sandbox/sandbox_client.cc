@@ -217,7 +217,8 @@ int SandboxClient::WaitExit(std::chrono::milliseconds timeout) {
     return status;
 }
 
-int SandboxClient::Enter(const std::vector<std::string>& command, std::string* output, bool detach) const {
+int SandboxClient::Enter(const std::vector<std::string>& command, std::string* output,
+                         bool detach) const {
     std::vector<std::string> argv = {binDir_ + "/orv-sandbox", "--state", state_, "--enter"};
     if (detach) {
         argv.push_back("--detach");
@@ -257,7 +258,8 @@ std::string SandboxClient::SanitizerReport() const {
 
 pid_t SandboxClient::DaemonPid() const {
     std::map<std::string, std::string> env = Env();
-    return env.count("ORV_DAEMON_PID") != 0 ? static_cast<pid_t>(std::stol(env["ORV_DAEMON_PID"])) : -1;
+    return env.count("ORV_DAEMON_PID") != 0 ? static_cast<pid_t>(std::stol(env["ORV_DAEMON_PID"]))
+                                            : -1;
 }
 
 bool StandinRecord::Has(const std::string& prefix) const {
@@ -265,9 +267,9 @@ bool StandinRecord::Has(const std::string& prefix) const {
 }
 
 size_t StandinRecord::Count(const std::string& prefix) const {
-    return static_cast<size_t>(std::count_if(notes.begin(), notes.end(), [&](const std::string& note) {
-        return note.compare(0, prefix.size(), prefix) == 0;
-    }));
+    return static_cast<size_t>(std::count_if(
+        notes.begin(), notes.end(),
+        [&](const std::string& note) { return note.compare(0, prefix.size(), prefix) == 0; }));
 }
 
 std::vector<StandinRecord> ReadStandinRecords(const std::string& stateDir) {
@@ -283,7 +285,8 @@ std::vector<StandinRecord> ReadStandinRecords(const std::string& stateDir) {
         std::istringstream lines(ReadWholeFile(dir + "/" + name));
         for (std::string line; std::getline(lines, line);) {
             std::string key = line.substr(0, line.find(' '));
-            std::string value = line.size() > key.size() ? line.substr(key.size() + 1) : std::string();
+            std::string value =
+                line.size() > key.size() ? line.substr(key.size() + 1) : std::string();
             if (key == "pid") {
                 record.pid = static_cast<pid_t>(std::stol(value));
             } else if (key == "kind") {

@@ -16,7 +16,8 @@ namespace orv::emu {
 
 // Runs a program to its end; its exit status (128 + signal when killed, -1 on
 // time-out), and its standard output and error, merged, when asked.
-int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr, const std::string& input = "",
+int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr,
+               const std::string& input = "",
                std::chrono::milliseconds timeout = std::chrono::minutes(2));
 
 // The directory of the running program: for the project's programs, build/bin,
@@ -28,7 +29,7 @@ std::string ProgramDir();
 pid_t SpawnDetached(const std::vector<std::string>& argv);
 
 class SandboxClient {
-public:
+  public:
     // `binDir` holds orv-sandbox; `stateDir` must be empty or a sandbox's.
     SandboxClient(std::string binDir, std::string stateDir);
     // Stops the sandbox if it still runs.
@@ -48,7 +49,8 @@ public:
     bool Running() const { return pid_ > 0; }
 
     // Runs a command inside (--enter): its exit status and standard output.
-    int Enter(const std::vector<std::string>& command, std::string* output = nullptr, bool detach = false) const;
+    int Enter(const std::vector<std::string>& command, std::string* output = nullptr,
+              bool detach = false) const;
 
     std::map<std::string, std::string> Env() const;
     const std::string& StateDir() const { return state_; }
@@ -64,7 +66,7 @@ public:
     // The PID namespace's identity (readlink of ns/pid), while it runs.
     const std::string& PidNamespace() const { return pidNamespace_; }
 
-private:
+  private:
     const std::string binDir_;
     const std::string state_;
     pid_t pid_ = -1;
@@ -79,9 +81,9 @@ struct StandinRecord {
     std::vector<std::string> argv;
     std::vector<std::string> env;
     std::vector<int> affinity;
-    std::vector<std::string> groups;  // "NAME PERMISSIONS"
+    std::vector<std::string> groups;     // "NAME PERMISSIONS"
     std::vector<std::string> inherited;  // descriptors beyond 0-2 it started with: "N -> what"
-    std::vector<std::string> notes;   // everything it noted afterwards, in order
+    std::vector<std::string> notes;      // everything it noted afterwards, in order
     bool Has(const std::string& prefix) const;
     size_t Count(const std::string& prefix) const;
 };

@@ -81,7 +81,8 @@ bool UnderHiddenRoot(const std::string& path) {
 bool SetUpMounts(const SandboxPlan& plan, std::string* error) {
     // Descriptors used as mount sources must refer to this namespace's mounts,
     // so the namespace comes first.
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         *error = std::string("cannot make a private mount namespace: ") + std::strerror(errno);
         return false;
     }
@@ -108,12 +109,15 @@ bool SetUpMounts(const SandboxPlan& plan, std::string* error) {
     }
 
     if (!Bind(FdPath(var.Get()), "/var", error) || !Bind(FdPath(home.Get()), "/home", error) ||
-        !Bind(FdPath(run.Get()), "/run", error) || !Bind(FdPath(cgroup.Get()), "/sys/fs/cgroup", error)) {
+        !Bind(FdPath(run.Get()), "/run", error) ||
+        !Bind(FdPath(cgroup.Get()), "/sys/fs/cgroup", error)) {
         return false;
     }
-    std::string overlay = "lowerdir=/usr/lib64,upperdir=" + FdPath(upper.Get()) + ",workdir=" + FdPath(work.Get());
+    std::string overlay =
+        "lowerdir=/usr/lib64,upperdir=" + FdPath(upper.Get()) + ",workdir=" + FdPath(work.Get());
     if (::mount("overlay", "/usr/lib64", "overlay", 0, overlay.c_str()) != 0) {
-        Say("no overlay on /usr/lib64 (%s); the host's files there are hidden", std::strerror(errno));
+        Say("no overlay on /usr/lib64 (%s); the host's files there are hidden",
+            std::strerror(errno));
         if (!Bind(FdPath(upper.Get()), "/usr/lib64", error)) {
             return false;
         }
@@ -147,15 +151,16 @@ bool RunLayout(const SandboxPlan& plan, std::string* error) {
                 "ORV_LAYOUT_VFS=" + JoinVfs(o.vfs),
                 "ORV_LAYOUT_SHARE=" + plan.shareDir,
                 "ORV_LAYOUT_STANDIN=" + plan.standIn,
-                "ORV_LAYOUT_PROGRAMS=" + plan.daemon + " " + plan.cardEmu + " " + plan.emuCtl + " " + plan.host + " " +
-                    plan.submit,
+                "ORV_LAYOUT_PROGRAMS=" + plan.daemon + " " + plan.cardEmu + " " + plan.emuCtl +
+                    " " + plan.host + " " + plan.submit,
                 "ORV_LAYOUT_IMGVERIFY=" + plan.imgVerify,
                 "ORV_LAYOUT_ENV_SCRIPT=" + o.envScript,
                 "ORV_LAYOUT_VF_LIMIT=" + std::to_string(o.vfMemoryLimit),
                 "ORV_LAYOUT_VF_USAGE=" + std::to_string(o.vfMemoryUsage)};
     pid_t pid = Spawn(spec);
     int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
+        WEXITSTATUS(status) != 0) {
         *error = "laying out the platform files failed";
         return false;
     }
@@ -174,7 +179,8 @@ pid_t StartCard(const SandboxPlan& plan, std::string* error) {
     UniqueFd log(::open(kCardLog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     const SandboxOptions& o = plan.options;
     SpawnSpec spec;
-    spec.argv = {plan.cardEmu, "--devices", std::to_string(o.devices), "--ready-fd", std::to_string(writeEnd.Get())};
+    spec.argv = {plan.cardEmu, "--devices", std::to_string(o.devices), "--ready-fd",
+                 std::to_string(writeEnd.Get())};
     for (const std::string& cpus : o.deviceCpus) {
         spec.argv.insert(spec.argv.end(), {"--device-cpus", cpus});
     }
@@ -184,7 +190,8 @@ pid_t StartCard(const SandboxPlan& plan, std::string* error) {
     if (o.zeb) {
         spec.argv.push_back("--zeb");
     }
-    spec.env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", std::string(kLogFileEnv) + "=" + kSandboxLogFile};
+    spec.env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+                std::string(kLogFileEnv) + "=" + kSandboxLogFile};
     spec.stderrFd = log.Get();
     spec.stdoutFd = log.Get();
     spec.keepFds = {writeEnd.Get()};
@@ -312,7 +319,8 @@ int RunSandboxInit(const SandboxPlan& plan) {
         }
         ReapChildren([&](pid_t pid, int status) {
             if (pid == primary && boot) {
-                SendNotice(kNotifySocket, std::string(kNoticeDaemonExited) + "=" + std::to_string(ExitStatusOf(status)));
+                SendNotice(kNotifySocket, std::string(kNoticeDaemonExited) + "=" +
+                                              std::to_string(ExitStatusOf(status)));
             } else if (pid == primary) {
                 exitStatus = ExitStatusOf(status);
                 stopping = true;

@@ -19,24 +19,32 @@ bool ParseUnsigned(const std::string& text, uint64_t* value) {
 
 const char* SandboxUsage() {
     return "Usage:\n"
-           "  orv-sandbox (--state DIR | --state-tmp) [options] -- COMMAND...   run COMMAND in a fresh sandbox\n"
-           "  orv-sandbox --state DIR --boot [options]                        card emulator and daemon\n"
+           "  orv-sandbox (--state DIR | --state-tmp) [options] -- COMMAND...   run COMMAND in a "
+           "fresh sandbox\n"
+           "  orv-sandbox --state DIR --boot [options]                        card emulator and "
+           "daemon\n"
            "  orv-sandbox --state DIR --enter [--detach] [--env N=V] -- COMMAND...\n"
-           "                                                    run COMMAND in the sandbox booted on DIR\n"
+           "                                                    run COMMAND in the sandbox booted "
+           "on DIR\n"
            "Options:\n"
            "  --devices N              devices of the card (default 1)\n"
            "  --device-cpus D=ai:N:F,ctrl:N:F,data:N:F\n"
-           "                           CPU counts and OS-scheduling flags of device D (repeatable);\n"
+           "                           CPU counts and OS-scheduling flags of device D "
+           "(repeatable);\n"
            "                           by default device D's one control CPU is CPU D\n"
            "  --chip-id D=ID           chip id of device D (default D)\n"
            "  --zeb                    the emulated hardware reports the ZEB chip type\n"
            "  --vfs 1,3                VFs present at boot\n"
            "  --env NAME=VALUE         daemon environment (repeatable)\n"
            "  --env-script FILE        installed as /var/orvdaemon_add_env_variable.sh\n"
-           "  --vf-memory-limit BYTES  initial memory.limit_in_bytes of each VF (default 4294967296)\n"
-           "  --vf-memory-usage BYTES  initial memory.usage_in_bytes of each VF (default 1073741824)\n"
-           "  --log-level LEVEL        system log threshold: debug, info, warning, error (default info)\n"
-           "  --log-stderr             also copy the system log and daemon output to standard error\n"
+           "  --vf-memory-limit BYTES  initial memory.limit_in_bytes of each VF (default "
+           "4294967296)\n"
+           "  --vf-memory-usage BYTES  initial memory.usage_in_bytes of each VF (default "
+           "1073741824)\n"
+           "  --log-level LEVEL        system log threshold: debug, info, warning, error (default "
+           "info)\n"
+           "  --log-stderr             also copy the system log and daemon output to standard "
+           "error\n"
            "  --daemon PATH            daemon executable (default: orvdaemon beside orv-sandbox)\n";
 }
 
@@ -125,8 +133,8 @@ bool ParseSandboxOptions(int argc, char** argv, SandboxOptions* options, std::st
             if (!value(&options->logLevel)) {
                 return false;
             }
-            if (options->logLevel != "debug" && options->logLevel != "info" && options->logLevel != "warning" &&
-                options->logLevel != "error") {
+            if (options->logLevel != "debug" && options->logLevel != "info" &&
+                options->logLevel != "warning" && options->logLevel != "error") {
                 *error = "--log-level takes debug, info, warning or error";
                 return false;
             }

@@ -12,7 +12,8 @@ namespace orv::emu {
 
 namespace {
 
-constexpr char kInsidePath[] = "/run/orv-sandbox/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr char kInsidePath[] =
+    "/run/orv-sandbox/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
 std::string DirName(const std::string& path) {
     size_t slash = path.find_last_of('/');
@@ -41,7 +42,8 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
     plan->emuCtl = layout.bin + "/orv-emu-ctl";
     plan->host = layout.bin + "/orv-host";
     plan->submit = layout.bin + "/orv-emu-submit";
-    plan->daemon = plan->options.daemonPath.empty() ? layout.libexec + "/orvdaemon" : RealPath(plan->options.daemonPath);
+    plan->daemon = plan->options.daemonPath.empty() ? layout.libexec + "/orvdaemon"
+                                                    : RealPath(plan->options.daemonPath);
     plan->standIn = layout.libexec + "/orv-subproc-stub";
     plan->imgVerify = layout.lib + "/liborv_emu_imgverify.so";
     plan->shareDir = layout.share;
@@ -49,8 +51,10 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
         *error = "missing " + plan->cardEmu;
         return false;
     }
-    if (plan->options.mode == SandboxMode::kBoot && (plan->daemon.empty() || ::access(plan->daemon.c_str(), X_OK) != 0)) {
-        *error = "missing daemon executable " + (plan->daemon.empty() ? plan->options.daemonPath : plan->daemon);
+    if (plan->options.mode == SandboxMode::kBoot &&
+        (plan->daemon.empty() || ::access(plan->daemon.c_str(), X_OK) != 0)) {
+        *error = "missing daemon executable " +
+                 (plan->daemon.empty() ? plan->options.daemonPath : plan->daemon);
         return false;
     }
     if (::access((plan->shareDir + "/sandbox_layout.sh").c_str(), R_OK) != 0) {
@@ -79,7 +83,8 @@ bool ResolvePrograms(SandboxPlan* plan, std::string* error) {
     return true;
 }
 
-std::vector<std::string> InsideEnvironment(std::vector<std::string> base, const SandboxOptions& options,
+std::vector<std::string> InsideEnvironment(std::vector<std::string> base,
+                                           const SandboxOptions& options,
                                            const std::vector<std::string>& extra) {
     RemoveEnvPrefix(&base, "ORV_EMU_");
     RemoveEnvPrefix(&base, "ORV_NOTIFY_SOCKET=");

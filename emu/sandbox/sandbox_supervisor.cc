@@ -92,9 +92,9 @@ bool PrepareState(StatePaths* state, std::string* error) {
             return false;
         }
     }
-    for (const std::string& dir : {state->Var(), state->Home(), state->Run(), state->Run() + "/orv-sandbox",
-                                   state->Cgroup(), state->root + "/lib64", state->Lib64Upper(),
-                                   state->Lib64Work()}) {
+    for (const std::string& dir :
+         {state->Var(), state->Home(), state->Run(), state->Run() + "/orv-sandbox", state->Cgroup(),
+          state->root + "/lib64", state->Lib64Upper(), state->Lib64Work()}) {
         if (::mkdir(dir.c_str(), 0755) != 0) {
             *error = "cannot create " + dir + ": " + std::strerror(errno);
             return false;
@@ -139,7 +139,8 @@ bool EnterUserNamespaceIfNeeded(std::string* error) {
         *error = std::string("cannot create a user namespace: ") + std::strerror(errno);
         return false;
     }
-    if (!WriteFile("/proc/self/setgroups", "deny") || !WriteFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+    if (!WriteFile("/proc/self/setgroups", "deny") ||
+        !WriteFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
         !WriteFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
         *error = "cannot map the user into its namespace";
         return false;
@@ -154,8 +155,10 @@ std::string EnvFileText(const SandboxPlan& plan, pid_t sandboxPid, pid_t daemonP
     out << "ORV_SANDBOX_PID=" << sandboxPid << "\n";
     out << "ORV_DEVICES=" << plan.options.devices << "\n";
     for (uint32_t d = 0; d < plan.options.devices; ++d) {
-        out << "ORV_HDC_SOCKET_" << d << "=" << s.Outside("/run/orv-hdc/dev" + std::to_string(d) + ".sock") << "\n";
-        out << "ORV_TRUSTED_DIR_" << d << "=" << s.Outside("/home/hdc-trusted/dev" + std::to_string(d)) << "\n";
+        out << "ORV_HDC_SOCKET_" << d << "="
+            << s.Outside("/run/orv-hdc/dev" + std::to_string(d) + ".sock") << "\n";
+        out << "ORV_TRUSTED_DIR_" << d << "="
+            << s.Outside("/home/hdc-trusted/dev" + std::to_string(d)) << "\n";
     }
     out << "ORV_LOG_FILE=" << s.Outside("/var/log/orv/system.log") << "\n";
     out << "ORV_EMU_CONTROL=" << s.Outside("/run/orv-card/control.sock") << "\n";
@@ -249,7 +252,8 @@ int RunSandbox(SandboxPlan plan) {
     // children (a leak checker's tracer, say) are made in its own again.
     UniqueFd ownPidNamespace(::open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC));
     if (::unshare(CLONE_NEWPID) != 0) {
-        std::fprintf(stderr, "orv-sandbox: cannot create a PID namespace: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "orv-sandbox: cannot create a PID namespace: %s\n",
+                     std::strerror(errno));
         return 1;
     }
     pid_t init = ::fork();
@@ -288,13 +292,15 @@ int RunSandbox(SandboxPlan plan) {
                     std::fprintf(stderr, "orv-sandbox: daemon ready (pid %d); %s\n", notice.sender,
                                  plan.state.EnvFile().c_str());
                 } else if (notice.name == kNoticeStartFailed) {
-                    std::fprintf(stderr, "orv-sandbox: daemon start failed (code %s)\n", notice.value.c_str());
+                    std::fprintf(stderr, "orv-sandbox: daemon start failed (code %s)\n",
+                                 notice.value.c_str());
                     if (!everReady) {
                         startFailed = true;
                         ::kill(init, SIGTERM);
                     }
                 } else if (notice.name == kNoticeDaemonExited) {
-                    std::fprintf(stderr, "orv-sandbox: daemon exited (status %s)\n", notice.value.c_str());
+                    std::fprintf(stderr, "orv-sandbox: daemon exited (status %s)\n",
+                                 notice.value.c_str());
                     if (everReady) {
                         // Left up, so that a daemon can be started again with --enter.
                         PublishEnv(plan, init, 0);
@@ -346,13 +352,14 @@ int EnterSandbox(const SandboxPlan& plan) {
     std::string ns = "/proc/" + std::to_string(init) + "/ns/";
     struct stat mine {};
     struct stat theirs {};
-    bool joinUser = ::stat("/proc/self/ns/user", &mine) == 0 && ::stat((ns + "user").c_str(), &theirs) == 0 &&
-                    mine.st_ino != theirs.st_ino;
+    bool joinUser = ::stat("/proc/self/ns/user", &mine) == 0 &&
+                    ::stat((ns + "user").c_str(), &theirs) == 0 && mine.st_ino != theirs.st_ino;
     UniqueFd user(joinUser ? ::open((ns + "user").c_str(), O_RDONLY | O_CLOEXEC) : -1);
     UniqueFd mnt(::open((ns + "mnt").c_str(), O_RDONLY | O_CLOEXEC));
     UniqueFd pid(::open((ns + "pid").c_str(), O_RDONLY | O_CLOEXEC));
     if ((joinUser && !user.Valid()) || !mnt.Valid() || !pid.Valid()) {
-        std::fprintf(stderr, "orv-sandbox: cannot open the sandbox's namespaces: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "orv-sandbox: cannot open the sandbox's namespaces: %s\n",
+                     std::strerror(errno));
         return 1;
     }
 
@@ -385,9 +392,10 @@ int EnterSandbox(const SandboxPlan& plan) {
         return 1;
     }
     if (child == 0) {
-        if ((joinUser && ::setns(user.Get(), CLONE_NEWUSER) != 0) || ::setns(mnt.Get(), CLONE_NEWNS) != 0 ||
-            ::setns(pid.Get(), CLONE_NEWPID) != 0) {
-            std::fprintf(stderr, "orv-sandbox: cannot join the sandbox's namespaces: %s\n", std::strerror(errno));
+        if ((joinUser && ::setns(user.Get(), CLONE_NEWUSER) != 0) ||
+            ::setns(mnt.Get(), CLONE_NEWNS) != 0 || ::setns(pid.Get(), CLONE_NEWPID) != 0) {
+            std::fprintf(stderr, "orv-sandbox: cannot join the sandbox's namespaces: %s\n",
+                         std::strerror(errno));
             ::_exit(1);
         }
         UniqueFd devNull(::open("/dev/null", O_RDWR | O_CLOEXEC));

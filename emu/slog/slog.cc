@@ -20,8 +20,8 @@
 #include <string>
 
 #include "emu/common/emu_paths.h"
-#include "emu/slog/slog_emu.h"
 #include "emu/common/socket_io.h"
+#include "emu/slog/slog_emu.h"
 
 namespace {
 
@@ -60,7 +60,8 @@ std::string ReadProcessName() {
 
 void LoadConfig(SlogConfig* c) {
     std::string file = orv::emu::EnvOr(orv::emu::kLogFileEnv, "");
-    int fd = file.empty() ? -1 : ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd =
+        file.empty() ? -1 : ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     int old = c->fileFd.exchange(fd);
     if (old >= 0) {
         ::close(old);
@@ -148,12 +149,12 @@ int CheckLogLevel(int /*moduleId*/, int level) {
     return level >= Config().threshold ? 1 : 0;
 }
 
-#define ORV_SLOG_ENTRY(name, level)                     \
-    void name(int moduleId, const char* fmt, ...) {     \
-        va_list args;                                   \
-        va_start(args, fmt);                            \
-        WriteLine(moduleId, level, fmt, args);          \
-        va_end(args);                                   \
+#define ORV_SLOG_ENTRY(name, level)                 \
+    void name(int moduleId, const char* fmt, ...) { \
+        va_list args;                               \
+        va_start(args, fmt);                        \
+        WriteLine(moduleId, level, fmt, args);      \
+        va_end(args);                               \
     }
 
 ORV_SLOG_ENTRY(DlogDebugInner, DLOG_DEBUG)

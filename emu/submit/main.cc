@@ -26,20 +26,21 @@
 namespace {
 
 void Usage(FILE* out = stderr) {
-    std::fprintf(out,
-                 "Usage: orv-emu-submit SUBEVENT [OPTIONS]\n"
-                 "Submits a record of event 19 with sub-event SUBEVENT to a process, as this process,\n"
-                 "through the emulated driver; run it inside a sandbox (orv-sandbox --enter).\n"
-                 "Options:\n"
-                 "  --to PID          the receiver (default: the process named orvdaemon)\n"
-                 "  --group G         the receiver's group (default 0)\n"
-                 "  --length N        bytes of the record (default 128)\n"
-                 "  --count N         submit it N times (default 1)\n"
-                 "  --device D --host-pid P --vf V --proc-type T --event-type E\n"
-                 "                    the record's words as a sub-process fills them (E defaults to\n"
-                 "                    SUBEVENT, T to 1)\n"
-                 "  --claim-pid S     the sender the record names (default: this process)\n"
-                 "  --word4 W         the second word, where a VF notice carries its VF id\n");
+    std::fprintf(
+        out,
+        "Usage: orv-emu-submit SUBEVENT [OPTIONS]\n"
+        "Submits a record of event 19 with sub-event SUBEVENT to a process, as this process,\n"
+        "through the emulated driver; run it inside a sandbox (orv-sandbox --enter).\n"
+        "Options:\n"
+        "  --to PID          the receiver (default: the process named orvdaemon)\n"
+        "  --group G         the receiver's group (default 0)\n"
+        "  --length N        bytes of the record (default 128)\n"
+        "  --count N         submit it N times (default 1)\n"
+        "  --device D --host-pid P --vf V --proc-type T --event-type E\n"
+        "                    the record's words as a sub-process fills them (E defaults to\n"
+        "                    SUBEVENT, T to 1)\n"
+        "  --claim-pid S     the sender the record names (default: this process)\n"
+        "  --word4 W         the second word, where a VF notice carries its VF id\n");
 }
 
 bool ParseNumber(const char* text, long* value) {
@@ -74,7 +75,8 @@ pid_t FindProcess(const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0)) {
+    if (argc == 2 &&
+        (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0)) {
         if (std::strcmp(argv[1], "--help") == 0) {
             Usage(stdout);
         } else {
@@ -87,10 +89,17 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
     }
-    std::map<std::string, long> values = {
-        {"--to", 0},       {"--group", 0}, {"--length", 128},       {"--count", 1},
-        {"--device", 0},   {"--host-pid", 0}, {"--vf", 0},          {"--proc-type", 1},
-        {"--event-type", subevent}, {"--claim-pid", getpid()}, {"--word4", 0}};
+    std::map<std::string, long> values = {{"--to", 0},
+                                          {"--group", 0},
+                                          {"--length", 128},
+                                          {"--count", 1},
+                                          {"--device", 0},
+                                          {"--host-pid", 0},
+                                          {"--vf", 0},
+                                          {"--proc-type", 1},
+                                          {"--event-type", subevent},
+                                          {"--claim-pid", getpid()},
+                                          {"--word4", 0}};
     for (int i = 2; i < argc; i += 2) {
         long value = 0;
         if (values.count(argv[i]) == 0 || i + 1 >= argc || !ParseNumber(argv[i + 1], &value)) {
@@ -116,8 +125,10 @@ int main(int argc, char** argv) {
     if (values["--word4"] != 0) {
         words[1] = static_cast<uint32_t>(values["--word4"]);
     }
-    std::string record(static_cast<size_t>(std::clamp(values["--length"], 0L, long{EVENT_MAX_MSG_LEN})), '\0');
-    std::memcpy(record.data(), words.data(), std::min(record.size(), words.size() * sizeof(uint32_t)));
+    std::string record(
+        static_cast<size_t>(std::clamp(values["--length"], 0L, long{EVENT_MAX_MSG_LEN})), '\0');
+    std::memcpy(record.data(), words.data(),
+                std::min(record.size(), words.size() * sizeof(uint32_t)));
     event_summary summary{};
     summary.dst_pid = to;
     summary.grp_id = static_cast<uint32_t>(values["--group"]);

@@ -20,9 +20,9 @@ typedef int errno_t;
 
 #define EOK 0
 // Results of the memory functions besides EOK (values as <errno.h> numbers them).
-#define BOUNDS_EINVAL 22   // null destination or source, or destMax out of range
-#define BOUNDS_ERANGE 34   // count larger than destMax; the destination was zero-filled
-#define BOUNDS_EOVERLAP 54 // source and destination overlap; the destination was zero-filled
+#define BOUNDS_EINVAL 22    // null destination or source, or destMax out of range
+#define BOUNDS_ERANGE 34    // count larger than destMax; the destination was zero-filled
+#define BOUNDS_EOVERLAP 54  // source and destination overlap; the destination was zero-filled
 
 // Largest destMax any function accepts (a larger one is taken as a bad argument).
 #define BOUNDS_MAX_LEN (0x7fffffffUL)

@@ -15,19 +15,19 @@ extern "C" {
 typedef int32_t drvError_t;
 
 #define DRV_ERROR_NONE 0
-#define DRV_ERROR_INVALID_VALUE 1      // an argument is out of range or malformed
-#define DRV_ERROR_INVALID_DEVICE 2     // no such device
-#define DRV_ERROR_NOT_EXIST 3          // the named object (group, VF, ...) does not exist
-#define DRV_ERROR_IOCRL_FAIL 5         // the driver could not be reached
-#define DRV_ERROR_NO_PERMISSION 6      // the caller may not do this
-#define DRV_ERROR_UNINIT 7             // the caller has not attached / created what it uses
-#define DRV_ERROR_PROCESS_EXIT 8       // the waiting process is being torn down
-#define DRV_ERROR_REPEATED_INIT 10     // already done (group membership granted again, ...)
+#define DRV_ERROR_INVALID_VALUE 1   // an argument is out of range or malformed
+#define DRV_ERROR_INVALID_DEVICE 2  // no such device
+#define DRV_ERROR_NOT_EXIST 3       // the named object (group, VF, ...) does not exist
+#define DRV_ERROR_IOCRL_FAIL 5      // the driver could not be reached
+#define DRV_ERROR_NO_PERMISSION 6   // the caller may not do this
+#define DRV_ERROR_UNINIT 7          // the caller has not attached / created what it uses
+#define DRV_ERROR_PROCESS_EXIT 8    // the waiting process is being torn down
+#define DRV_ERROR_REPEATED_INIT 10  // already done (group membership granted again, ...)
 #define DRV_ERROR_OUT_OF_MEMORY 12
-#define DRV_ERROR_WAIT_TIMEOUT 16      // a wait ended without an event
+#define DRV_ERROR_WAIT_TIMEOUT 16  // a wait ended without an event
 #define DRV_ERROR_BUSY 17
-#define DRV_ERROR_NO_SUBSCRIBE 42      // the scheduler dropped the caller's subscription
-#define DRV_ERROR_NOT_SUPPORT 65534    // this driver does not offer the call
+#define DRV_ERROR_NO_SUBSCRIBE 42    // the scheduler dropped the caller's subscription
+#define DRV_ERROR_NOT_SUPPORT 65534  // this driver does not offer the call
 
 // ---- Device information -------------------------------------------------
 
@@ -40,9 +40,9 @@ typedef int32_t drvError_t;
 #define MODULE_TYPE_DCPU 3
 
 // Info types of halGetDeviceInfo.
-#define INFO_TYPE_VERSION 1       // with MODULE_TYPE_SYSTEM: hardware version; chip type in bits 8..15
-#define INFO_TYPE_CORE_NUM 3      // with a CPU module: number of cores
-#define INFO_TYPE_OS_SCHED 5      // with a CPU module: 1 when the OS schedules those cores
+#define INFO_TYPE_VERSION 1   // with MODULE_TYPE_SYSTEM: hardware version; chip type in bits 8..15
+#define INFO_TYPE_CORE_NUM 3  // with a CPU module: number of cores
+#define INFO_TYPE_OS_SCHED 5  // with a CPU module: 1 when the OS schedules those cores
 
 // Number of devices this operating system manages.
 drvError_t drvGetDevNum(uint32_t* num);
@@ -59,8 +59,8 @@ drvError_t halGetChipFromDevice(int32_t devId, int32_t* chipId);
 
 // The driver's identity of the calling process.
 struct process_sign {
-    int32_t tgid;                     // the process's pid
-    char sign[PROCESS_SIGN_LENGTH];   // NUL-terminated signature text
+    int32_t tgid;                    // the process's pid
+    char sign[PROCESS_SIGN_LENGTH];  // NUL-terminated signature text
     char reserved[3];
 };
 
@@ -68,9 +68,9 @@ struct process_sign {
 struct drvBindHostpidInfo {
     int32_t host_pid;
     uint32_t vfid;
-    uint32_t mode;                    // binding mode chosen by the caller
-    uint32_t cp_type;                 // kind of device process being bound
-    uint32_t len;                     // bytes of `sign` in use
+    uint32_t mode;     // binding mode chosen by the caller
+    uint32_t cp_type;  // kind of device process being bound
+    uint32_t len;      // bytes of `sign` in use
     char sign[PROCESS_SIGN_LENGTH];
     char reserved[3];
 };
@@ -85,7 +85,8 @@ drvError_t drvBindHostPid(struct drvBindHostpidInfo info);
 
 // Fills `basePath` (NUL-terminated, at most `pathLen` bytes) with the trusted
 // directory into which hosts drop files for device `devId`.
-drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* basePath, uint32_t pathLen);
+drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* basePath,
+                                    uint32_t pathLen);
 
 // ---- Buffer groups ----------------------------------------------------------
 
@@ -98,12 +99,12 @@ drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* bas
 #define GRP_PERM_ALLOC 0x8u
 
 // Query kinds of halGrpQuery.
-#define GRP_QUERY_GROUPS_OF_PROCESS 1   // input: int32 pid; output: GroupQueryEntry[]
+#define GRP_QUERY_GROUPS_OF_PROCESS 1  // input: int32 pid; output: GroupQueryEntry[]
 
 // One entry of a GRP_QUERY_GROUPS_OF_PROCESS answer (36 bytes).
 struct GroupQueryEntry {
-    char name[BUFF_GRP_NAME_LEN];     // NUL-terminated group name
-    uint32_t permissions;             // GRP_PERM_* bits of the queried process
+    char name[BUFF_GRP_NAME_LEN];  // NUL-terminated group name
+    uint32_t permissions;          // GRP_PERM_* bits of the queried process
 };
 
 // Creates a group of `memSize` bytes owned by the caller.
@@ -124,8 +125,8 @@ drvError_t halBuffRecycleByPid(int32_t pid);
 
 // ---- Event scheduler ----------------------------------------------------------
 
-#define EVENT_CPU_TASK_MSG 4      // tasks for a compute process (profiling, shared-object loads)
-#define EVENT_CCPU_CTRL_MSG 19    // control messages between control-CPU processes
+#define EVENT_CPU_TASK_MSG 4    // tasks for a compute process (profiling, shared-object loads)
+#define EVENT_CCPU_CTRL_MSG 19  // control messages between control-CPU processes
 #define EVENT_MAX_NUM 64
 
 // Largest message an event carries.
@@ -141,21 +142,21 @@ drvError_t halBuffRecycleByPid(int32_t pid);
 
 // An event to submit.
 struct event_summary {
-    int32_t dst_pid;          // process that receives it
-    uint32_t grp_id;          // the receiver's group
+    int32_t dst_pid;  // process that receives it
+    uint32_t grp_id;  // the receiver's group
     uint32_t event_id;
     uint32_t subevent_id;
     uint32_t msg_len;
-    const char* msg;          // msg_len bytes
-    uint32_t dst_engine;      // EVENT_DST_ENGINE_*
-    uint32_t policy;          // scheduling hints; 0 for none
+    const char* msg;      // msg_len bytes
+    uint32_t dst_engine;  // EVENT_DST_ENGINE_*
+    uint32_t policy;      // scheduling hints; 0 for none
 };
 
 // A received event.
 struct event_info {
     uint32_t event_id;
     uint32_t subevent_id;
-    int32_t src_pid;          // the submitting process
+    int32_t src_pid;  // the submitting process
     uint32_t grp_id;
     uint32_t msg_len;
     char msg[EVENT_MAX_MSG_LEN];
@@ -169,7 +170,8 @@ drvError_t halEschedCreateGrp(uint32_t devId, uint32_t grpId, uint32_t type);
 
 // Subscribes thread `threadId` of group `grpId` to the events of `eventBitmap`
 // (bit n: event id n).
-drvError_t halEschedSubscribeEvent(uint32_t devId, uint32_t grpId, uint32_t threadId, uint64_t eventBitmap);
+drvError_t halEschedSubscribeEvent(uint32_t devId, uint32_t grpId, uint32_t threadId,
+                                   uint64_t eventBitmap);
 
 // Waits up to `timeout` ms (-1: forever) for an event on the thread's
 // subscription. DRV_ERROR_WAIT_TIMEOUT when none came.
@@ -182,7 +184,8 @@ drvError_t halEschedWaitEvent(uint32_t devId, uint32_t grpId, uint32_t threadId,
 drvError_t halEschedSubmitEvent(uint32_t devId, struct event_summary* event);
 
 // Answers an event that asks for an acknowledgement (the driver's VF notices).
-drvError_t halEschedAckEvent(uint32_t devId, uint32_t eventId, uint32_t subeventId, char* msg, uint32_t msgLen);
+drvError_t halEschedAckEvent(uint32_t devId, uint32_t eventId, uint32_t subeventId, char* msg,
+                             uint32_t msgLen);
 
 // Registers the caller as the VF management client of the driver.
 drvError_t halRegisterVmngClient(void);

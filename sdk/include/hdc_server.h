@@ -29,7 +29,7 @@ enum HDCServiceType : uint32_t {
 // Version handshake state of one session: what the peer announced, and what
 // this side announces.
 class VersionVerify {
-public:
+  public:
     VersionVerify();
     ~VersionVerify();
     VersionVerify(const VersionVerify&) = delete;
@@ -45,13 +45,13 @@ public:
     uint32_t GetPeerVersion() const;
     std::vector<std::string> GetPeerFeatures() const;
 
-private:
+  private:
     struct State;
     std::unique_ptr<State> state_;
 };
 
 class HdcServer {
-public:
+  public:
     // The server of one device and service type, created on first request;
     // null for a device the card does not have.
     static std::shared_ptr<HdcServer> GetInstance(uint32_t deviceId, HDCServiceType type);
@@ -78,13 +78,13 @@ public:
 
     class Impl;
 
-private:
+  private:
     explicit HdcServer(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };
 
 class HdcCommon {
-public:
+  public:
     // Serialises and sends one message on a session, whole, before returning.
     // 0 on success, non-zero when the session is unknown or the write failed.
     static uint32_t SendMsg(uint32_t sessionId, const HDCMessage& msg);

@@ -15,7 +15,8 @@ extern "C" {
 // Verifies the signed image at `path`; 0 when its signature holds.
 // `imageType` and `keyType` select what is verified and with which key; `flags`
 // asks for a full check when 1.
-typedef int32_t (*HalVerifyImgFunc)(uint32_t imageType, uint32_t keyType, const char* path, uint32_t flags);
+typedef int32_t (*HalVerifyImgFunc)(uint32_t imageType, uint32_t keyType, const char* path,
+                                    uint32_t flags);
 
 int32_t halVerifyImg(uint32_t imageType, uint32_t keyType, const char* path, uint32_t flags);
 

@@ -26,9 +26,9 @@ extern "C" {
 
 // Identity a process registers with the library.
 typedef struct LogAttr {
-    int type;       // DLOG_ATTR_SYSTEM or DLOG_ATTR_APP
-    int pid;        // the registering process
-    int deviceId;   // device the process serves; 0 for the control CPU's own
+    int type;      // DLOG_ATTR_SYSTEM or DLOG_ATTR_APP
+    int pid;       // the registering process
+    int deviceId;  // device the process serves; 0 for the control CPU's own
     char reserved[20];
 } LogAttr;
 

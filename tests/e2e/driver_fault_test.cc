@@ -16,17 +16,18 @@ namespace orv {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 using test::EmuCtl;
 using test::SandboxRun;
+using ::testing::HasSubstr;
 
 class DriverFaultTest : public ::testing::Test {
-protected:
+  protected:
     void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
 
     void Fail(const std::string& call, int code = 5) {
         std::string output;
-        ASSERT_EQ(EmuCtl(sandbox_, {"fail", call, std::to_string(code), "1"}, &output), 0) << output;
+        ASSERT_EQ(EmuCtl(sandbox_, {"fail", call, std::to_string(code), "1"}, &output), 0)
+            << output;
     }
 
     static HDCMessage Start(uint32_t hostPid) {
@@ -51,12 +52,16 @@ TEST_F(DriverFaultTest, AFailedStartUpCallEndsTheStartWithItsLines) {
         std::vector<std::string> lines;
     };
     const Case cases[] = {
-        {"drvGetProcessSign", {"Get tid from drvGetProcessSign failed", "[OrvDaemon] SendVfId2Drv Failed."}},
-        {"drvBindHostPid", {"Set Vfid by drvBindHostPid failed", "[OrvDaemon] SendVfId2Drv Failed."}},
+        {"drvGetProcessSign",
+         {"Get tid from drvGetProcessSign failed", "[OrvDaemon] SendVfId2Drv Failed."}},
+        {"drvBindHostPid",
+         {"Set Vfid by drvBindHostPid failed", "[OrvDaemon] SendVfId2Drv Failed."}},
         {"drvHdcGetTrustedBasePath",
-         {"drvHdcGetTrustedBasePath get hdc device path failed, ret = 5", "[OrvDaemon] Init inotify watcher failed."}},
+         {"drvHdcGetTrustedBasePath get hdc device path failed, ret = 5",
+          "[OrvDaemon] Init inotify watcher failed."}},
         {"halEschedAttachDevice",
-         {"halEschedAttachDevice dev[0] failed, result[5].", "[OrvDaemon] OrvEventServer cannot be created."}},
+         {"halEschedAttachDevice dev[0] failed, result[5].",
+          "[OrvDaemon] OrvEventServer cannot be created."}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.call);
@@ -69,7 +74,8 @@ TEST_F(DriverFaultTest, AFailedStartUpCallEndsTheStartWithItsLines) {
     }
     // With the faults used up, the next start comes up.
     EXPECT_EQ(sandbox_.Enter({"orvdaemon"}, nullptr, true), 0);
-    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvEVENT] Start Monitor HdcServer and OrvEventServer!!!", 10s));
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("[OrvEVENT] Start Monitor HdcServer and OrvEventServer!!!", 10s));
 }
 
 // Faults met while serving a host fail that host's step only.
@@ -93,7 +99,8 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     auto groupLink = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
     ASSERT_NE(groupLink, nullptr) << error;
     ASSERT_TRUE(groupLink->Send(Start(11)));
-    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon]Fail to query group info for pid[11], ret[5]", 5s));
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("[OrvDaemon]Fail to query group info for pid[11], ret[5]", 5s));
     EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon]GetHostGrpName execute failed.", 5s));
     EXPECT_FALSE(Running("aicpu_runner"));
 
@@ -110,7 +117,8 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     ASSERT_TRUE(link->Send(close));
     ASSERT_EQ(link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, 10s), host::Received::kMessage);
     EXPECT_EQ(reply.orv_rsp_code(), 0u);
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Failed to free aicpu-runner buff subProcPid["));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("[OrvDaemon] Failed to free aicpu-runner buff subProcPid["));
 
     // The driver does not take the acknowledgement of a VF change: the VF
     // is set up all the same, and the next change is acknowledged.
@@ -126,11 +134,13 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     auto newcomer = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
     ASSERT_NE(newcomer, nullptr) << error;
     ASSERT_TRUE(newcomer->Send(Start(14)));
-    ASSERT_EQ(newcomer->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s), host::Received::kMessage);
+    ASSERT_EQ(newcomer->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s),
+              host::Received::kMessage);
     EXPECT_EQ(reply.orv_rsp_code(), 0u);
     close.mutable_proc_sign_pid()->set_proc_pid(14);
     ASSERT_TRUE(newcomer->Send(close));
-    ASSERT_EQ(newcomer->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, 10s), host::Received::kMessage);
+    ASSERT_EQ(newcomer->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, 10s),
+              host::Received::kMessage);
     EXPECT_EQ(reply.orv_rsp_code(), 0u);
 }
 

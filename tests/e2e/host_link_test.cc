@@ -15,10 +15,10 @@ namespace orv {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
-using ::testing::Not;
 using test::Host;
 using test::SandboxRun;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 constexpr int kNoReply = 3;
 constexpr int kClosed = 4;
@@ -32,7 +32,7 @@ std::string JsonReply(const SandboxRun& sandbox, std::vector<std::string> args) 
 }
 
 class HostLinkTest : public ::testing::Test {
-protected:
+  protected:
     void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
     SandboxRun sandbox_;
 };
@@ -49,15 +49,21 @@ TEST_F(HostLinkTest, LinkTestIsAnsweredWithTheDaemonsVersionInformation) {
 TEST_F(HostLinkTest, OutOfRangeDeviceIdsGetNoReplyWhileTheLastValidOnesAreServed) {
     Boot({"--devices", "4"});
     std::string output;
-    EXPECT_EQ(Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--device-id", "4"}, &output), kNoReply)
+    EXPECT_EQ(
+        Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--device-id", "4"}, &output),
+        kNoReply)
         << output;
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] FmkToOrvMsgProc deviceId >= MAX_DEVNUM_PER_OS failed"));
-    EXPECT_EQ(Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--real-device", "128"}, &output), kNoReply)
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "[OrvDaemon] FmkToOrvMsgProc deviceId >= MAX_DEVNUM_PER_OS failed"));
+    EXPECT_EQ(Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--real-device", "128"},
+                   &output),
+              kNoReply)
         << output;
     EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] FmkToOrvMsgProc realDeviceId out of range"));
 
     // Device 3 answers through its own server.
-    std::string reply = JsonReply(sandbox_, {"--device", "3", "close", "--pid", "7", "--real-device", "127"});
+    std::string reply =
+        JsonReply(sandbox_, {"--device", "3", "close", "--pid", "7", "--real-device", "127"});
     EXPECT_THAT(reply, HasSubstr("\"type\":9"));
     EXPECT_THAT(reply, HasSubstr("\"device_id\":3"));
     EXPECT_THAT(reply, HasSubstr("\"real_device_id\":127"));
@@ -69,8 +75,11 @@ TEST_F(HostLinkTest, AResponseTypeFromAHostIsAVersionMismatchAndNothingElse) {
     test::LogCapture before = sandbox_.Log();
     size_t linesBefore = before.Lines().size();
     std::string output;
-    EXPECT_EQ(Host(sandbox_, {"--timeout", "1000", "send", "--type", "8", "--pid", "5", "--cp"}, &output), kNoReply);
-    EXPECT_TRUE(sandbox_.Log().Contains("Version is not matched(message_type:8), you need update the software"));
+    EXPECT_EQ(
+        Host(sandbox_, {"--timeout", "1000", "send", "--type", "8", "--pid", "5", "--cp"}, &output),
+        kNoReply);
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "Version is not matched(message_type:8), you need update the software"));
     for (const std::string& line : sandbox_.Log().Lines()) {
         if (linesBefore-- > 0) {
             continue;
@@ -88,7 +97,8 @@ TEST_F(HostLinkTest, RequestsForAnUnknownHostProcessAreAnsweredWithFailure) {
     std::string profiling = JsonReply(sandbox_, {"profiling", "--pid", "4321", "--profiling", "3"});
     EXPECT_THAT(profiling, HasSubstr("\"type\":31"));
     EXPECT_THAT(profiling, HasSubstr("\"orv_rsp_code\":1"));
-    EXPECT_TRUE(sandbox_.Log().Contains("custSoPath[/home/QelvarUser/cust_aicpu_0_4321] is invalid, skip clean"));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "custSoPath[/home/QelvarUser/cust_aicpu_0_4321] is invalid, skip clean"));
 }
 
 TEST_F(HostLinkTest, InvalidStartsAreRefusedWithFailure) {
@@ -100,7 +110,8 @@ TEST_F(HostLinkTest, InvalidStartsAreRefusedWithFailure) {
     const Case cases[] = {
         {{"--pid", "10", "--vf", "17", "--cp"}, "Invalid vfId[17] in os[0]"},
         {{"--pid", "11", "--vf", "-1", "--cp"}, "Invalid vfId[-1] in os[0]"},
-        {{"--pid", "12"}, "[OrvDaemon] set start status input invalid StartQs[0],StartCp[0],StartZarn[0]"},
+        {{"--pid", "12"},
+         "[OrvDaemon] set start status input invalid StartQs[0],StartCp[0],StartZarn[0]"},
     };
     for (const Case& c : cases) {
         std::vector<std::string> args = {"start"};
@@ -111,8 +122,9 @@ TEST_F(HostLinkTest, InvalidStartsAreRefusedWithFailure) {
         EXPECT_TRUE(sandbox_.Log().Contains(c.logged)) << c.logged;
     }
     // The negative VF id arrived as it was sent.
-    EXPECT_TRUE(sandbox_.Log().Contains("fmkSignPid[11] profilingMode[0] rankSize[0] startZarn[0] startCp[1] "
-                                        "checkCode[0] logLevel[103] vfid[-1]"));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "fmkSignPid[11] profilingMode[0] rankSize[0] startZarn[0] startCp[1] "
+        "checkCode[0] logLevel[103] vfid[-1]"));
 }
 
 TEST_F(HostLinkTest, SessionLimitRefusesASecondHostOnTheSameVfNamingTheFirst) {
@@ -130,9 +142,10 @@ TEST_F(HostLinkTest, SessionLimitRefusesASecondHostOnTheSameVfNamingTheFirst) {
         "expect otherVf 8 --code 0 --timeout 10000\n";
     std::string output;
     EXPECT_EQ(Host(sandbox_, {"session"}, &output, script), 0) << output;
-    EXPECT_TRUE(sandbox_.Log().Contains(
-        "[OrvDaemon] OrvImpl with hostPid[200] create failed on deviceId[0] vfId[0], reach max aicpu-runner per "
-        "device 1, hostPids[100]"));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("[OrvDaemon] OrvImpl with hostPid[200] create failed on "
+                                "deviceId[0] vfId[0], reach max aicpu-runner per "
+                                "device 1, hostPids[100]"));
 }
 
 TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
@@ -159,8 +172,10 @@ TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
         "send late profiling --pid 300 --profiling 7\n"
         "expect late 31 --code 1\n";
     EXPECT_EQ(Host(sandbox_, {"session"}, &output, script), 0) << output;
-    EXPECT_TRUE(sandbox_.Log().Contains("but what we want to delete is with session of [2], skip HDCAbnormalMsgProc"));
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Success to erase OrvImpl with deviceId[0] vfId[0] hostPid[300]."));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "but what we want to delete is with session of [2], skip HDCAbnormalMsgProc"));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "[OrvDaemon] Success to erase OrvImpl with deviceId[0] vfId[0] hostPid[300]."));
     std::vector<test::StandinRecord> computes = test::StandinRecordsOfKind(sandbox_, 1);
     ASSERT_EQ(computes.size(), 1u);
     EXPECT_TRUE(computes[0].Has("profiling 5"));
@@ -181,10 +196,11 @@ TEST_F(HostLinkTest, PackageQueryAnswersTheCheckCodeAndClosesTheQuerysLink) {
 
     // A query naming a device the daemon cannot have goes unanswered, and the
     // next one is served.
-    EXPECT_EQ(Host(sandbox_, {"session"}, &output,
-                   "open bad\nsend bad check-package --device-id 40\nexpect-none bad --timeout 500\n"
-                   "open good\nsend good check-package\nexpect good 36\n"),
-              0)
+    EXPECT_EQ(
+        Host(sandbox_, {"session"}, &output,
+             "open bad\nsend bad check-package --device-id 40\nexpect-none bad --timeout 500\n"
+             "open good\nsend good check-package\nexpect good 36\n"),
+        0)
         << output;
     EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] SendHdcMsg: hdc instance nullptr"));
     EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Send package check result to client failed"));
@@ -219,8 +235,8 @@ TEST_F(HostLinkTest, MalformedFramesEndOnlyTheirOwnSessionAndLeakNothing) {
     };
     const Case cases[] = {
         {{"--declare", "1048577", "--send", "0"}, kClosed},  // longer than 1 MiB
-        {{"--garbage", "64"}, kClosed},                       // does not parse
-        {{"--declare", "100", "--send", "10"}, kNoReply},      // truncated: waits for the rest
+        {{"--garbage", "64"}, kClosed},                      // does not parse
+        {{"--declare", "100", "--send", "10"}, kNoReply},    // truncated: waits for the rest
     };
     for (const Case& c : cases) {
         std::vector<std::string> args = {"--timeout", "1000", "frame"};
@@ -240,11 +256,18 @@ TEST_F(HostLinkTest, MalformedFramesEndOnlyTheirOwnSessionAndLeakNothing) {
     EXPECT_TRUE(linkTest());
     const size_t ended = 3 + 1000;
     EXPECT_TRUE(test::WaitFor(
-        [&] { return sandbox_.Log().Count("[OrvDaemon] FmkToOrvAbnormalMsg in deviceId[0]") == closedBefore + ended; },
+        [&] {
+            return sandbox_.Log().Count("[OrvDaemon] FmkToOrvAbnormalMsg in deviceId[0]") ==
+                   closedBefore + ended;
+        },
         10s))
         << "each ended session is reported once";
     EXPECT_TRUE(test::WaitFor(
-        [&] { return test::ThreadCount(daemon) <= threads && test::DescriptorCount(daemon) <= descriptors; }, 10s))
+        [&] {
+            return test::ThreadCount(daemon) <= threads &&
+                   test::DescriptorCount(daemon) <= descriptors;
+        },
+        10s))
         << "threads " << test::ThreadCount(daemon) << " (were " << threads << "), descriptors "
         << test::DescriptorCount(daemon) << " (were " << descriptors << ")";
 }

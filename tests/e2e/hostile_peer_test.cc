@@ -9,8 +9,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <arpa/inet.h>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -26,18 +26,18 @@ namespace orv {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using test::EmuCtl;
 using test::Host;
 using test::SandboxRun;
 using test::StandinRecord;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 constexpr uint32_t kCompute = 1;
 constexpr uint32_t kCustom = 2;
 
 class HostilePeerTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override {
         if (!sandbox_.Running()) {
             return;
@@ -45,7 +45,8 @@ protected:
         // A hang anywhere would keep the daemon from its orderly stop.
         auto asked = std::chrono::steady_clock::now();
         EXPECT_EQ(sandbox_.Stop(20s), 0) << "the sandbox did not stop";
-        auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - asked);
+        auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - asked);
         RecordProperty("stop_ms", std::to_string(took.count()));
     }
 
@@ -53,12 +54,15 @@ protected:
 
     void Standin(const std::string& kind, const std::string& behaviour, int delayMs = 0) {
         std::string output;
-        ASSERT_EQ(EmuCtl(sandbox_, {"standin", kind, behaviour, std::to_string(delayMs)}, &output), 0) << output;
+        ASSERT_EQ(EmuCtl(sandbox_, {"standin", kind, behaviour, std::to_string(delayMs)}, &output),
+                  0)
+            << output;
     }
 
     std::unique_ptr<host::HostLink> Link(uint32_t device = 0) {
         std::string error;
-        auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
+        auto link = host::HostLink::Connect(
+            sandbox_.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
         EXPECT_NE(link, nullptr) << error;
         return link;
     }
@@ -75,7 +79,8 @@ protected:
     static int Ask(host::HostLink& link, const HDCMessage& request, HDCMessage::MsgType replyType,
                    std::chrono::milliseconds timeout = 10s) {
         HDCMessage reply;
-        if (!link.Send(request) || link.Await(replyType, &reply, timeout) != host::Received::kMessage) {
+        if (!link.Send(request) ||
+            link.Await(replyType, &reply, timeout) != host::Received::kMessage) {
             return -1;
         }
         return static_cast<int>(reply.orv_rsp_code());
@@ -86,11 +91,17 @@ protected:
     void NewcomerIsServed(uint32_t hostPid) {
         auto link = Link();
         ASSERT_NE(link, nullptr);
-        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid), HDCMessage::ORV_START_PROC_RSP), 0);
-        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, hostPid), HDCMessage::ORV_CLOSE_PROC_RSP), 0);
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid),
+                      HDCMessage::ORV_START_PROC_RSP),
+                  0);
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, hostPid),
+                      HDCMessage::ORV_CLOSE_PROC_RSP),
+                  0);
     }
 
-    std::vector<StandinRecord> OfKind(uint32_t kind) { return test::StandinRecordsOfKind(sandbox_, kind); }
+    std::vector<StandinRecord> OfKind(uint32_t kind) {
+        return test::StandinRecordsOfKind(sandbox_, kind);
+    }
     bool Running(const std::string& name) { return sandbox_.Enter({"pidof", name}) == 0; }
 
     // Runs orv-emu-submit inside the sandbox: a local process of the card
@@ -111,12 +122,16 @@ TEST_F(HostilePeerTest, ALinkThatStartedSeveralHostProcessesEndsThemAllWhenItDro
     auto link = Link();
     ASSERT_NE(link, nullptr);
     for (uint32_t hostPid : {501u, 502u, 503u}) {
-        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid), HDCMessage::ORV_START_PROC_RSP), 0);
+        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, hostPid),
+                      HDCMessage::ORV_START_PROC_RSP),
+                  0);
     }
     ASSERT_EQ(OfKind(kCompute).size(), 3u);
     link->Drop();
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s)) << "a sub-process outlived its session";
-    EXPECT_TRUE(sandbox_.Log().WaitFor("HDC session[1] that ended had also started hostPid[502]", 5s));
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s))
+        << "a sub-process outlived its session";
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("HDC session[1] that ended had also started hostPid[502]", 5s));
     // The quota of three is free again.
     for (uint32_t hostPid : {601u, 602u, 603u}) {
         NewcomerIsServed(hostPid);
@@ -129,7 +144,9 @@ TEST_F(HostilePeerTest, ARecordFromAProcessThatIsNoSubProcessOfItsSessionChanges
     Boot();
     auto victim = Link();
     ASSERT_NE(victim, nullptr);
-    ASSERT_EQ(Ask(*victim, Request(HDCMessage::ORV_START_PROC_MSG, 700), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_EQ(
+        Ask(*victim, Request(HDCMessage::ORV_START_PROC_MSG, 700), HDCMessage::ORV_START_PROC_RSP),
+        0);
     ASSERT_EQ(OfKind(kCompute).size(), 1u);
     const std::string compute = std::to_string(OfKind(kCompute)[0].pid);
     struct Forgery {
@@ -138,9 +155,11 @@ TEST_F(HostilePeerTest, ARecordFromAProcessThatIsNoSubProcessOfItsSessionChanges
     };
     const Forgery forgeries[] = {
         // A kernel time-out claimed by the forger itself.
-        {{"0", "--host-pid", "700", "--event-type", "4", "--proc-type", "1"}, "comes from none of that session's"},
+        {{"0", "--host-pid", "700", "--event-type", "4", "--proc-type", "1"},
+         "comes from none of that session's"},
         // A close report naming the victim's compute process.
-        {{"1", "--host-pid", "700", "--claim-pid", compute}, "names sender[" + compute + "] but comes from pid["},
+        {{"1", "--host-pid", "700", "--claim-pid", compute},
+         "names sender[" + compute + "] but comes from pid["},
         // A start report, and a custom-process request, in the forger's name.
         {{"0", "--host-pid", "700"}, "comes from none of that session's"},
         {{"2", "--host-pid", "700"}, "comes from none of that session's"},
@@ -158,7 +177,8 @@ TEST_F(HostilePeerTest, ARecordFromAProcessThatIsNoSubProcessOfItsSessionChanges
     EXPECT_FALSE(sandbox_.Log().Contains("need to be killed"));
     EXPECT_THAT(OfKind(kCustom), IsEmpty());
     // The victim's session and link are whole.
-    EXPECT_EQ(Ask(*victim, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 700), HDCMessage::ORV_UPDATE_PROIFILING_RSP),
+    EXPECT_EQ(Ask(*victim, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 700),
+                  HDCMessage::ORV_UPDATE_PROIFILING_RSP),
               0);
 }
 
@@ -179,13 +199,14 @@ TEST_F(HostilePeerTest, AVfNoticeFromAnOrdinaryProcessIsRefused) {
 
 // A raw link that sends requests and never reads what comes back.
 class DeafHost {
-public:
+  public:
     explicit DeafHost(const std::string& socketPath) {
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, socketPath.c_str(), sizeof(addr.sun_path) - 1);
-        connected_ = fd_ >= 0 && connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        connected_ =
+            fd_ >= 0 && connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
     }
     ~DeafHost() {
         if (fd_ >= 0) {
@@ -219,7 +240,7 @@ public:
         return sent;
     }
 
-private:
+  private:
     int fd_ = -1;
     bool connected_ = false;
 };
@@ -244,7 +265,8 @@ TEST_F(HostilePeerTest, AHostThatNeverReadsHoldsUpNobodyElse) {
     for (uint32_t hostPid : {801u, 802u}) {
         NewcomerIsServed(hostPid);
     }
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s)) << "the deaf host's session lives on";
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s))
+        << "the deaf host's session lives on";
 }
 
 // The compute process asks for the custom process, which never reports its
@@ -257,25 +279,32 @@ TEST_F(HostilePeerTest, ACustomProcessThatNeverReportsHoldsUpNoSessionsEnd) {
     {
         auto link = Link();
         ASSERT_NE(link, nullptr);
-        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 900), HDCMessage::ORV_START_PROC_RSP), 0);
+        ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 900),
+                      HDCMessage::ORV_START_PROC_RSP),
+                  0);
         ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 10s));
-        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, 900), HDCMessage::ORV_CLOSE_PROC_RSP), 0);
+        EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, 900),
+                      HDCMessage::ORV_CLOSE_PROC_RSP),
+                  0);
         EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_custom_runner"); }, 10s));
     }
     // The same, ended by the compute process's kernel time-out, which the
     // event worker of device 0 handles.
     auto link = Link();
     ASSERT_NE(link, nullptr);
-    ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 901), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_EQ(
+        Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 901), HDCMessage::ORV_START_PROC_RSP),
+        0);
     ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 2; }, 10s));
     std::vector<StandinRecord> computes = OfKind(kCompute);
-    pid_t compute = std::max_element(computes.begin(), computes.end(), [](const auto& a, const auto& b) {
-                        return a.pid < b.pid;
-                    })->pid;
+    pid_t compute =
+        std::max_element(computes.begin(), computes.end(), [](const auto& a, const auto& b) {
+            return a.pid < b.pid;
+        })->pid;
     std::string output;
     ASSERT_EQ(EmuCtl(sandbox_,
-                     {"inject-event", "0", "--host-pid", "901", "--event-type", "4", "--proc-type", "1", "--src-pid",
-                      std::to_string(compute)},
+                     {"inject-event", "0", "--host-pid", "901", "--event-type", "4", "--proc-type",
+                      "1", "--src-pid", std::to_string(compute)},
                      &output),
               0)
         << output;
@@ -297,14 +326,17 @@ TEST_F(HostilePeerTest, AFloodOfReportsFromASubProcessKeepsTheDaemonBounded) {
     Standin("compute", "flood", 5000);
     auto link = Link();
     ASSERT_NE(link, nullptr);
-    ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 1000), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_EQ(
+        Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 1000), HDCMessage::ORV_START_PROC_RSP),
+        0);
     size_t most = 0;
     size_t accepted = 0;
     ASSERT_TRUE(test::WaitFor(
         [&] {
             most = std::max(most, test::ThreadCount(daemon));
             std::vector<StandinRecord> computes = OfKind(kCompute);
-            for (const std::string& note : computes.size() == 1 ? computes[0].notes : std::vector<std::string>{}) {
+            for (const std::string& note :
+                 computes.size() == 1 ? computes[0].notes : std::vector<std::string>{}) {
                 if (std::sscanf(note.c_str(), "flooded 5000 accepted %zu", &accepted) == 1) {
                     return true;
                 }
@@ -322,10 +354,12 @@ TEST_F(HostilePeerTest, AFloodOfReportsFromASubProcessKeepsTheDaemonBounded) {
         },
         120s, 100ms));
     EXPECT_LE(most, idleThreads + 80) << "threads grew with the flood";
-    EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 1000), HDCMessage::ORV_UPDATE_PROIFILING_RSP),
+    EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 1000),
+                  HDCMessage::ORV_UPDATE_PROIFILING_RSP),
               0);
     HDCMessage extra;
-    EXPECT_EQ(link->Next(&extra, 500ms), host::Received::kTimeout) << "a second answer: " << extra.ShortDebugString();
+    EXPECT_EQ(link->Next(&extra, 500ms), host::Received::kTimeout)
+        << "a second answer: " << extra.ShortDebugString();
     NewcomerIsServed(1001);
 }
 
@@ -360,7 +394,8 @@ TEST_F(HostilePeerTest, OverlongStringsAreRefusedWithCodeOne) {
         ASSERT_TRUE(link->Send(request));
         ASSERT_EQ(link->Await(c.reply, &reply, 5s), host::Received::kMessage) << c.field;
         EXPECT_EQ(reply.orv_rsp_code(), 1u);
-        EXPECT_THAT(reply.error_info().message(), HasSubstr(std::string(c.field) + " is 100000 bytes long"));
+        EXPECT_THAT(reply.error_info().message(),
+                    HasSubstr(std::string(c.field) + " is 100000 bytes long"));
     }
     EXPECT_THAT(OfKind(kCompute), IsEmpty());
     EXPECT_FALSE(sandbox_.Log().Contains(std::string(1000, 'A')));
@@ -378,7 +413,8 @@ TEST_F(HostilePeerTest, AChildWhoseGroupGrantFailedStillEndsWithItsSession) {
     EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon]Fail to add dstPid[", 5s));
     ASSERT_TRUE(test::WaitFor([&] { return Running("queue_runner"); }, 5s));
     link->Drop();
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("queue_runner"); }, 10s)) << "it outlived its session";
+    EXPECT_TRUE(test::WaitFor([&] { return !Running("queue_runner"); }, 10s))
+        << "it outlived its session";
 }
 
 // Sub-processes run user code: none may find a descriptor of the daemon's.
@@ -392,7 +428,9 @@ TEST_F(HostilePeerTest, NoDescriptorOfTheDaemonLeaksIntoASubProcess) {
     ASSERT_EQ(Ask(*link, start, HDCMessage::ORV_START_PROC_RSP), 0);
     auto queueLink = Link();
     ASSERT_NE(queueLink, nullptr);
-    ASSERT_EQ(Ask(*queueLink, Request(HDCMessage::ORV_START_QS_MSG, 1301), HDCMessage::ORV_START_PROC_RSP), 0);
+    ASSERT_EQ(Ask(*queueLink, Request(HDCMessage::ORV_START_QS_MSG, 1301),
+                  HDCMessage::ORV_START_PROC_RSP),
+              0);
     ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 10s));
     std::vector<StandinRecord> records = test::StandinRecords(sandbox_);
     ASSERT_EQ(records.size(), 4u);

@@ -13,10 +13,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using test::SandboxRun;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using test::SandboxRun;
 
 using test::EmuCtl;
 using test::StandinRecord;
@@ -25,8 +25,9 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
     SandboxRun sandbox;
     ASSERT_TRUE(sandbox.Boot({"--devices", "2"}));
     std::map<std::string, std::string> env = sandbox.Env();
-    for (const char* key : {"ORV_HDC_SOCKET_0", "ORV_HDC_SOCKET_1", "ORV_LOG_FILE", "ORV_TRUSTED_DIR_0",
-                            "ORV_TRUSTED_DIR_1", "ORV_EMU_CONTROL", "ORV_DAEMON_PID"}) {
+    for (const char* key :
+         {"ORV_HDC_SOCKET_0", "ORV_HDC_SOCKET_1", "ORV_LOG_FILE", "ORV_TRUSTED_DIR_0",
+          "ORV_TRUSTED_DIR_1", "ORV_EMU_CONTROL", "ORV_DAEMON_PID"}) {
         EXPECT_EQ(env.count(key), 1u) << key;
     }
     EXPECT_EQ(env["ORV_LOG_FILE"], sandbox.LogPath());
@@ -36,12 +37,13 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
 
     std::string missing;
     EXPECT_TRUE(sandbox.Log().InOrder(
-        {"[OrvDaemon] ORV Start enter", "[OrvEVENT] OrvDrvManager init success", "[OrvEVENT] BindCtrlCpu success",
-         "[OrvEVENT] InitState Finish.", "Not found REGISTER_TO_VELKANMONITOR in env",
-         "Not found AICPU_MAX_NUM in env", "[OrvEVENT] Begin CheckAndCleanProcess",
-         "[OrvEVENT] CheckAndCleanProcess success", "[OrvEVENT] InitOrvHdcSer [deviceNum:2]",
-         "[OrvEVENT] Init HdcServer success", "[OrvEVENT] Init inotify watcher success",
-         "Open /proc/sysmonitor failed", "OrvEventServer start", "[OrvEVENT] Init OrvEventServer success",
+        {"[OrvDaemon] ORV Start enter", "[OrvEVENT] OrvDrvManager init success",
+         "[OrvEVENT] BindCtrlCpu success", "[OrvEVENT] InitState Finish.",
+         "Not found REGISTER_TO_VELKANMONITOR in env", "Not found AICPU_MAX_NUM in env",
+         "[OrvEVENT] Begin CheckAndCleanProcess", "[OrvEVENT] CheckAndCleanProcess success",
+         "[OrvEVENT] InitOrvHdcSer [deviceNum:2]", "[OrvEVENT] Init HdcServer success",
+         "[OrvEVENT] Init inotify watcher success", "Open /proc/sysmonitor failed",
+         "OrvEventServer start", "[OrvEVENT] Init OrvEventServer success",
          "[OrvEVENT] Start Monitor HdcServer and OrvEventServer!!!"},
         &missing))
         << "missing or out of order: " << missing;
@@ -51,9 +53,10 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
     ASSERT_FALSE(ns.empty());
     EXPECT_GE(test::ProcessesInNamespace(ns).size(), 3u) << "init, card emulator, daemon";
     EXPECT_EQ(sandbox.Stop(), 0);
-    EXPECT_TRUE(sandbox.Log().InOrder({"[OrvDaemon] OrvDaemon::Destroy() enter", "[OrvEventServer] Destroy end.",
-                                       "[OrvDaemon] Destroy deviceId[1] call hdcSer's Destroy()",
-                                       "[OrvEVENT] deregister to appmon", "[OrvDaemon] OrvDaemon::Destroy() exit"}));
+    EXPECT_TRUE(sandbox.Log().InOrder(
+        {"[OrvDaemon] OrvDaemon::Destroy() enter", "[OrvEventServer] Destroy end.",
+         "[OrvDaemon] Destroy deviceId[1] call hdcSer's Destroy()",
+         "[OrvEVENT] deregister to appmon", "[OrvDaemon] OrvDaemon::Destroy() exit"}));
     // The physical function's package watcher is the only one.
     EXPECT_EQ(sandbox.Log().Count("is nullptr, skip destroy"), 16u);
     EXPECT_TRUE(sandbox.Log().InOrder({"[OrvDaemon] Destroy Inotify watcher vfId[0] begin",
@@ -69,9 +72,11 @@ TEST(LifecycleTest, TwoSandboxesSeeNeitherTheOthersProcessesNorFiles) {
     ASSERT_TRUE(first.Boot({}));
     ASSERT_TRUE(second.Boot({"--devices", "2"}));
 
-    ASSERT_EQ(first.Enter({"sh", "-c", "echo first > /var/marker && touch /home/QelvarUser/first"}), 0);
+    ASSERT_EQ(first.Enter({"sh", "-c", "echo first > /var/marker && touch /home/QelvarUser/first"}),
+              0);
     std::string listing;
-    EXPECT_EQ(second.Enter({"sh", "-c", "ls /var /home/QelvarUser /home/hdc-trusted"}, &listing), 0);
+    EXPECT_EQ(second.Enter({"sh", "-c", "ls /var /home/QelvarUser /home/hdc-trusted"}, &listing),
+              0);
     EXPECT_THAT(listing, Not(HasSubstr("marker")));
     EXPECT_THAT(listing, Not(HasSubstr("first")));
     EXPECT_THAT(listing, HasSubstr("dev1"));
@@ -79,7 +84,8 @@ TEST(LifecycleTest, TwoSandboxesSeeNeitherTheOthersProcessesNorFiles) {
 
     std::string processes;
     ASSERT_EQ(first.Enter({"ps", "-eo", "pid=,comm="}, &processes), 0);
-    EXPECT_EQ(std::count(processes.begin(), processes.end(), '\n'), 4) << processes;  // init, card, daemon, ps
+    EXPECT_EQ(std::count(processes.begin(), processes.end(), '\n'), 4)
+        << processes;  // init, card, daemon, ps
     EXPECT_THAT(processes, HasSubstr(" 1 orv-sandbox"));
     EXPECT_THAT(processes, HasSubstr("orvdaemon"));
     std::string daemons;
@@ -95,7 +101,8 @@ TEST(LifecycleTest, FiveDevicesFailTheStartAndTheSandboxExits) {
     SandboxRun sandbox;
     EXPECT_FALSE(sandbox.Boot({"--devices", "5"}));
     EXPECT_EQ(sandbox.WaitExit(30s), 1);
-    EXPECT_TRUE(sandbox.Log().InOrder({"Invalid device nums[5]", "[OrvDaemon] OrvDrvManager init Failed."}));
+    EXPECT_TRUE(sandbox.Log().InOrder(
+        {"Invalid device nums[5]", "[OrvDaemon] OrvDrvManager init Failed."}));
     EXPECT_FALSE(sandbox.Log().Contains("BindCtrlCpu"));
 }
 
@@ -126,7 +133,11 @@ TEST(LifecycleTest, AKilledDaemonIsReportedByTheMonitorAndItsLeftoversGoAtRestar
     // A compute process the killed daemon would have left behind.
     ASSERT_EQ(sandbox.Enter({"/var/aicpu_runner", "--deviceId=0"}, nullptr, true), 0);
     std::string leftover;
-    ASSERT_TRUE(test::WaitFor([&] { return sandbox.Enter({"pidof", "aicpu_runner"}, &leftover) == 0; }, 5s));
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            return sandbox.Enter({"pidof", "aicpu_runner"}, &leftover) == 0;
+        },
+        5s));
     leftover.erase(leftover.find_last_not_of('\n') + 1);
 
     ASSERT_EQ(kill(first, SIGKILL), 0);
@@ -137,13 +148,16 @@ TEST(LifecycleTest, AKilledDaemonIsReportedByTheMonitorAndItsLeftoversGoAtRestar
     ASSERT_TRUE(test::WaitFor(
         [&] {
             std::map<std::string, std::string> env = sandbox.Env();
-            return env.count("ORV_DAEMON_PID") != 0 && env["ORV_DAEMON_PID"] != std::to_string(first);
+            return env.count("ORV_DAEMON_PID") != 0 &&
+                   env["ORV_DAEMON_PID"] != std::to_string(first);
         },
         20s));
     EXPECT_EQ(sandbox.Enter({"pidof", "aicpu_runner"}), 1) << "the leftover was killed";
-    EXPECT_TRUE(sandbox.Log().Contains("[OrvDaemon] Found remnants process aicpu_runner, pids:[" + leftover + "]"));
+    EXPECT_TRUE(sandbox.Log().Contains("[OrvDaemon] Found remnants process aicpu_runner, pids:[" +
+                                       leftover + "]"));
     EXPECT_EQ(sandbox.Log().Count("[OrvDaemon] kill [index= 0]"), 1u);
-    EXPECT_EQ(sandbox.Log().Count("Get AICPU_MAX_NUM is 7"), 2u) << "the restart kept the boot environment";
+    EXPECT_EQ(sandbox.Log().Count("Get AICPU_MAX_NUM is 7"), 2u)
+        << "the restart kept the boot environment";
     EXPECT_EQ(sandbox.Stop(), 0);
 }
 
@@ -161,7 +175,8 @@ TEST(LifecycleTest, DriverFaultsInjectedWithTheControlToolReachTheDaemon) {
     ASSERT_EQ(kill(first, SIGKILL), 0);
     std::string out;
     EXPECT_EQ(sandbox.Enter({"orvdaemon"}, &out), 1);
-    EXPECT_TRUE(sandbox.Log().InOrder({"Failed to drvGetDevNum, ret=5", "[OrvDaemon] OrvDrvManager init Failed."}));
+    EXPECT_TRUE(sandbox.Log().InOrder(
+        {"Failed to drvGetDevNum, ret=5", "[OrvDaemon] OrvDrvManager init Failed."}));
     EXPECT_EQ(EmuCtl(sandbox, {"faults"}, &output), 0);
     EXPECT_EQ(output, "");
     EXPECT_EQ(sandbox.Stop(), 0);
@@ -200,7 +215,8 @@ TEST(LifecycleTest, UnderSystemdTheDaemonIsReadyOnlyAfterItsStartAndSaysWhenItSt
     ASSERT_EQ(compute.size(), 1u);
     EXPECT_THAT(compute[0].env, ::testing::Contains("REGISTER_TO_VELKANMONITOR=0"));
     for (const std::string& entry : compute[0].env) {
-        EXPECT_THAT(entry, Not(HasSubstr("NOTIFY_SOCKET="))) << "a sub-process could speak for the daemon";
+        EXPECT_THAT(entry, Not(HasSubstr("NOTIFY_SOCKET=")))
+            << "a sub-process could speak for the daemon";
     }
     EXPECT_EQ(systemd.Receive(100ms), std::nullopt) << "nothing between ready and stopping";
 
@@ -217,14 +233,16 @@ TEST(LifecycleTest, UnderSystemdAFailedStartIsNeverReportedReady) {
     test::NotifyListener systemd(dir + "/notify.sock");
     ASSERT_TRUE(systemd.Bound());
     SandboxRun sandbox;
-    EXPECT_FALSE(sandbox.Boot({"--devices", "5", "--env", "NOTIFY_SOCKET=" + dir + "/notify.sock"}));
+    EXPECT_FALSE(
+        sandbox.Boot({"--devices", "5", "--env", "NOTIFY_SOCKET=" + dir + "/notify.sock"}));
     EXPECT_EQ(sandbox.WaitExit(30s), 1);
     std::vector<std::string> notices;
     while (std::optional<std::string> notice = systemd.Receive(100ms)) {
         notices.push_back(*notice);
     }
-    EXPECT_EQ(notices, (std::vector<std::string>{"STATUS=Starting",
-                                                 "STATUS=Start failed with code 1; see the system log"}));
+    EXPECT_EQ(notices,
+              (std::vector<std::string>{"STATUS=Starting",
+                                        "STATUS=Start failed with code 1; see the system log"}));
     test::RemoveTree(dir);
 }
 

@@ -22,10 +22,10 @@ namespace orv {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 using test::EmuCtl;
 using test::Host;
 using test::SandboxRun;
+using ::testing::HasSubstr;
 
 constexpr char kPackageName[] = "5_Velkan512-aicpu_syskernels.tar.gz";
 constexpr char kArchiveName[] = "Velkan512-aicpu_syskernels.tar.gz";
@@ -90,7 +90,7 @@ std::map<std::string, std::string> Snapshot(const std::string& root,
 }
 
 class PackageTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { work_ = test::MakeTempDir("orv-pkg"); }
     void TearDown() override { test::RemoveTree(work_); }
 
@@ -116,9 +116,12 @@ protected:
     // The check code the daemon reports for a VF.
     uint32_t CheckCode(int vf = 0) {
         std::string output;
-        EXPECT_EQ(Host(sandbox_, {"--json", "check-package", "--vf", std::to_string(vf)}, &output), 0) << output;
+        EXPECT_EQ(Host(sandbox_, {"--json", "check-package", "--vf", std::to_string(vf)}, &output),
+                  0)
+            << output;
         size_t at = output.find("\"check_code\":");
-        return at == std::string::npos ? 0 : static_cast<uint32_t>(std::stoul(output.substr(at + 13)));
+        return at == std::string::npos ? 0
+                                       : static_cast<uint32_t>(std::stoul(output.substr(at + 13)));
     }
 
     // A package holding exactly what `fill` puts into a directory, rewritten
@@ -184,14 +187,17 @@ TEST_F(PackageTest, ADeliveredPackageIsInstalledAndItsCheckCodeReported) {
     EXPECT_TRUE(Exists(InstalledPath("0/aicpu_kernels_device/sand_box/libsb_b.so")));
     EXPECT_FALSE(Exists(InstalledPath("0/aicpu_kernels_device/libsb_a.so")));
     EXPECT_FALSE(Exists(Inside("/home/hdc-trusted/dev0/") + kPackageName));
-    EXPECT_FALSE(Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + kPackageName)) << "the staging file is gone";
+    EXPECT_FALSE(Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + kPackageName))
+        << "the staging file is gone";
 
     // The same package again is removed without being unpacked.
     size_t unpacks = sandbox_.Log().Count("Unzip_cmd is");
     Deliver(package);
-    EXPECT_TRUE(sandbox_.Log().WaitFor(
-        "Package checkcode is [" + std::to_string(size) + "], current env checkcode is [" + std::to_string(size), 5s));
-    EXPECT_TRUE(test::WaitFor([&] { return !Exists(Inside("/home/hdc-trusted/dev0/") + kPackageName); }, 5s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("Package checkcode is [" + std::to_string(size) +
+                                           "], current env checkcode is [" + std::to_string(size),
+                                       5s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return !Exists(Inside("/home/hdc-trusted/dev0/") + kPackageName); }, 5s));
     EXPECT_EQ(sandbox_.Log().Count("Unzip_cmd is"), unpacks);
 }
 
@@ -204,8 +210,13 @@ TEST_F(PackageTest, APackageSentThroughAnotherDevicesTrustedDirectoryIsInstalled
     Deliver(package, {"--device", "1"});
     uint32_t size = static_cast<uint32_t>(SizeOf(package));
     std::map<std::string, std::string> env = sandbox_.Env();
-    std::vector<std::string> query = {"/usr/bin/env", "ORV_HDC_SOCKET_1=" + env["ORV_HDC_SOCKET_1"],
-                                      test::BinDir() + "/orv-host", "check-package", "--device", "1", "--json"};
+    std::vector<std::string> query = {"/usr/bin/env",
+                                      "ORV_HDC_SOCKET_1=" + env["ORV_HDC_SOCKET_1"],
+                                      test::BinDir() + "/orv-host",
+                                      "check-package",
+                                      "--device",
+                                      "1",
+                                      "--json"};
     std::string output;
     ASSERT_TRUE(test::WaitFor(
         [&] {
@@ -227,15 +238,17 @@ TEST_F(PackageTest, AStartWaitsForTheInstalledCheckCode) {
     uint32_t size = static_cast<uint32_t>(SizeOf(package));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == size; }, 10s));
     std::string output;
-    const std::string script = "open good\nsend good start --pid 20 --cp --check-code " + std::to_string(size) +
-                               "\nexpect good 8 --code 0 --timeout 10000\n"
-                               "open bad\nsend bad start --pid 21 --cp --check-code " +
-                               std::to_string(size + 1) + "\nexpect bad 8 --code 1 --timeout 40000\n";
+    const std::string script =
+        "open good\nsend good start --pid 20 --cp --check-code " + std::to_string(size) +
+        "\nexpect good 8 --code 0 --timeout 10000\n"
+        "open bad\nsend bad start --pid 21 --cp --check-code " +
+        std::to_string(size + 1) + "\nexpect bad 8 --code 1 --timeout 40000\n";
     EXPECT_EQ(Host(sandbox_, {"session"}, &output, script), 0) << output;
-    EXPECT_THAT(output, HasSubstr("message: \"load aicpu ops package failed, device[0], host pid[21]\""));
+    EXPECT_THAT(output,
+                HasSubstr("message: \"load aicpu ops package failed, device[0], host pid[21]\""));
     EXPECT_TRUE(sandbox_.Log().Contains("Check sum wait 5 second timeout. host check code[" +
-                                        std::to_string(size + 1) + "], device check code[" + std::to_string(size) +
-                                        "]"));
+                                        std::to_string(size + 1) + "], device check code[" +
+                                        std::to_string(size) + "]"));
 }
 
 TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
@@ -248,7 +261,8 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
     // The check code is the package's size, and a package of the installed
     // one's size is taken for it and dropped unread: each bad package below
     // is given a size of its own.
-    std::string tampered = MakePackage("6_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "100"});
+    std::string tampered =
+        MakePackage("6_Velkan512-aicpu_syskernels.tar.gz", {"--pad-bytes", "100"});
     {
         std::fstream file(tampered, std::ios::in | std::ios::out | std::ios::binary);
         file.seekp(static_cast<std::streamoff>(SizeOf(tampered) - 20));
@@ -261,7 +275,8 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
         const char* logged;
     };
     const Case cases[] = {
-        {MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--unsigned"}), "Check head tag failed"},
+        {MakePackage("8_Velkan512-aicpu_syskernels.tar.gz", {"--unsigned"}),
+         "Check head tag failed"},
         {tampered, "Check head tag failed"},
         {truncated, "Check head tag failed"},
         {MakePackage("9_Velkan512-aicpu_syskernels.tar.gz",
@@ -272,8 +287,10 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
         size_t before = sandbox_.Log().Count(c.logged);
         Deliver(c.package);
         std::string name = c.package.substr(c.package.find_last_of('/') + 1);
-        EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count(c.logged) > before; }, 10s)) << name;
-        EXPECT_TRUE(test::WaitFor([&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + name); }, 5s))
+        EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count(c.logged) > before; }, 10s))
+            << name;
+        EXPECT_TRUE(test::WaitFor(
+            [&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf0_") + name); }, 5s))
             << "the package file goes: " << name;
         EXPECT_EQ(CheckCode(), size) << name;
     }
@@ -287,7 +304,8 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
     ASSERT_EQ(test::EmuCtl(sandbox_, {"fail", "halVerifyImg", "7", "1"}, &output), 0) << output;
     size_t refusals = sandbox_.Log().Count("Check head tag failed");
     Deliver(sound);
-    EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Log().Count("Check head tag failed") > refusals; }, 10s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return sandbox_.Log().Count("Check head tag failed") > refusals; }, 10s));
     EXPECT_EQ(CheckCode(), size);
     EXPECT_EQ(test::EmuCtl(sandbox_, {"faults"}, &output), 0);
     EXPECT_EQ(output, "") << "the fault was used";
@@ -297,7 +315,8 @@ TEST_F(PackageTest, BadPackagesAreRefusedAndTheInstalledOneStays) {
     // A name that does not have a package's form is not even looked at.
     std::string stray = MakePackage("Velkan512-aicpu_syskernels.tar.gz");
     Deliver(stray);
-    EXPECT_TRUE(sandbox_.Log().WaitFor("file[Velkan512-aicpu_syskernels.tar.gz] not correct, skip", 5s));
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("file[Velkan512-aicpu_syskernels.tar.gz] not correct, skip", 5s));
     EXPECT_TRUE(Exists(Inside("/home/hdc-trusted/dev0/Velkan512-aicpu_syskernels.tar.gz")));
 }
 
@@ -308,7 +327,8 @@ TEST_F(PackageTest, AVfGetsItsConfigurationAndWatcherAndIsAcknowledged) {
     EXPECT_EQ(output.substr(output.find_last_of('\n', output.size() - 2) + 1), "0\n");
     EXPECT_TRUE(Exists(Inside("/home/hdc-trusted/dev0/vfid2")));
     EXPECT_TRUE(Exists(Inside("/var/aicpu_custom_runner2")));
-    EXPECT_TRUE(sandbox_.Log().Contains("PackSystem command: [cd /var && sudo /var/create_vf_config.sh 2]."));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "PackSystem command: [cd /var && sudo /var/create_vf_config.sh 2]."));
     EXPECT_TRUE(sandbox_.Log().Contains("Creat inotify watcher by vfid[2] succ."));
 
     // Its watcher installs packages for it, under memory-limit control.
@@ -317,11 +337,13 @@ TEST_F(PackageTest, AVfGetsItsConfigurationAndWatcherAndIsAcknowledged) {
     uint32_t size = static_cast<uint32_t>(SizeOf(package));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode(2) == size; }, 10s));
     EXPECT_TRUE(Exists(InstalledPath("2/aicpu_kernels_device/version.info")));
-    std::string limit = test::ReadFile(Inside("/cgroup/memory/usermemory/vf2/memory.limit_in_bytes"));
+    std::string limit =
+        test::ReadFile(Inside("/cgroup/memory/usermemory/vf2/memory.limit_in_bytes"));
     EXPECT_LT(std::stoull(limit), 4294967296ULL) << "the limit gave up the installed size";
-    EXPECT_TRUE(sandbox_.Log().Contains("SetMemoryControlValue command: [cd /var && sudo "
-                                        "/var/orvdaemon_modify_usermemory.sh 2 " +
-                                        std::to_string(std::stoull(limit)) + "]"));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("SetMemoryControlValue command: [cd /var && sudo "
+                                "/var/orvdaemon_modify_usermemory.sh 2 " +
+                                std::to_string(std::stoull(limit)) + "]"));
 
     ASSERT_EQ(EmuCtl(sandbox_, {"vf", "destroy", "2"}, &output), 0) << output;
     EXPECT_EQ(output, "0\n");
@@ -335,7 +357,8 @@ TEST_F(PackageTest, AFailingVfScriptIsAcknowledgedWithMinusOneAndLeavesNoWatcher
     ASSERT_EQ(EmuCtl(sandbox_, {"vf-script-faults", "create"}, &output), 0);
     ASSERT_EQ(EmuCtl(sandbox_, {"vf", "create", "4"}, &output), 0) << output;
     EXPECT_EQ(output, "-1\n");
-    EXPECT_TRUE(sandbox_.Log().Contains("ProcessCreatVfEvent failed, command: [cd /var && sudo /var/create_vf_config.sh 4]"));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "ProcessCreatVfEvent failed, command: [cd /var && sudo /var/create_vf_config.sh 4]"));
     ASSERT_EQ(EmuCtl(sandbox_, {"vf-script-faults"}, &output), 0);
     // No watcher was made: destroying the VF finds none.
     ASSERT_EQ(EmuCtl(sandbox_, {"vf", "destroy", "4"}, &output), 0) << output;
@@ -372,22 +395,27 @@ TEST_F(PackageTest, AVfWithoutMemoryRoomRefusesAFirstInstall) {
     Boot({"--vfs", "3", "--vf-memory-limit", "1000000000", "--vf-memory-usage", "895142400"});
     std::string package = MakePackage(kPackageName);
     Deliver(package, {"--vf", "3"});
-    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon] vfid[3] has no enough space(less than 150M), max:[1000000000] "
-                                       "byte, used:[895142400] byte.",
-                                       10s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "[OrvDaemon] vfid[3] has no enough space(less than 150M), max:[1000000000] "
+        "byte, used:[895142400] byte.",
+        10s));
     EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Set or check memory limit failed"));
     EXPECT_EQ(CheckCode(3), 0u);
     EXPECT_FALSE(Exists(InstalledPath("3")));
-    EXPECT_TRUE(test::WaitFor([&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf3_") + kPackageName); }, 5s));
-    EXPECT_EQ(test::ReadFile(Inside("/cgroup/memory/usermemory/vf3/memory.limit_in_bytes")), "1000000000\n");
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return !Exists(Inside("/home/QelvarUser/aicpu_kernels/vf3_") + kPackageName); }, 5s));
+    EXPECT_EQ(test::ReadFile(Inside("/cgroup/memory/usermemory/vf3/memory.limit_in_bytes")),
+              "1000000000\n");
 }
 
 TEST_F(PackageTest, VfsPresentAtStartGetTheirWatchersThenAndTheirOldKernelsCleared) {
     Boot({"--vfs", "1,12"});
     EXPECT_TRUE(sandbox_.Log().Contains("Creat physical inotify watcher success."));
     EXPECT_TRUE(sandbox_.Log().Contains("Inoitfy path on vfid[1] is /home/hdc-trusted/dev0/vfid1"));
-    EXPECT_TRUE(sandbox_.Log().Contains("Inoitfy path on vfid[12] is /home/hdc-trusted/dev0/vfid12"));
-    EXPECT_TRUE(sandbox_.Log().Contains("Delete file in path[/usr/lib64/aicpu_kernels/12] success."));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("Inoitfy path on vfid[12] is /home/hdc-trusted/dev0/vfid12"));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("Delete file in path[/usr/lib64/aicpu_kernels/12] success."));
     EXPECT_EQ(sandbox_.Stop(), 0);
     EXPECT_EQ(sandbox_.Log().Count("is nullptr, skip destroy"), 14u);
 }
@@ -402,7 +430,8 @@ TEST_F(PackageTest, TheEnvironmentScriptReachesTheDaemonAndItsSubProcesses) {
     Boot({"--env-script", script, "--env", "STARTUP_QS=1"});
     EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Set [DATAMASTER_RUN_MODE] to [0]."));
     std::string output;
-    EXPECT_EQ(Host(sandbox_, {"session"}, &output, "open a\nsend a start-qs --pid 5\nexpect a 8 --code 0 --timeout 10000\n"),
+    EXPECT_EQ(Host(sandbox_, {"session"}, &output,
+                   "open a\nsend a start-qs --pid 5\nexpect a 8 --code 0 --timeout 10000\n"),
               0)
         << output;
     std::vector<test::StandinRecord> queues = test::StandinRecordsOfKind(sandbox_, 3);
@@ -417,14 +446,17 @@ TEST_F(PackageTest, NoStringFromAHostReachesAShell) {
     // Blank-free, so that each is one word of the host's script; the log
     // level and the group name are short enough to be taken.
     const std::string evil =
-        "x;touch${IFS}/run/pwned_a;$(touch${IFS}/run/pwned_b)`touch${IFS}/run/pwned_c`|tee${IFS}/run/pwned_d&&";
+        "x;touch${IFS}/run/pwned_a;$(touch${IFS}/run/pwned_b)`touch${IFS}/run/pwned_c`|tee${IFS}/"
+        "run/pwned_d&&";
     const std::string evilLevel = "$(touch${IFS}/run/pwned_l)";
     const std::string evilGroup = "`touch${IFS}/run/pwned_g`";
     std::string script = "open a\n";
-    for (const char* request : {"start", "start-qs", "profiling", "close", "check-package", "test"}) {
+    for (const char* request :
+         {"start", "start-qs", "profiling", "close", "check-package", "test"}) {
         for (const char* vf : {"0", "1"}) {
-            script += std::string("send a ") + request + " --pid 7 --vf " + vf + " --cp --zarn --sign " + evil +
-                      " --log-level " + evilLevel + " --group " + evilGroup + "\nsleep 200\n";
+            script += std::string("send a ") + request + " --pid 7 --vf " + vf +
+                      " --cp --zarn --sign " + evil + " --log-level " + evilLevel + " --group " +
+                      evilGroup + "\nsleep 200\n";
         }
     }
     std::string output;
@@ -698,7 +730,8 @@ TEST_F(PackageTest, AFileSwappedForALinkAfterItsCloseIsRefusedAndItsTargetUntouc
     };
     const std::vector<Swap> swaps = {
         {"11_" + std::string(kArchiveName), "/home/victim/secret", false},
-        {"12_" + std::string(kArchiveName), "/home/victim/8_Velkan512-aicpu_syskernels.tar.gz", false},
+        {"12_" + std::string(kArchiveName), "/home/victim/8_Velkan512-aicpu_syskernels.tar.gz",
+         false},
         {"13_" + std::string(kArchiveName), Inside("/home/victim/secret"), true},
     };
     for (const Swap& swap : swaps) {

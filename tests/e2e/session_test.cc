@@ -17,13 +17,13 @@ namespace orv {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using test::EmuCtl;
 using test::Host;
 using test::SandboxRun;
 using test::StandinRecord;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 constexpr uint32_t kZarn = 0;
 constexpr uint32_t kCompute = 1;
@@ -31,7 +31,7 @@ constexpr uint32_t kCustom = 2;
 constexpr uint32_t kQueue = 3;
 
 class SessionTest : public ::testing::Test {
-protected:
+  protected:
     void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
 
     // Runs a session script; fails the test when a step's expectation fails.
@@ -43,10 +43,14 @@ protected:
 
     void Standin(const std::string& kind, const std::string& behaviour, int delayMs = 0) {
         std::string output;
-        ASSERT_EQ(EmuCtl(sandbox_, {"standin", kind, behaviour, std::to_string(delayMs)}, &output), 0) << output;
+        ASSERT_EQ(EmuCtl(sandbox_, {"standin", kind, behaviour, std::to_string(delayMs)}, &output),
+                  0)
+            << output;
     }
 
-    std::vector<StandinRecord> OfKind(uint32_t kind) { return test::StandinRecordsOfKind(sandbox_, kind); }
+    std::vector<StandinRecord> OfKind(uint32_t kind) {
+        return test::StandinRecordsOfKind(sandbox_, kind);
+    }
 
     bool Running(const std::string& name) { return sandbox_.Enter({"pidof", name}) == 0; }
 
@@ -100,9 +104,10 @@ TEST_F(SessionTest, ComputeAndCollectiveServiceAreAnsweredOnceBothReported) {
         "expect-none a --timeout 1000\n");
     ASSERT_EQ(OfKind(kZarn).size(), 1u);
     ASSERT_EQ(OfKind(kCompute).size(), 1u);
-    EXPECT_TRUE(sandbox_.Log().InOrder({"EventSer->ORV RspMsg device index in os[0] Start Rsp procType[1]",
-                                        "EventSer->ORV RspMsg device index in os[0] Start Rsp procType[0]",
-                                        "[OrvEVENT] #### Start Rsp ORV->FMK device index in os[0]"}));
+    EXPECT_TRUE(
+        sandbox_.Log().InOrder({"EventSer->ORV RspMsg device index in os[0] Start Rsp procType[1]",
+                                "EventSer->ORV RspMsg device index in os[0] Start Rsp procType[0]",
+                                "[OrvEVENT] #### Start Rsp ORV->FMK device index in os[0]"}));
     EXPECT_EQ(sandbox_.Log().Count("[OrvEVENT] #### Start Rsp ORV->FMK"), 1u);
 }
 
@@ -138,7 +143,8 @@ TEST_F(SessionTest, AStartNotReportedInTimeIsAnsweredOnceWithWhatIsMissing) {
     Standin("compute", "delay-start", 28000);
     auto link = Hold();
     auto started = std::chrono::steady_clock::now();
-    HDCMessage reply = Ask(*link, HDCMessage::ORV_START_PROC_MSG, 70, true, HDCMessage::ORV_START_PROC_RSP, 40s);
+    HDCMessage reply =
+        Ask(*link, HDCMessage::ORV_START_PROC_MSG, 70, true, HDCMessage::ORV_START_PROC_RSP, 40s);
     auto waited = std::chrono::steady_clock::now() - started;
     EXPECT_EQ(reply.orv_rsp_code(), 1u);
     EXPECT_EQ(reply.error_info().message(), " aicpu init failed, device[0], host pid[70]");
@@ -150,14 +156,16 @@ TEST_F(SessionTest, AStartNotReportedInTimeIsAnsweredOnceWithWhatIsMissing) {
 }
 
 TEST_F(SessionTest, EveryKindIsLaunchedAsTheLaunchTableSays) {
-    Boot({"--env", "AICPU_ADD_BUFFERGROUP=1", "--env", "DATAMASTER_RUN_MODE=0", "--env", "QS_RESCHED_INTEVAL=7"});
+    Boot({"--env", "AICPU_ADD_BUFFERGROUP=1", "--env", "DATAMASTER_RUN_MODE=0", "--env",
+          "QS_RESCHED_INTEVAL=7"});
     std::string output;
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "create", "HOSTGRP"}, &output), 0) << output;
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "add", "HOSTGRP", "80"}, &output), 0) << output;
     Standin("compute", "ask-custom", 200);
     Session(
         "open vf3\n"
-        "send vf3 start --pid 80 --vf 3 --cp --sign SIG80 --profiling 2 --log-level 104 --device-mode 0\n"
+        "send vf3 start --pid 80 --vf 3 --cp --sign SIG80 --profiling 2 --log-level 104 "
+        "--device-mode 0\n"
         "expect vf3 8 --code 0 --timeout 10000\n"
         "open zarn\n"
         "send zarn start --pid 81 --zarn --sign SIG81\n"
@@ -171,9 +179,9 @@ TEST_F(SessionTest, EveryKindIsLaunchedAsTheLaunchTableSays) {
     ASSERT_EQ(computes.size(), 1u);
     const StandinRecord& compute = computes[0];
     EXPECT_THAT(compute.argv,
-                ElementsAre("aicpu_runner", "--deviceId=0", "--pid=80", "--pidSign=SIG80", "--profilingMode=2",
-                            "--vfId=3", "--logLevelInPid=104", "--deviceMode=0", "--groupNameList=HOSTGRP",
-                            "--groupNameNum=1"));
+                ElementsAre("aicpu_runner", "--deviceId=0", "--pid=80", "--pidSign=SIG80",
+                            "--profilingMode=2", "--vfId=3", "--logLevelInPid=104",
+                            "--deviceMode=0", "--groupNameList=HOSTGRP", "--groupNameNum=1"));
     EXPECT_THAT(compute.env,
                 ElementsAre("LD_LIBRARY_PATH=/usr/lib64/aicpu_kernels/3/aicpu_kernels_device/:"
                             "/usr/lib64/aicpu_kernels/3/aicpu_kernels_device/sand_box/:",
@@ -183,23 +191,25 @@ TEST_F(SessionTest, EveryKindIsLaunchedAsTheLaunchTableSays) {
 
     std::vector<StandinRecord> zarns = OfKind(kZarn);
     ASSERT_EQ(zarns.size(), 1u);
-    EXPECT_THAT(zarns[0].argv,
-                ElementsAre("zarn_service.bin", "--deviceId=0", "--pid=81", "--pidSign=SIG81", "--logLevelInPid=103"));
+    EXPECT_THAT(zarns[0].argv, ElementsAre("zarn_service.bin", "--deviceId=0", "--pid=81",
+                                           "--pidSign=SIG81", "--logLevelInPid=103"));
     EXPECT_THAT(zarns[0].env, IsEmpty());
     EXPECT_THAT(zarns[0].affinity, ElementsAre(0));
 
     std::vector<StandinRecord> queues = OfKind(kQueue);
     ASSERT_EQ(queues.size(), 1u);
-    EXPECT_THAT(queues[0].argv, ElementsAre("queue_runner", "--deployMode=1", "--reschedInterval=7", "--deviceId=0",
-                                            "--vfId=0", "--pidSign=", "--qsInitGroupName=HOSTGRP", "--pid=82"));
+    EXPECT_THAT(queues[0].argv,
+                ElementsAre("queue_runner", "--deployMode=1", "--reschedInterval=7", "--deviceId=0",
+                            "--vfId=0", "--pidSign=", "--qsInitGroupName=HOSTGRP", "--pid=82"));
     EXPECT_THAT(queues[0].env, IsEmpty());
     EXPECT_THAT(queues[0].groups, ElementsAre("HOSTGRP 15"));
 
     std::vector<StandinRecord> customs = OfKind(kCustom);
     ASSERT_EQ(customs.size(), 1u);
     EXPECT_THAT(customs[0].argv,
-                ElementsAre("aicpu_custom_runner", "--deviceId=0", "--pid=80", "--pidSign=SIG80", "--profilingMode=2",
-                            "--custSoPath=", "--aicpuPid=" + std::to_string(compute.pid), "--logLevelInPid=104",
+                ElementsAre("aicpu_custom_runner", "--deviceId=0", "--pid=80", "--pidSign=SIG80",
+                            "--profilingMode=2", "--custSoPath=",
+                            "--aicpuPid=" + std::to_string(compute.pid), "--logLevelInPid=104",
                             "--vfId=3", "--groupNameList=", "--groupNameNum=0"));
     EXPECT_THAT(customs[0].env, IsEmpty());
     EXPECT_THAT(customs[0].affinity, ElementsAre(0));
@@ -253,15 +263,21 @@ TEST_F(SessionTest, ACloseSentTheMomentTheStartIsAnsweredIsAnswered) {
         const std::string start = cycle % 2 == 0 ? "start --cp" : "start-qs";
         ASSERT_EQ(EmuCtl(sandbox_, {"group", "add", "HOSTGRP", pid}, &output), 0) << output;
         ASSERT_EQ(EmuCtl(sandbox_, {"slow", "halGrpAddProc", "400"}, &output), 0) << output;
-        Session("open a\n"
-                "send a " + start + " --pid " + pid + "\n"
-                "expect a 8 --code 0 --timeout 10000\n"
-                "send a close --pid " + pid + "\n"
-                "expect a 9 --code 0 --timeout 8000\n"
-                "expect-closed a\n");
+        Session(
+            "open a\n"
+            "send a " +
+            start + " --pid " + pid +
+            "\n"
+            "expect a 8 --code 0 --timeout 10000\n"
+            "send a close --pid " +
+            pid +
+            "\n"
+            "expect a 9 --code 0 --timeout 8000\n"
+            "expect-closed a\n");
     }
     EXPECT_FALSE(sandbox_.Log().Contains("closing began during the start"));
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner") && !Running("queue_runner"); }, 5s));
+    EXPECT_TRUE(
+        test::WaitFor([&] { return !Running("aicpu_runner") && !Running("queue_runner"); }, 5s));
     for (uint32_t kind : {kCompute, kQueue}) {
         for (const StandinRecord& record : OfKind(kind)) {
             EXPECT_THAT(record.groups, ::testing::Contains(::testing::StartsWith(
@@ -298,9 +314,12 @@ TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
     Boot();
     Standin("compute", "ask-custom", 200);
     auto link = Hold();
-    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 54, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 54, true, HDCMessage::ORV_START_PROC_RSP)
+                  .orv_rsp_code(),
+              0u);
     // The compute process asks once, and once more when the custom process runs.
-    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1 && !OfKind(kCustom)[0].notes.empty(); }, 10s));
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return OfKind(kCustom).size() == 1 && !OfKind(kCustom)[0].notes.empty(); }, 10s));
     ASSERT_TRUE(test::WaitFor(
         [&] {
             std::vector<StandinRecord> computes = OfKind(kCompute);
@@ -314,11 +333,14 @@ TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
     profiling.set_profiling_mode(9);
     HDCMessage reply;
     ASSERT_TRUE(link->Send(profiling));
-    ASSERT_EQ(link->Await(HDCMessage::ORV_UPDATE_PROIFILING_RSP, &reply, 10s), host::Received::kMessage);
+    ASSERT_EQ(link->Await(HDCMessage::ORV_UPDATE_PROIFILING_RSP, &reply, 10s),
+              host::Received::kMessage);
     EXPECT_EQ(reply.orv_rsp_code(), 0u);
     // Each process notes the profiling change when it reads it.
-    EXPECT_TRUE(test::WaitFor([&] { return OfKind(kCompute)[0].Has("profiling 9 host_pid 54 sub 4"); }, 5s));
-    EXPECT_TRUE(test::WaitFor([&] { return OfKind(kCustom)[0].Has("profiling 9 host_pid 54 sub 12"); }, 5s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return OfKind(kCompute)[0].Has("profiling 9 host_pid 54 sub 4"); }, 5s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return OfKind(kCustom)[0].Has("profiling 9 host_pid 54 sub 12"); }, 5s));
     StandinRecord compute = OfKind(kCompute)[0];
     StandinRecord custom = OfKind(kCustom)[0];
     EXPECT_EQ(compute.Count("custom_started " + std::to_string(custom.pid)), 1u)
@@ -345,11 +367,14 @@ TEST_F(SessionTest, AKernelTimeOutOfTheCustomProcessEndsOnlyIt) {
     Standin("compute", "ask-custom", 200);
     Standin("custom", "kernel-timeout", 300);
     auto link = Hold();
-    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 56, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 56, true, HDCMessage::ORV_START_PROC_RSP)
+                  .orv_rsp_code(),
+              0u);
     ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 5s));
     EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_custom_runner"); }, 5s));
     EXPECT_TRUE(Running("aicpu_runner"));
-    EXPECT_EQ(Ask(*link, HDCMessage::ORV_UPDATE_PROIFILING_MSG, 56, false, HDCMessage::ORV_UPDATE_PROIFILING_RSP)
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_UPDATE_PROIFILING_MSG, 56, false,
+                  HDCMessage::ORV_UPDATE_PROIFILING_RSP)
                   .orv_rsp_code(),
               0u)
         << "the session is still there";
@@ -366,8 +391,10 @@ TEST_F(SessionTest, AKernelTimeOutOfTheComputeProcessEndsTheSession) {
         "expect-closed a --timeout 5000\n");
     // Both lines follow the clean-up, which the host may see end before them.
     EXPECT_TRUE(sandbox_.Log().WaitFor("kernel execute time out.", 5s));
-    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon] Success to delete OrvImpl with deviceId[0] vfId[0] hostPid[57].", 5s));
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner") && !Running("zarn_service.bin"); }, 5s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "[OrvDaemon] Success to delete OrvImpl with deviceId[0] vfId[0] hostPid[57].", 5s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return !Running("aicpu_runner") && !Running("zarn_service.bin"); }, 5s));
     // The session is gone: the host pid is unknown now.
     Session(
         "open b\n"
@@ -380,7 +407,9 @@ TEST_F(SessionTest, AKernelTimeOutOfTheComputeProcessEndsTheSession) {
 TEST_F(SessionTest, MalformedAndStrayRecordsAreDroppedWithTheirLogLines) {
     Boot();
     auto link = Hold();
-    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 100, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 100, true, HDCMessage::ORV_START_PROC_RSP)
+                  .orv_rsp_code(),
+              0u);
     ASSERT_EQ(OfKind(kCompute).size(), 1u);
     const std::string compute = std::to_string(OfKind(kCompute)[0].pid);
     struct Case {
@@ -388,12 +417,16 @@ TEST_F(SessionTest, MalformedAndStrayRecordsAreDroppedWithTheirLogLines) {
         const char* logged;
     };
     const Case cases[] = {
-        {{"0", "--length", "127", "--host-pid", "100"}, "Incorrect msg length[127], correct msg length[128]"},
-        {{"1", "--length", "129", "--host-pid", "100"}, "Incorrect msg length[129], correct msg length[128]"},
+        {{"0", "--length", "127", "--host-pid", "100"},
+         "Incorrect msg length[127], correct msg length[128]"},
+        {{"1", "--length", "129", "--host-pid", "100"},
+         "Incorrect msg length[129], correct msg length[128]"},
         {{"2", "--length", "127", "--host-pid", "100"},
          "Incorrect msg length[127],correct msg length[128] for OrvCustStartEventInfo"},
-        {{"0", "--host-pid", "999"}, "Get OrvImpl in deviceId[0] hostPid[999] vfId[0] is nullptr, skip"},
-        {{"0", "--host-pid", "100", "--proc-type", "4"}, "Check subProcPid fail, skip event server to orv process."},
+        {{"0", "--host-pid", "999"},
+         "Get OrvImpl in deviceId[0] hostPid[999] vfId[0] is nullptr, skip"},
+        {{"0", "--host-pid", "100", "--proc-type", "4"},
+         "Check subProcPid fail, skip event server to orv process."},
         {{"3", "--host-pid", "100"}, "[OrvDaemon] Error invalid subEvnetid[3] recieved."},
     };
     for (const Case& c : cases) {
@@ -403,7 +436,8 @@ TEST_F(SessionTest, MalformedAndStrayRecordsAreDroppedWithTheirLogLines) {
         ASSERT_EQ(EmuCtl(sandbox_, args, &output), 0) << output;
         EXPECT_TRUE(sandbox_.Log().WaitFor(c.logged, 5s)) << c.logged;
     }
-    EXPECT_EQ(sandbox_.Log().Count("[OrvEVENT] #### Start Rsp ORV->FMK"), 1u) << "nothing was answered again";
+    EXPECT_EQ(sandbox_.Log().Count("[OrvEVENT] #### Start Rsp ORV->FMK"), 1u)
+        << "nothing was answered again";
 }
 
 // A close report's pid is the sub-process's word; one that is no process's
@@ -412,16 +446,23 @@ TEST_F(SessionTest, MalformedAndStrayRecordsAreDroppedWithTheirLogLines) {
 TEST_F(SessionTest, ACloseReportWithAnImpossiblePidSignalsNothing) {
     Boot();
     auto link = Hold();
-    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 100, true, HDCMessage::ORV_START_PROC_RSP).orv_rsp_code(), 0u);
+    EXPECT_EQ(Ask(*link, HDCMessage::ORV_START_PROC_MSG, 100, true, HDCMessage::ORV_START_PROC_RSP)
+                  .orv_rsp_code(),
+              0u);
     std::string output;
-    ASSERT_EQ(EmuCtl(sandbox_, {"inject-event", "1", "--host-pid", "100", "--proc-type", "1", "--src-pid", "4294967295"},
+    ASSERT_EQ(EmuCtl(sandbox_,
+                     {"inject-event", "1", "--host-pid", "100", "--proc-type", "1", "--src-pid",
+                      "4294967295"},
                      &output),
               0)
         << output;
-    EXPECT_TRUE(sandbox_.Log().WaitFor("from pid[4294967295] for deviceId[0] hostPid[100] vfId[0] comes from none", 5s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "from pid[4294967295] for deviceId[0] hostPid[100] vfId[0] comes from none", 5s));
     HDCMessage reply;
-    EXPECT_EQ(link->Next(&reply, 1s), host::Received::kTimeout) << "answered: " << reply.ShortDebugString();
-    EXPECT_EQ(EmuCtl(sandbox_, {"devices"}, &output), 0) << "the card emulator was killed: " << output;
+    EXPECT_EQ(link->Next(&reply, 1s), host::Received::kTimeout)
+        << "answered: " << reply.ShortDebugString();
+    EXPECT_EQ(EmuCtl(sandbox_, {"devices"}, &output), 0)
+        << "the card emulator was killed: " << output;
     EXPECT_FALSE(sandbox_.Log().Contains("need to be killed"));
     EXPECT_TRUE(Running("aicpu_runner"));
 }
@@ -454,7 +495,10 @@ TEST_F(SessionTest, ACrashedCollectiveServiceDropsTheLinkOnceAndFreesItsBuffers)
     // The buffers are released after the link is dropped.
     const std::string recycled = "recycled " + std::to_string(zarns[0].pid) + " times";
     EXPECT_TRUE(test::WaitFor(
-        [&] { return test::ShowGroups(sandbox_.ControlSocket()).find(recycled) != std::string::npos; }, 5s))
+        [&] {
+            return test::ShowGroups(sandbox_.ControlSocket()).find(recycled) != std::string::npos;
+        },
+        5s))
         << test::ShowGroups(sandbox_.ControlSocket());
     // The dropped link ends the session: the compute process goes too.
     EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s));
@@ -468,15 +512,17 @@ TEST_F(SessionTest, AHostThatDropsItsLinkMidStartLeavesNoSubProcess) {
         "send a start --pid 61 --cp --zarn\n"
         "sleep 300\n"
         "drop a\n");
-    EXPECT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner") && !Running("zarn_service.bin"); }, 10s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return !Running("aicpu_runner") && !Running("zarn_service.bin"); }, 10s));
     EXPECT_TRUE(sandbox_.Log().Contains("AbnormalMsgProc begin."));
 }
 
 TEST_F(SessionTest, ManyStartsAndClosesLeaveNoZombieThreadOrDescriptorBehind) {
     Boot();
     pid_t daemon = test::DaemonPid(sandbox_);
-    Session("open a\nsend a start --pid 1 --cp --zarn\nexpect a 8 --code 0 --timeout 10000\n"
-            "send a close --pid 1\nexpect a 9 --timeout 10000\nexpect-closed a\n");
+    Session(
+        "open a\nsend a start --pid 1 --cp --zarn\nexpect a 8 --code 0 --timeout 10000\n"
+        "send a close --pid 1\nexpect a 9 --timeout 10000\nexpect-closed a\n");
     std::this_thread::sleep_for(500ms);
     size_t threads = test::ThreadCount(daemon);
     size_t descriptors = test::DescriptorCount(daemon);
@@ -484,13 +530,18 @@ TEST_F(SessionTest, ManyStartsAndClosesLeaveNoZombieThreadOrDescriptorBehind) {
     for (int i = 0; i < 20; ++i) {
         std::string link = "l" + std::to_string(i);
         std::string pid = std::to_string(1000 + i);
-        script += "open " + link + "\nsend " + link + " start --pid " + pid + " --cp --zarn\nexpect " + link +
-                  " 8 --code 0 --timeout 10000\nsend " + link + " close --pid " + pid + "\nexpect " + link +
+        script += "open " + link + "\nsend " + link + " start --pid " + pid +
+                  " --cp --zarn\nexpect " + link + " 8 --code 0 --timeout 10000\nsend " + link +
+                  " close --pid " + pid + "\nexpect " + link +
                   " 9 --code 0 --timeout 10000\nexpect-closed " + link + "\n";
     }
     Session(script);
     EXPECT_TRUE(test::WaitFor(
-        [&] { return test::ThreadCount(daemon) <= threads && test::DescriptorCount(daemon) <= descriptors; }, 10s))
+        [&] {
+            return test::ThreadCount(daemon) <= threads &&
+                   test::DescriptorCount(daemon) <= descriptors;
+        },
+        10s))
         << "threads " << test::ThreadCount(daemon) << " (were " << threads << "), descriptors "
         << test::DescriptorCount(daemon) << " (were " << descriptors << ")";
     std::string states;

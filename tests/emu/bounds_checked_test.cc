@@ -56,7 +56,8 @@ TEST(BoundsCheckedTest, SprintfFailsInsteadOfTruncating) {
     EXPECT_TRUE(dest.GuardsIntact());
 }
 
-int Format(char* dest, size_t destMax, size_t count, const char* fmt, ...) __attribute__((format(printf, 4, 5)));
+int Format(char* dest, size_t destMax, size_t count, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
 int Format(char* dest, size_t destMax, size_t count, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);

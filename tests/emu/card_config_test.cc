@@ -64,7 +64,8 @@ TEST(CardConfigTest, ControlCpusAreNumberedAsThePlatformNumbersThem) {
 }
 
 TEST(CardConfigTest, MalformedDescriptionsAreRefusedWithAReason) {
-    const char* bad[] = {"ai:1:1", "2=ai:1:1", "x=ai:1:1", "0=gpu:1:1", "0=ai:1", "0=ai:-1:1", "0=ai:one:1"};
+    const char* bad[] = {"ai:1:1", "2=ai:1:1",  "x=ai:1:1",  "0=gpu:1:1",
+                         "0=ai:1", "0=ai:-1:1", "0=ai:one:1"};
     for (const char* spec : bad) {
         CardConfig config = CardConfig::WithDevices(2);
         std::string error;

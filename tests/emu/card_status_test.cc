@@ -77,10 +77,12 @@ TEST(CardStatusTest, TheSessionBoardFollowsEachSessionFromOpenToClose) {
     board.Opened(3, 1);
     // Written by the board's own thread, without a Flush.
     std::string text;
-    ASSERT_TRUE(test::WaitFor([&] {
-        text = test::ReadFile(dir + "/sessions");
-        return !text.empty();
-    }, std::chrono::seconds(5)));
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            text = test::ReadFile(dir + "/sessions");
+            return !text.empty();
+        },
+        std::chrono::seconds(5)));
     EXPECT_THAT(text, ::testing::MatchesRegex(
                           "session 3 device 1 vf 0 host_pid 0 opened_ms [0-9]+ since_ms 0 "
                           "last_type 0\n"));

@@ -56,15 +56,16 @@ size_t CountOf(HDCMessage::MsgType type) {
 }
 
 class HdcTransportTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         card_.UseAsDriver();
         hdcDir_ = test::MakeTempDir("orv-hdc");
         setenv("ORV_EMU_HDC_DIR", hdcDir_.c_str(), 1);
         // The test's own handlers stand in for the daemon's.
         MessageParseServer* dispatcher = MessageParseServer::GetInstance();
-        for (HDCMessage::MsgType type : {HDCMessage::ORV_START_PROC_MSG, HDCMessage::ORV_CLOSE_PROC_MSG,
-                                         HDCMessage::SOCKET_CLOSED, HDCMessage::ORV_CHECK_PACKAGE}) {
+        for (HDCMessage::MsgType type :
+             {HDCMessage::ORV_START_PROC_MSG, HDCMessage::ORV_CLOSE_PROC_MSG,
+              HDCMessage::SOCKET_CLOSED, HDCMessage::ORV_CHECK_PACKAGE}) {
             dispatcher->RegisterMsgProcess(type, Record);
         }
         dispatcher->RegisterMsgProcess(HDCMessage::TEST_HDC_SEND, ReplyThenClose);
@@ -82,7 +83,8 @@ protected:
     }
     std::unique_ptr<host::HostLink> Connect(uint32_t device) {
         std::string error;
-        auto link = host::HostLink::Connect(hdcDir_ + "/dev" + std::to_string(device) + ".sock", &error);
+        auto link =
+            host::HostLink::Connect(hdcDir_ + "/dev" + std::to_string(device) + ".sock", &error);
         EXPECT_NE(link, nullptr) << error;
         return link;
     }
@@ -109,7 +111,8 @@ TEST_F(HdcTransportTest, ServersExistOnlyForTheCardsDevices) {
 TEST_F(HdcTransportTest, MessagesArriveInOrderAndEverySessionEndIsReportedOnceWithItsLastRequest) {
     auto link = Connect(1);
     ASSERT_TRUE(link->Send(Request(HDCMessage::ORV_START_PROC_MSG, 1, -3, 500)));
-    ASSERT_TRUE(link->Send(Request(HDCMessage::ORV_CHECK_PACKAGE, 1, 7, 999)));  // not a framework request
+    ASSERT_TRUE(
+        link->Send(Request(HDCMessage::ORV_CHECK_PACKAGE, 1, 7, 999)));  // not a framework request
     ASSERT_TRUE(link->Send(Request(HDCMessage::ORV_CLOSE_PROC_MSG, 1, -3, 501)));
     link->Drop();
     ASSERT_TRUE(test::WaitFor([] { return CountOf(HDCMessage::SOCKET_CLOSED) == 1; }, 5s));
@@ -162,7 +165,8 @@ TEST_F(HdcTransportTest, ClosingFromTheReceiveThreadDeliversTheReplyFirst) {
     EXPECT_EQ(reply.type(), HDCMessage::TEST_HDC_RSP);
     EXPECT_EQ(link->Next(&reply, 5s), host::Received::kClosed);
     ASSERT_TRUE(test::WaitFor([] { return CountOf(HDCMessage::SOCKET_CLOSED) == 1; }, 5s));
-    EXPECT_EQ(HdcCommon::SendMsg(Deliveries()[0].sessionId, reply), 1u) << "a closed session takes no more";
+    EXPECT_EQ(HdcCommon::SendMsg(Deliveries()[0].sessionId, reply), 1u)
+        << "a closed session takes no more";
 }
 
 TEST_F(HdcTransportTest, BadFramesEndTheirSessionAndNoOther) {

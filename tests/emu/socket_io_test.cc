@@ -12,7 +12,7 @@ namespace orv::emu {
 namespace {
 
 class FramingTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
     void TearDown() override {
         close(fds_[0]);
@@ -20,7 +20,9 @@ protected:
             close(fds_[1]);
         }
     }
-    void WriteRaw(const std::string& bytes) { ASSERT_TRUE(WriteFull(fds_[1], bytes.data(), bytes.size())); }
+    void WriteRaw(const std::string& bytes) {
+        ASSERT_TRUE(WriteFull(fds_[1], bytes.data(), bytes.size()));
+    }
     void CloseWriter() {
         close(fds_[1]);
         fds_[1] = -1;

@@ -17,7 +17,7 @@ using test::InjectFault;
 using test::InsideControlSocket;
 
 class OrvEventServerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_EQ(OrvDrvManager::GetInstance()->Init(), 0u); }
     void TearDown() override { server_->Destroy(); }
     OrvEventServer* server_ = OrvEventServer::GetInstance();
@@ -27,7 +27,8 @@ TEST_F(OrvEventServerTest, EachDeviceGetsAWorkerWithAGroupOfItsOwn) {
     test::LogCapture log;
     ASSERT_EQ(server_->Init(3), 0u);
     for (int group = 0; group < 3; ++group) {
-        EXPECT_TRUE(log.WaitFor("[OrvEventServer] subscribe event on dev[0] group[" + std::to_string(group) + "]", 5s));
+        EXPECT_TRUE(log.WaitFor(
+            "[OrvEventServer] subscribe event on dev[0] group[" + std::to_string(group) + "]", 5s));
     }
     EXPECT_TRUE(log.Contains("Dev[0] begin subscribe event mask[524288][19]."));
     server_->Destroy();
@@ -39,9 +40,11 @@ TEST_F(OrvEventServerTest, AWorkerGivesUpOnlyOnTheSchedulersFatalCodes) {
     test::LogCapture log;
     InjectFault(InsideControlSocket(), "halEschedWaitEvent", 5, 1);
     ASSERT_EQ(server_->Init(1), 0u);
-    EXPECT_TRUE(log.WaitFor("Failed to call halEschedWaitEvent, error code[5], deviceId[0], groupId[0]", 5s));
+    EXPECT_TRUE(log.WaitFor(
+        "Failed to call halEschedWaitEvent, error code[5], deviceId[0], groupId[0]", 5s));
     InjectFault(InsideControlSocket(), "halEschedWaitEvent", 42, 1);
-    EXPECT_TRUE(log.WaitFor("Failed to call halEschedWaitEvent, error code=42, deviceId[0], groupId[0]", 10s));
+    EXPECT_TRUE(log.WaitFor(
+        "Failed to call halEschedWaitEvent, error code=42, deviceId[0], groupId[0]", 10s));
     EXPECT_TRUE(log.WaitFor("[OrvEventServer] Exit wait event thread on dev[0] group[0]", 5s));
     EXPECT_TRUE(server_->IsRunning()) << "a worker that ends does not stop the server";
     EXPECT_FALSE(log.Contains("error code[16]")) << "time-outs are quiet";
@@ -54,30 +57,34 @@ TEST_F(OrvEventServerTest, AFailedRegistrationUndoesTheAttachAndStartsNoWorker) 
     EXPECT_TRUE(log.Contains("halRegisterVmngClient dev[0] failed, result[3]."));
     emu::CardRequest request;
     request.mutable_show_events();
-    EXPECT_THAT(test::Control(InsideControlSocket(), request).text(), ::testing::HasSubstr("detach pid"));
+    EXPECT_THAT(test::Control(InsideControlSocket(), request).text(),
+                ::testing::HasSubstr("detach pid"));
     EXPECT_FALSE(log.Contains("OrvEventServer begin start thread"));
 }
 
 // A worker whose group cannot be made, or whose subscription fails, ends
 // alone; the other serves its device. Each case runs in a card of its own.
-class OrvEventServerSetUpFaultTest : public OrvEventServerTest,
-                                     public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+class OrvEventServerSetUpFaultTest
+    : public OrvEventServerTest,
+      public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
 TEST_P(OrvEventServerSetUpFaultTest, AWorkerThatCannotSetUpEndsAlone) {
     test::LogCapture log;
     InjectFault(InsideControlSocket(), GetParam().first, 5, 1);
     ASSERT_EQ(server_->Init(2), 0u);
     EXPECT_TRUE(log.WaitFor(GetParam().second, 5s));
-    EXPECT_TRUE(log.WaitFor("[OrvEventServer] subscribe event on dev[0] group[", 5s)) << "the other worker";
+    EXPECT_TRUE(log.WaitFor("[OrvEventServer] subscribe event on dev[0] group[", 5s))
+        << "the other worker";
     EXPECT_EQ(log.Count("[OrvEventServer] subscribe event on dev[0] group["), 1u);
     EXPECT_TRUE(server_->IsRunning());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, OrvEventServerSetUpFaultTest,
-    ::testing::Values(std::make_pair("halEschedCreateGrp", "type[2] failed, result[5]."),
-                      std::make_pair("halEschedSubscribeEvent",
-                                     "[OrvEventServer] subscribe EVENT_CCPU_CTRL_MSG failed in dev[0] group[")),
+    ::testing::Values(
+        std::make_pair("halEschedCreateGrp", "type[2] failed, result[5]."),
+        std::make_pair("halEschedSubscribeEvent",
+                       "[OrvEventServer] subscribe EVENT_CCPU_CTRL_MSG failed in dev[0] group[")),
     [](const auto& info) { return std::string(info.param.first); });
 
 // A detach the driver refuses at a worker's end changes nothing.
@@ -103,7 +110,8 @@ TEST_F(OrvEventServerTest, OnlyControlEventsOfTheRightLengthGoOn) {
     for (uint32_t length : {127u, 129u, 0u}) {
         event.msg_len = length;
         EXPECT_EQ(server_->ProcessEvent(event), 1u);
-        EXPECT_TRUE(log.Contains("Incorrect msg length[" + std::to_string(length) + "], correct msg length[128]"));
+        EXPECT_TRUE(log.Contains("Incorrect msg length[" + std::to_string(length) +
+                                 "], correct msg length[128]"));
     }
     // A driver notice is checked against its own length, 16.
     event.subevent_id = ORV_SUB_EVENT_VF_CREATE;
@@ -113,8 +121,9 @@ TEST_F(OrvEventServerTest, OnlyControlEventsOfTheRightLengthGoOn) {
 }
 
 TEST_F(OrvEventServerTest, ExistingVfsAreFoundFromTheirCustomPrograms) {
-    for (const char* name : {"aicpu_custom_runner0", "aicpu_custom_runner17", "aicpu_custom_runner12",
-                             "aicpu_custom_runner2", "aicpu_custom_runner2.bak"}) {
+    for (const char* name :
+         {"aicpu_custom_runner0", "aicpu_custom_runner17", "aicpu_custom_runner12",
+          "aicpu_custom_runner2", "aicpu_custom_runner2.bak"}) {
         test::WriteFile(std::string("/var/") + name, "");
     }
     std::vector<int> vfs;

@@ -27,7 +27,8 @@ TEST(InternalApiTest, TrimRemovesOnlySpacesAtBothEnds) {
         std::string out;
     };
     const Case cases[] = {
-        {"", ""}, {"  a b  ", "a b"}, {"    ", ""}, {"\tx ", "\tx"}, {"x\n", "x\n"}, {"none", "none"},
+        {"", ""},        {"  a b  ", "a b"}, {"    ", ""},
+        {"\tx ", "\tx"}, {"x\n", "x\n"},     {"none", "none"},
     };
     for (const Case& c : cases) {
         std::string text = c.in;
@@ -101,7 +102,8 @@ TEST(InternalApiTest, FpgaPrototypeOnlyForRunModeExactlyOne) {
         const char* value;  // null: unset
         bool fpga;
     };
-    const Case cases[] = {{"1", true}, {"01", false}, {"true", false}, {"0", false}, {nullptr, false}};
+    const Case cases[] = {
+        {"1", true}, {"01", false}, {"true", false}, {"0", false}, {nullptr, false}};
     for (const Case& c : cases) {
         if (c.value == nullptr) {
             unsetenv("DATAMASTER_RUN_MODE");

@@ -47,11 +47,13 @@ TEST(PackageWorkerTest, CheckSumWaitsForTheHostsCodeUnlessItIsZeroOrTheWorkerSto
     auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(worker->CheckSum(1234), 1u);
     EXPECT_GE(std::chrono::steady_clock::now() - started, 4s);
-    EXPECT_TRUE(log.Contains("Check sum wait 5 second timeout. host check code[1234], device check code[0]"));
+    EXPECT_TRUE(log.Contains(
+        "Check sum wait 5 second timeout. host check code[1234], device check code[0]"));
     worker->Stop();
     EXPECT_EQ(worker->CheckSum(7), 1u) << "a stopped worker never waits";
     worker->Destory();
-    EXPECT_NE(PackageWorker::GetInstance(0), worker) << "a destroyed worker is replaced by a fresh one";
+    EXPECT_NE(PackageWorker::GetInstance(0), worker)
+        << "a destroyed worker is replaced by a fresh one";
 }
 
 // Room for a first install: strictly more than 150 MiB between usage and limit.
@@ -62,11 +64,11 @@ TEST(PackageWorkerTest, AFirstInstallNeedsMoreThan150MiBOfRoomAnUpdateNone) {
         uint32_t result;
     };
     const Case cases[] = {
-        {"1000000000", "842713600", 0},    // exactly 157,286,400 free
-        {"1000000000", "842713601", 1},    // one byte less
-        {"1000000000", "1000000001", 1},   // usage above the limit
-        {"  4294967296\n", "0", 0},        // leading blanks are skipped
-        {"", "0", 1},                      // an empty limit file
+        {"1000000000", "842713600", 0},   // exactly 157,286,400 free
+        {"1000000000", "842713601", 1},   // one byte less
+        {"1000000000", "1000000001", 1},  // usage above the limit
+        {"  4294967296\n", "0", 0},       // leading blanks are skipped
+        {"", "0", 1},                     // an empty limit file
     };
     int vf = 5;
     for (const Case& c : cases) {
@@ -78,7 +80,8 @@ TEST(PackageWorkerTest, AFirstInstallNeedsMoreThan150MiBOfRoomAnUpdateNone) {
     test::LogCapture log;
     MakeCgroup(3, "1000000000", "999999999");
     mkdir("/usr/lib64/aicpu_kernels/3", 0755);
-    EXPECT_EQ(PackageWorker::GetInstance(3)->CheckMemoryLimit(), 0u) << "an update replaces charged kernels";
+    EXPECT_EQ(PackageWorker::GetInstance(3)->CheckMemoryLimit(), 0u)
+        << "an update replaces charged kernels";
     EXPECT_TRUE(log.Contains("[OrvDaemon] Update aicpu kernel. path[/usr/lib64/aicpu_kernels/3]."));
 }
 
@@ -145,7 +148,8 @@ TEST(PackageWorkerTest, TheSandBoxTakesTheNamedObjectsSkippingEmptyPieces) {
 TEST(PackageWorkerTest, TheArchiveNameComesFromThePathAndTheInnerNameFromVersionInfo) {
     std::string dir = test::MakeTempDir("orv-name");
     mkdir((dir + "/aicpu_kernels_device").c_str(), 0755);
-    test::WriteFile(dir + "/aicpu_kernels_device/version.info", "Version=1\nPackageName=Velkan777-aicpu_syskernels.tar.gz\n");
+    test::WriteFile(dir + "/aicpu_kernels_device/version.info",
+                    "Version=1\nPackageName=Velkan777-aicpu_syskernels.tar.gz\n");
     std::shared_ptr<PackageWorker> worker = PackageWorker::GetInstance(0);
     PackageNameMap names;
     EXPECT_EQ(worker->GetPackageName("/x/vf0_3_Velkan777-aicpu_syskernels.tar.gz", dir, names), 0u);
@@ -161,12 +165,15 @@ TEST(PackageWorkerTest, ThreadModeKeepsTheCheckCodeInTheInstallInfoFile) {
     std::string src = test::MakeTempDir("orv-thread") + "/";
     std::string name = "4_Velkan512-aicpu_syskernels.tar.gz";
     std::string output;
-    ASSERT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", src + name}, &output), 0) << output;
+    ASSERT_EQ(test::RunProgram({test::BinDir() + "/orv-emu-mkpkg", "--out", src + name}, &output),
+              0)
+        << output;
     std::shared_ptr<PackageWorker> worker = PackageWorker::GetInstance(6);
     std::string dst = test::MakeTempDir("orv-thread-dst") + "/";
     ASSERT_EQ(worker->LoadAICPUPackageForThreadMode(dst, src, name), 0u);
     uint32_t size = CalFileSize(src + name);
-    EXPECT_EQ(test::ReadFile("/usr/lib64/aicpu_kernels/aicpu_package_install.info"), std::to_string(size));
+    EXPECT_EQ(test::ReadFile("/usr/lib64/aicpu_kernels/aicpu_package_install.info"),
+              std::to_string(size));
     EXPECT_EQ(access("/usr/lib64/aicpu_kernels/6/aicpu_kernels_device/version.info", F_OK), 0);
     test::LogCapture log;
     EXPECT_EQ(worker->LoadAICPUPackageForThreadMode(dst, src, name), 0u);
@@ -203,7 +210,8 @@ TEST(InotifyWatcherTest, OnlyAFileClosedAfterWritingWithAPackagesNameIsPickedUp)
                      "/home/hdc-trusted/dev0/1_Velkan512-aicpu_syskernels.tar.gz"),
               0);
     test::WriteFile("/home/hdc-trusted/dev0/2_Velkan512-aicpu_syskernels.tar.gz.tmp", "x");
-    test::WriteFile("/home/hdc-trusted/dev0/3_Velkan512-aicpu_syskernels.tar.gz", "not a package either");
+    test::WriteFile("/home/hdc-trusted/dev0/3_Velkan512-aicpu_syskernels.tar.gz",
+                    "not a package either");
     EXPECT_TRUE(log.WaitFor("find file[3_Velkan512-aicpu_syskernels.tar.gz], ready to load", 5s));
     EXPECT_TRUE(log.Contains("file[2_Velkan512-aicpu_syskernels.tar.gz.tmp] not correct, skip"));
     EXPECT_FALSE(log.Contains("find file[1_Velkan512"));

@@ -13,12 +13,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-using ::testing::HasSubstr;
-using ::testing::Not;
 using test::InjectFault;
 using test::InsideControlSocket;
 using test::LogCapture;
 using test::ShowAppmon;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 OrvRegistAppmonStatus Status() {
     return AppmonClient::GetInstance()->GetRegistAppmonStatus();
@@ -44,8 +44,10 @@ TEST(AppmonClientTest, RegistersBeatsAndDeregistersWithTheMonitor) {
     client->ClearOrvRegistAppmonInfo();
     EXPECT_EQ(Status(), ORV_APPMON_NOT_CONNECTED);
     EXPECT_TRUE(test::WaitFor(
-        [] { return ShowAppmon(InsideControlSocket()).find("state closed") != std::string::npos; }, 5s));
-    EXPECT_THAT(ShowAppmon(InsideControlSocket()), HasSubstr("deregister_reason 'orvdaemon monitor exit.'"));
+        [] { return ShowAppmon(InsideControlSocket()).find("state closed") != std::string::npos; },
+        5s));
+    EXPECT_THAT(ShowAppmon(InsideControlSocket()),
+                HasSubstr("deregister_reason 'orvdaemon monitor exit.'"));
     EXPECT_TRUE(log.InOrder({"[OrvEVENT] deregister to appmon", "[OrvEVENT] exit to appmon"}));
 }
 
@@ -79,7 +81,8 @@ TEST(AppmonClientTest, AfterTenFailedRegistrationsTheClientStopsTryingButKeepsBe
     EXPECT_EQ(Status(), ORV_APPMON_REGISTER_FAILED);
     EXPECT_EQ(log.Count("[OrvDaemon] begin to register to appmon"), 10u);
     EXPECT_EQ(log.Count("[OrvDaemon]send orv heartbeat to appmon failed, try more"), 10u);
-    EXPECT_THAT(ShowAppmon(InsideControlSocket()), HasSubstr("state connected timeout_ms 0 heartbeats 0"));
+    EXPECT_THAT(ShowAppmon(InsideControlSocket()),
+                HasSubstr("state connected timeout_ms 0 heartbeats 0"));
 }
 
 TEST(AppmonClientTest, FailedHeartbeatKeepsTheRegistration) {
@@ -96,7 +99,8 @@ TEST(AppmonClientTest, FailedHeartbeatKeepsTheRegistration) {
     EXPECT_TRUE(client->SendHeartbeat(attempts));
     EXPECT_EQ(Status(), ORV_APPMON_HEARTBEAT_SENT);
     EXPECT_EQ(log.Count("[OrvDaemon] begin to register to appmon"), 1u);
-    EXPECT_THAT(ShowAppmon(InsideControlSocket()), HasSubstr("state registered timeout_ms 30000 heartbeats 2"));
+    EXPECT_THAT(ShowAppmon(InsideControlSocket()),
+                HasSubstr("state registered timeout_ms 30000 heartbeats 2"));
 }
 
 TEST(AppmonClientTest, UnreachableMonitorLeavesTheClientSleeping) {

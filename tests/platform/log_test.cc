@@ -21,7 +21,7 @@ std::vector<std::string> SplitLines(const std::string& text) {
 }
 
 class OrvLogTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { (void)ORVLog::GetInstance().GetErrorMsg(); }
 };
 
@@ -33,7 +33,8 @@ TEST_F(OrvLogTest, ErrorBufferKeepsTheElevenNewestLinesOldestFirstAndDrainsOnce)
     std::vector<std::string> kept = SplitLines(ORVLog::GetInstance().GetErrorMsg());
     ASSERT_EQ(kept.size(), 11u);
     for (int i = 0; i < 11; ++i) {
-        EXPECT_EQ(kept[i].rfind("error number " + std::to_string(i + 2) + ",[log_test.cc:", 0), 0u) << kept[i];
+        EXPECT_EQ(kept[i].rfind("error number " + std::to_string(i + 2) + ",[log_test.cc:", 0), 0u)
+            << kept[i];
     }
     EXPECT_EQ(ORVLog::GetInstance().GetErrorMsg(), "");
     EXPECT_EQ(log.Count("error number "), 12u);
@@ -82,7 +83,8 @@ TEST_F(OrvLogTest, LineShowsTheLoggerPositionThenMessageCallerAndThread) {
     ORV_LOG(ORV_EVENT, "[OrvDaemon] hello %d", 7);
     std::vector<std::string> lines = log.Matching("hello 7");
     ASSERT_EQ(lines.size(), 1u);
-    std::string expected = "[log.cc:44][OrvDaemon] hello 7,[log_test.cc:" + std::to_string(line) + ":TestBody]";
+    std::string expected =
+        "[log.cc:44][OrvDaemon] hello 7,[log_test.cc:" + std::to_string(line) + ":TestBody]";
     EXPECT_NE(lines[0].find(expected), std::string::npos) << lines[0];
     EXPECT_NE(lines[0].find(" EVENT "), std::string::npos);
 }
@@ -97,21 +99,23 @@ TEST_F(OrvLogTest, LevelDispatchFollowsTheLibraryThreshold) {
     };
     // Threshold indices: 0 debug, 1 info, 2 warning, 3 error.
     const Case cases[] = {
-        {ORV_DEBUG, "DEBUG", 0}, {ORV_INFO, "INFO", 1},   {ORV_WARN, "WARNING", 2}, {ORV_ERROR, "ERROR", 4},
-        {4, "INFO", 1},          {ORV_EVENT, "EVENT", 4}, {ORV_TRACE, "TRACE", 4},  {7, "INFO", 1},
-        {1000, "INFO", 1},
+        {ORV_DEBUG, "DEBUG", 0}, {ORV_INFO, "INFO", 1}, {ORV_WARN, "WARNING", 2},
+        {ORV_ERROR, "ERROR", 4}, {4, "INFO", 1},        {ORV_EVENT, "EVENT", 4},
+        {ORV_TRACE, "TRACE", 4}, {7, "INFO", 1},        {1000, "INFO", 1},
     };
     const char* thresholds[] = {"debug", "info", "warning", "error"};
     for (int t = 0; t < 4; ++t) {
         LogCapture log(thresholds[t]);
         for (const Case& c : cases) {
             std::string text = "level " + std::to_string(c.level) + " at " + thresholds[t];
-            ORVLog::GetInstance().OrvImplLog("Dispatch", "log_test.cc", 1, Log{c.level}, "%s", text.c_str());
+            ORVLog::GetInstance().OrvImplLog("Dispatch", "log_test.cc", 1, Log{c.level}, "%s",
+                                             text.c_str());
             std::vector<std::string> lines = log.Matching(text + ",");
             bool expected = c.gate == 4 || t <= c.gate;
             ASSERT_EQ(lines.size(), expected ? 1u : 0u) << text;
             if (expected) {
-                EXPECT_NE(lines[0].find(std::string(" ") + c.written + " "), std::string::npos) << lines[0];
+                EXPECT_NE(lines[0].find(std::string(" ") + c.written + " "), std::string::npos)
+                    << lines[0];
             }
         }
     }

@@ -17,8 +17,8 @@ std::vector<uint32_t> CtrlCpus(uint32_t deviceId) {
 }
 
 TEST(OrvDrvManagerTest, ControlCpusAreNumberedAcrossDevicesControlCpusFirst) {
-    CardEmulatorProcess card({"--devices", "2", "--device-cpus", "0=ai:4:1,ctrl:1:1,data:3:1", "--device-cpus",
-                              "1=ai:4:1,ctrl:1:1,data:3:1"});
+    CardEmulatorProcess card({"--devices", "2", "--device-cpus", "0=ai:4:1,ctrl:1:1,data:3:1",
+                              "--device-cpus", "1=ai:4:1,ctrl:1:1,data:3:1"});
     card.UseAsDriver();
     ASSERT_EQ(OrvDrvManager::GetInstance()->Init(), 0u);
     EXPECT_EQ(OrvDrvManager::GetInstance()->GetDeviceNum(), 2u);
@@ -74,8 +74,8 @@ TEST(OrvDrvManagerTest, DeviceCountTheDriverCannotGiveFailsInit) {
 
 TEST(OrvDrvManagerTest, AValueTheDriverCannotGiveCountsAsZeroAndShiftsLaterDevices) {
     LogCapture log;
-    CardEmulatorProcess card({"--devices", "2", "--device-cpus", "0=ai:4:1,ctrl:1:1,data:3:1", "--device-cpus",
-                              "1=ai:4:1,ctrl:1:1,data:3:1"});
+    CardEmulatorProcess card({"--devices", "2", "--device-cpus", "0=ai:4:1,ctrl:1:1,data:3:1",
+                              "--device-cpus", "1=ai:4:1,ctrl:1:1,data:3:1"});
     card.UseAsDriver();
     // The first value asked for is device 0's AI core count.
     test::InjectFault(card.ControlSocket(), "halGetDeviceInfo", 3, 1);

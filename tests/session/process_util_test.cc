@@ -26,7 +26,7 @@ bool Exists(const std::string& path) {
 }
 
 class StartGateTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_ = test::MakeTempDir("start-gate");
         marker_ = dir_ + "/ran";
@@ -39,7 +39,8 @@ protected:
     void TearDown() override { test::RemoveTree(dir_); }
 
     int32_t Start(StartGate* gate) {
-        return ProcessUtil::StartSubProcess("/bin/sh", argv_.data(), nullptr, false, {}, nullptr, gate);
+        return ProcessUtil::StartSubProcess("/bin/sh", argv_.data(), nullptr, false, {}, nullptr,
+                                            gate);
     }
 
     // The child's exit status, or -1 when it did not exit normally.

@@ -18,6 +18,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <limits.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -26,7 +27,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <limits.h>
 #include <mutex>
 #include <random>
 #include <set>
@@ -114,9 +114,10 @@ const char* CycleName(Cycle cycle) {
     return "?";
 }
 
-constexpr Cycle kAllCycles[] = {Cycle::kClose,          Cycle::kDropMidStart,  Cycle::kDropAfterStart,
-                                Cycle::kCrashCollective, Cycle::kCrashCompute,  Cycle::kForgedRecords,
-                                Cycle::kDeafHost,        Cycle::kManyHostsOneLink, Cycle::kMissingVfQuery};
+constexpr Cycle kAllCycles[] = {
+    Cycle::kClose,           Cycle::kDropMidStart,     Cycle::kDropAfterStart,
+    Cycle::kCrashCollective, Cycle::kCrashCompute,     Cycle::kForgedRecords,
+    Cycle::kDeafHost,        Cycle::kManyHostsOneLink, Cycle::kMissingVfQuery};
 constexpr size_t kCycleKinds = sizeof(kAllCycles) / sizeof(kAllCycles[0]);
 
 // Over half the cycles start and close; the rest drop their link, lose a
@@ -159,7 +160,7 @@ Cycle CycleOf(uint32_t index, uint32_t seed) {
 
 // A raw link that sends and never reads.
 class DeafLink {
-public:
+  public:
     explicit DeafLink(const std::string& path) {
         fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
@@ -201,10 +202,11 @@ public:
     // True once the daemon has ended the link, within `timeout`.
     bool EndedWithin(std::chrono::milliseconds timeout) const {
         pollfd pfd{fd_, POLLRDHUP, 0};
-        return ::poll(&pfd, 1, static_cast<int>(timeout.count())) > 0 && (pfd.revents & (POLLRDHUP | POLLHUP)) != 0;
+        return ::poll(&pfd, 1, static_cast<int>(timeout.count())) > 0 &&
+               (pfd.revents & (POLLRDHUP | POLLHUP)) != 0;
     }
 
-private:
+  private:
     int fd_ = -1;
 };
 
@@ -225,13 +227,13 @@ struct Levels {
 };
 
 class Soak {
-public:
+  public:
     Soak(const std::string& binDir, Options options)
         : options_(options), sandbox_(binDir, "/tmp/orv-soak." + std::to_string(getpid())) {}
 
     int Run();
 
-private:
+  private:
     bool Boot();
     Levels Measure() const;
     bool RunCycle(uint32_t index, Cycle cycle, std::string* why);
@@ -244,7 +246,8 @@ private:
     bool Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const;
     bool Forge(const std::vector<std::string>& args) const;
     bool Flood(std::string* why);
-    bool HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid, std::string* why);
+    bool HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid,
+                      std::string* why);
     void Failure(const std::string& text);
 
     const Options options_;
@@ -275,7 +278,8 @@ bool Soak::Boot() {
     std::vector<std::string> args = {"--devices", std::to_string(options_.devices), "--env",
                                      "AICPU_MAX_NUM=" + std::to_string(options_.limit)};
     if (!sandbox_.Boot(args, 60s)) {
-        std::fprintf(stderr, "orv-soak: the sandbox did not boot; see %s.out\n", sandbox_.StateDir().c_str());
+        std::fprintf(stderr, "orv-soak: the sandbox did not boot; see %s.out\n",
+                     sandbox_.StateDir().c_str());
         return false;
     }
     auto env = sandbox_.Env();
@@ -309,7 +313,8 @@ orv::emu::SandboxProcess Soak::FindSubProcess(uint32_t hostPid, const std::strin
         for (std::string arg; std::getline(cmdline, arg, '\0');) {
             argv.push_back(arg);
         }
-        if (!argv.empty() && argv[0] == program && std::find(argv.begin(), argv.end(), pidArg) != argv.end()) {
+        if (!argv.empty() && argv[0] == program &&
+            std::find(argv.begin(), argv.end(), pidArg) != argv.end()) {
             return process;
         }
     }
@@ -328,8 +333,8 @@ bool Soak::KillSubProcess(uint32_t hostPid, const std::string& program, std::str
 }
 
 bool Soak::Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const {
-    return orv::emu::RunProgram({sandbox_.BinDir() + "/orv-emu-ctl", "--state", sandbox_.StateDir(), "standin", kind,
-                                 behaviour, std::to_string(delay)}) == 0;
+    return orv::emu::RunProgram({sandbox_.BinDir() + "/orv-emu-ctl", "--state", sandbox_.StateDir(),
+                                 "standin", kind, behaviour, std::to_string(delay)}) == 0;
 }
 
 // Submits a record from a process of the sandbox that is none of the daemon's
@@ -342,7 +347,8 @@ bool Soak::Forge(const std::vector<std::string>& args) const {
 
 // The cycles that play a hostile peer; each leaves nothing behind when the
 // daemon does its part.
-bool Soak::HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid, std::string* why) {
+bool Soak::HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid,
+                        std::string* why) {
     switch (cycle) {
         case Cycle::kDeafHost: {
             // A host that starts, then sends and never reads: its link ends,
@@ -383,9 +389,11 @@ bool Soak::HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t h
                 request.set_start_cp(true);
                 HDCMessage reply;
                 if (!link->Send(request) ||
-                    link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage ||
+                    link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) !=
+                        Received::kMessage ||
                     reply.orv_rsp_code() != 0) {
-                    *why = "start of host " + std::to_string(offset + 1) + " of 3 not answered with success";
+                    *why = "start of host " + std::to_string(offset + 1) +
+                           " of 3 not answered with success";
                     return false;
                 }
             }
@@ -418,7 +426,8 @@ bool Soak::HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t h
 bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
     const uint32_t device = index % options_.devices;
     const uint32_t hostPid = kFirstSoakHostPid + index;
-    if (cycle == Cycle::kDeafHost || cycle == Cycle::kManyHostsOneLink || cycle == Cycle::kMissingVfQuery) {
+    if (cycle == Cycle::kDeafHost || cycle == Cycle::kManyHostsOneLink ||
+        cycle == Cycle::kMissingVfQuery) {
         return HostileCycle(index, cycle, device, hostPid, why);
     }
     std::string error;
@@ -458,7 +467,8 @@ bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
             // close below is answered as always.
             const std::string host = std::to_string(hostPid);
             const std::string dev = std::to_string(device);
-            if (!Forge({"0", "--group", dev, "--device", dev, "--host-pid", host, "--event-type", "4"}) ||
+            if (!Forge({"0", "--group", dev, "--device", dev, "--host-pid", host, "--event-type",
+                        "4"}) ||
                 !Forge({"1", "--group", dev, "--device", dev, "--host-pid", host}) ||
                 !Forge({"101", "--length", "16", "--word4", "1"})) {
                 *why = "a forged record could not be submitted";
@@ -468,12 +478,14 @@ bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
         }
         case Cycle::kCrashCollective:
         case Cycle::kCrashCompute: {
-            const char* program = cycle == Cycle::kCrashCollective ? "zarn_service.bin" : "aicpu_runner";
+            const char* program =
+                cycle == Cycle::kCrashCollective ? "zarn_service.bin" : "aicpu_runner";
             if (!KillSubProcess(hostPid, program, why)) {
                 return false;
             }
             // The daemon notices at its next monitor tick and drops the link.
-            if (link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kCrashNoticeTimeout) != Received::kClosed) {
+            if (link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kCrashNoticeTimeout) !=
+                Received::kClosed) {
                 *why = std::string("link not dropped after ") + program + " was killed";
                 return false;
             }
@@ -523,8 +535,9 @@ bool Soak::Flood(std::string* why) {
     request.mutable_proc_sign_pid()->set_proc_pid(hostPid);
     request.set_start_cp(true);
     HDCMessage reply;
-    bool started = link != nullptr && link->Send(request) &&
-                   link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) == Received::kMessage;
+    bool started =
+        link != nullptr && link->Send(request) &&
+        link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) == Received::kMessage;
     Standin("compute", "normal", 0);
     if (!started) {
         *why = "start not answered";
@@ -551,7 +564,8 @@ bool Soak::Flood(std::string* why) {
             flooded = line.compare(0, 8, "flooded ") == 0;
         }
     }
-    std::printf("flood: %u reports to one session; peak %zu threads\n", options_.flood, peakThreads_);
+    std::printf("flood: %u reports to one session; peak %zu threads\n", options_.flood,
+                peakThreads_);
     request.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
     if (!link->Send(request) ||
         link->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
@@ -613,7 +627,8 @@ bool Soak::CheckNoSessionLeft(uint32_t device, std::string* why) {
         request.set_start_cp(true);
         HDCMessage reply;
         if (links.back() == nullptr || !links.back()->Send(request) ||
-            links.back()->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+            links.back()->Await(HDCMessage::ORV_START_PROC_RSP, &reply, kReplyTimeout) !=
+                Received::kMessage) {
             *why = "no answer to host " + std::to_string(hostPid);
             return false;
         }
@@ -644,8 +659,8 @@ bool Soak::CheckNoSessionLeft(uint32_t device, std::string* why) {
         held.insert(pid);
     }
     if (held != expected) {
-        *why = "device " + std::to_string(device) + " holds sessions of hosts [" + listed + "], expected only the " +
-               std::to_string(expected.size()) + " just started";
+        *why = "device " + std::to_string(device) + " holds sessions of hosts [" + listed +
+               "], expected only the " + std::to_string(expected.size()) + " just started";
         return false;
     }
     for (uint32_t i = 0; i < options_.limit; ++i) {
@@ -654,8 +669,8 @@ bool Soak::CheckNoSessionLeft(uint32_t device, std::string* why) {
         close.set_device_id(device);
         close.mutable_proc_sign_pid()->set_proc_pid(kFirstLimitHostPid + device * 1000 + i);
         HDCMessage reply;
-        if (!links[i]->Send(close) ||
-            links[i]->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply, kReplyTimeout) != Received::kMessage) {
+        if (!links[i]->Send(close) || links[i]->Await(HDCMessage::ORV_CLOSE_PROC_RSP, &reply,
+                                                      kReplyTimeout) != Received::kMessage) {
             *why = "a session of the limit check did not close";
             return false;
         }
@@ -664,8 +679,9 @@ bool Soak::CheckNoSessionLeft(uint32_t device, std::string* why) {
 }
 
 int Soak::Run() {
-    std::printf("orv-soak: %u cycles from %u hosts at once on %u devices (seed %u); state in %s\n", options_.cycles,
-                options_.hosts, options_.devices, options_.seed, sandbox_.StateDir().c_str());
+    std::printf("orv-soak: %u cycles from %u hosts at once on %u devices (seed %u); state in %s\n",
+                options_.cycles, options_.hosts, options_.devices, options_.seed,
+                sandbox_.StateDir().c_str());
     if (!Boot()) {
         return 1;
     }
@@ -687,8 +703,9 @@ int Soak::Run() {
     }
     std::this_thread::sleep_for(1s);
     const Levels rest = Measure();
-    std::printf("at rest: %zu threads, %zu descriptors, %zu KiB resident; %zu processes in the sandbox\n",
-                rest.threads, rest.descriptors, rest.rssKb, rest.processes);
+    std::printf(
+        "at rest: %zu threads, %zu descriptors, %zu KiB resident; %zu processes in the sandbox\n",
+        rest.threads, rest.descriptors, rest.rssKb, rest.processes);
 
     auto start = Clock::now();
     std::vector<std::thread> hosts;
@@ -702,7 +719,8 @@ int Soak::Run() {
         uint32_t done = done_.load();
         if (done >= reported + options_.cycles / 10 || done == options_.cycles) {
             reported = done;
-            std::printf("  %4u/%u cycles, %u failed, %.0f s\n", done, options_.cycles, failed_.load(),
+            std::printf("  %4u/%u cycles, %u failed, %.0f s\n", done, options_.cycles,
+                        failed_.load(),
                         std::chrono::duration<double>(Clock::now() - start).count());
             std::fflush(stdout);
         }
@@ -727,17 +745,21 @@ int Soak::Run() {
     bool leaked = false;
     Levels now;
     if (!Settle(rest, &now)) {
-        std::printf("LEAK: %zu threads, %zu descriptors, %zu processes against %zu, %zu, %zu at rest\n", now.threads,
-                    now.descriptors, now.processes, rest.threads, rest.descriptors, rest.processes);
+        std::printf(
+            "LEAK: %zu threads, %zu descriptors, %zu processes against %zu, %zu, %zu at rest\n",
+            now.threads, now.descriptors, now.processes, rest.threads, rest.descriptors,
+            rest.processes);
         leaked = true;
     }
-    size_t allowedRss = rest.rssKb + std::max(kRssGrowthFloorKb, static_cast<size_t>(rest.rssKb * kRssGrowthFraction));
+    size_t allowedRss = rest.rssKb + std::max(kRssGrowthFloorKb,
+                                              static_cast<size_t>(rest.rssKb * kRssGrowthFraction));
     if (!kResidentSizeMeaningful) {
-        std::printf("resident size not bounded in a sanitized build (%zu KiB at rest, %zu KiB after)\n", rest.rssKb,
-                    now.rssKb);
+        std::printf(
+            "resident size not bounded in a sanitized build (%zu KiB at rest, %zu KiB after)\n",
+            rest.rssKb, now.rssKb);
     } else if (now.rssKb > allowedRss) {
-        std::printf("LEAK: %zu KiB resident against %zu KiB at rest (at most %zu allowed)\n", now.rssKb, rest.rssKb,
-                    allowedRss);
+        std::printf("LEAK: %zu KiB resident against %zu KiB at rest (at most %zu allowed)\n",
+                    now.rssKb, rest.rssKb, allowedRss);
         leaked = true;
     }
     size_t zombies = 0;
@@ -755,9 +777,11 @@ int Soak::Run() {
             leaked = true;
         }
     }
-    std::printf("after: %zu threads, %zu descriptors, %zu KiB resident, %zu processes, %zu zombies; "
-                "no session left on any device: %s\n",
-                now.threads, now.descriptors, now.rssKb, now.processes, zombies, leaked ? "see above" : "yes");
+    std::printf(
+        "after: %zu threads, %zu descriptors, %zu KiB resident, %zu processes, %zu zombies; "
+        "no session left on any device: %s\n",
+        now.threads, now.descriptors, now.rssKb, now.processes, zombies,
+        leaked ? "see above" : "yes");
     int stopped = sandbox_.Stop();
     if (stopped != 0) {
         std::printf("the sandbox stopped with status %d\n", stopped);
@@ -795,9 +819,10 @@ int main(int argc, char** argv) {
         } else if (std::strcmp(argv[i], "--flood") == 0) {
             options.flood = value;
         } else {
-            std::fprintf(stderr,
-                         "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N] "
-                         "[--flood N]\n");
+            std::fprintf(
+                stderr,
+                "usage: orv-soak [--cycles N] [--hosts N] [--devices N] [--limit N] [--seed N] "
+                "[--flood N]\n");
             return 2;
         }
     }

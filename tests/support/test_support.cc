@@ -187,9 +187,15 @@ CardEmulatorProcess::CardEmulatorProcess(const std::vector<std::string>& args) {
         ADD_FAILURE() << "pipe failed";
         return;
     }
-    std::vector<std::string> argv = {BinDir() + "/orv-card-emu", "--driver-socket", driverSocket_,
-                                     "--control-socket", controlSocket_, "--appmon-socket", appmonSocket_,
-                                     "--ready-fd", std::to_string(ready[1])};
+    std::vector<std::string> argv = {BinDir() + "/orv-card-emu",
+                                     "--driver-socket",
+                                     driverSocket_,
+                                     "--control-socket",
+                                     controlSocket_,
+                                     "--appmon-socket",
+                                     appmonSocket_,
+                                     "--ready-fd",
+                                     std::to_string(ready[1])};
     argv.insert(argv.end(), args.begin(), args.end());
     std::string log = dir_ + "/card-emu.log";
     pid_t pid = ::fork();
@@ -240,7 +246,8 @@ emu::CardReply Control(const std::string& controlSocket, const emu::CardRequest&
     return reply;
 }
 
-void InjectFault(const std::string& controlSocket, const std::string& call, int32_t code, uint32_t count) {
+void InjectFault(const std::string& controlSocket, const std::string& call, int32_t code,
+                 uint32_t count) {
     emu::CardRequest request;
     auto* fault = request.mutable_inject_fault();
     fault->set_call(call);
@@ -268,7 +275,6 @@ std::string InsideControlSocket() {
 
 // ---- SandboxRun ----------------------------------------------------------------
 
-
 SandboxRun::SandboxRun() : SandboxClient(test::BinDir(), test::MakeTempDir("orv-e2e")) {}
 
 SandboxRun::~SandboxRun() {
@@ -283,7 +289,8 @@ SandboxRun::~SandboxRun() {
         RemoveTree(StateDir());
         ::unlink((StateDir() + ".out").c_str());
     } else {
-        std::fprintf(stderr, "sandbox state kept in %s (output in %s.out)\n", StateDir().c_str(), StateDir().c_str());
+        std::fprintf(stderr, "sandbox state kept in %s (output in %s.out)\n", StateDir().c_str(),
+                     StateDir().c_str());
     }
 }
 
@@ -352,7 +359,8 @@ std::optional<std::string> NotifyListener::Receive(std::chrono::milliseconds tim
     }
     char buffer[4096];
     ssize_t n = ::recv(fd_, buffer, sizeof(buffer), 0);
-    return n >= 0 ? std::optional<std::string>(std::string(buffer, static_cast<size_t>(n))) : std::nullopt;
+    return n >= 0 ? std::optional<std::string>(std::string(buffer, static_cast<size_t>(n)))
+                  : std::nullopt;
 }
 
 }  // namespace orv::test

@@ -33,7 +33,7 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
 
 // The system log from a point on: lines written after construction.
 class LogCapture {
-public:
+  public:
     // Uses the log file the environment names (inside a sandbox), or points
     // the emulated system log at a fresh file of its own.
     explicit LogCapture(const std::string& level = "info");
@@ -49,14 +49,14 @@ public:
     bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) const;
     const std::string& Path() const { return path_; }
 
-private:
+  private:
     std::string path_;
     size_t offset_ = 0;
 };
 
 // An orv-card-emu process on private sockets, stopped on destruction.
 class CardEmulatorProcess {
-public:
+  public:
     explicit CardEmulatorProcess(const std::vector<std::string>& args);
     ~CardEmulatorProcess();
     CardEmulatorProcess(const CardEmulatorProcess&) = delete;
@@ -71,7 +71,7 @@ public:
     // first driver call.
     void UseAsDriver() const;
 
-private:
+  private:
     std::string dir_;
     std::string driverSocket_;
     std::string controlSocket_;
@@ -82,7 +82,8 @@ private:
 // Sends one control request; fails the test when the card cannot be reached.
 emu::CardReply Control(const std::string& controlSocket, const emu::CardRequest& request);
 // "next `count` calls of `call` return `code`".
-void InjectFault(const std::string& controlSocket, const std::string& call, int32_t code, uint32_t count);
+void InjectFault(const std::string& controlSocket, const std::string& call, int32_t code,
+                 uint32_t count);
 // The text of orv-emu-ctl's listing of groups, the app monitor or processes.
 std::string ShowGroups(const std::string& controlSocket);
 std::string ShowAppmon(const std::string& controlSocket);
@@ -95,7 +96,7 @@ using emu::SpawnDetached;
 // A booted sandbox in a temporary state directory, kept for inspection when
 // the test failed.
 class SandboxRun : public emu::SandboxClient {
-public:
+  public:
     SandboxRun();
     ~SandboxRun();
 
@@ -108,7 +109,7 @@ public:
 // A Unix datagram socket that receives service notifications, as systemd's
 // does: bound at a path, or at an abstract name given as "@name".
 class NotifyListener {
-public:
+  public:
     explicit NotifyListener(const std::string& name);
     ~NotifyListener();
     NotifyListener(const NotifyListener&) = delete;
@@ -118,7 +119,7 @@ public:
     // The next datagram, or nullopt when none comes within `timeout`.
     std::optional<std::string> Receive(std::chrono::milliseconds timeout);
 
-private:
+  private:
     std::string path_;
     int fd_ = -1;
 };
@@ -130,9 +131,10 @@ using emu::StandinRecord;
 using emu::ThreadCount;
 
 // orv-host and orv-emu-ctl against a sandbox.
-int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr,
-         const std::string& input = "");
-int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output = nullptr);
+int Host(const SandboxRun& sandbox, const std::vector<std::string>& args,
+         std::string* output = nullptr, const std::string& input = "");
+int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args,
+           std::string* output = nullptr);
 
 std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox);
 std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind);

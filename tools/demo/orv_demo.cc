@@ -15,10 +15,10 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <set>
-#include <sstream>
 #include <memory>
 #include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,13 +94,13 @@ double Millis(Clock::time_point since) {
 }
 
 class Demo {
-public:
+  public:
     Demo(std::string binDir, std::string stateDir, std::string workDir)
         : sandbox_(binDir, stateDir), binDir_(std::move(binDir)), work_(std::move(workDir)) {}
 
     int Run();
 
-private:
+  private:
     // One host process's link to one device.
     struct Host {
         std::string name;
@@ -128,11 +128,13 @@ private:
 
     std::unique_ptr<HostLink> Connect(uint32_t device);
     // Sends and waits for the reply of `replyType`; false when none came.
-    bool Ask(Host& host, const HDCMessage& request, HDCMessage::MsgType replyType, HDCMessage* reply,
-             std::chrono::milliseconds timeout = kReplyTimeout);
+    bool Ask(Host& host, const HDCMessage& request, HDCMessage::MsgType replyType,
+             HDCMessage* reply, std::chrono::milliseconds timeout = kReplyTimeout);
     bool Control(const orv::emu::CardRequest& request, orv::emu::CardReply* reply);
     bool Standin(uint32_t kind, const std::string& behaviour, uint32_t delayMs = 0);
-    bool Running(const std::string& program) const { return sandbox_.Enter({"pidof", program}) == 0; }
+    bool Running(const std::string& program) const {
+        return sandbox_.Enter({"pidof", program}) == 0;
+    }
     bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
     // The pids, inside the sandbox, of its processes that have not ended.
     std::set<pid_t> AliveInSandbox() const;
@@ -179,8 +181,8 @@ std::unique_ptr<HostLink> Demo::Connect(uint32_t device) {
     return link;
 }
 
-bool Demo::Ask(Host& host, const HDCMessage& request, HDCMessage::MsgType replyType, HDCMessage* reply,
-               std::chrono::milliseconds timeout) {
+bool Demo::Ask(Host& host, const HDCMessage& request, HDCMessage::MsgType replyType,
+               HDCMessage* reply, std::chrono::milliseconds timeout) {
     Count(&Tally::requests);
     if (host.link == nullptr || !host.link->Send(request)) {
         Fail(host.name + ": cannot send");
@@ -228,8 +230,8 @@ bool Demo::Boot() {
     std::this_thread::sleep_for(500ms);
     idleThreads_ = orv::emu::ThreadCount(sandbox_.DaemonPid());
     idleDescriptors_ = orv::emu::DescriptorCount(sandbox_.DaemonPid());
-    Ok("daemon at rest: " + std::to_string(idleThreads_) + " threads, " + std::to_string(idleDescriptors_) +
-       " open descriptors");
+    Ok("daemon at rest: " + std::to_string(idleThreads_) + " threads, " +
+       std::to_string(idleDescriptors_) + " open descriptors");
     return true;
 }
 
@@ -271,15 +273,17 @@ void Demo::RefusedRequest() {
 uint32_t Demo::InstallPackage(const std::string& name, int vf) {
     std::string package = work_ + "/" + name;
     std::string output;
-    if (orv::emu::RunProgram({binDir_ + "/orv-emu-mkpkg", "--out", package, "--sandbox-so", "libdemo_sandbox.so"},
-                             &output) != 0) {
+    if (orv::emu::RunProgram(
+            {binDir_ + "/orv-emu-mkpkg", "--out", package, "--sandbox-so", "libdemo_sandbox.so"},
+            &output) != 0) {
         Fail("orv-emu-mkpkg: " + output);
         return 0;
     }
     std::ifstream in(package, std::ios::binary | std::ios::ate);
     uint32_t size = static_cast<uint32_t>(in.tellg());
     auto t = Clock::now();
-    std::vector<std::string> args = {binDir_ + "/orv-host", "--state", sandbox_.StateDir(), "send-package", package};
+    std::vector<std::string> args = {binDir_ + "/orv-host", "--state", sandbox_.StateDir(),
+                                     "send-package", package};
     if (vf != 0) {
         args.insert(args.end(), {"--vf", std::to_string(vf)});
     }
@@ -306,8 +310,9 @@ uint32_t Demo::InstallPackage(const std::string& name, int vf) {
         return 0;
     }
     Count(&Tally::packagesInstalled);
-    Ok("package " + name + " (" + std::to_string(size) + " bytes) installed" + (vf != 0 ? " for VF " + std::to_string(vf) : "") +
-           "; type-36 check code " + std::to_string(code),
+    Ok("package " + name + " (" + std::to_string(size) + " bytes) installed" +
+           (vf != 0 ? " for VF " + std::to_string(vf) : "") + "; type-36 check code " +
+           std::to_string(code),
        Millis(t));
     return code;
 }
@@ -334,8 +339,9 @@ bool Demo::Start(Host& host, bool zarn, uint32_t checkCode, bool quiet) {
         return false;
     }
     if (!quiet) {
-        Ok(host.name + " (pid " + std::to_string(host.pid) + ", device " + std::to_string(host.device) + ", VF " +
-               std::to_string(host.vf) + "): compute" + (zarn ? " + collective service" : "") + " started",
+        Ok(host.name + " (pid " + std::to_string(host.pid) + ", device " +
+               std::to_string(host.device) + ", VF " + std::to_string(host.vf) + "): compute" +
+               (zarn ? " + collective service" : "") + " started",
            Millis(t));
     }
     return true;
@@ -352,7 +358,9 @@ void Demo::Profiling(Host& host, uint32_t mode) {
     auto t = Clock::now();
     if (Ask(host, request, HDCMessage::ORV_UPDATE_PROIFILING_RSP, &reply)) {
         if (reply.orv_rsp_code() == 0) {
-            Ok(host.name + ": profiling mode " + std::to_string(mode) + " reached its compute processes", Millis(t));
+            Ok(host.name + ": profiling mode " + std::to_string(mode) +
+                   " reached its compute processes",
+               Millis(t));
         } else {
             Fail(host.name + ": profiling update answered " + std::to_string(reply.orv_rsp_code()));
         }
@@ -399,7 +407,8 @@ void Demo::CustomProcess(Host& host) {
         return;
     }
     Ok(host.name + ": its compute process asked for the custom process, which runs (" +
-           std::to_string(orv::emu::ReadStandinRecords(sandbox_.StateDir()).size() - before + 1) + " record(s))",
+           std::to_string(orv::emu::ReadStandinRecords(sandbox_.StateDir()).size() - before + 1) +
+           " record(s))",
        Millis(t));
 }
 
@@ -408,7 +417,8 @@ void Demo::ManyHosts() {
     std::vector<Host> hosts;
     for (uint32_t i = 0; i < 6; ++i) {
         uint32_t device = i % devices_;
-        hosts.push_back(Host{"host-" + std::string(1, static_cast<char>('B' + i)), device, 4101 + i, 0, Connect(device)});
+        hosts.push_back(Host{"host-" + std::string(1, static_cast<char>('B' + i)), device, 4101 + i,
+                             0, Connect(device)});
     }
     auto t = Clock::now();
     std::vector<std::thread> threads;
@@ -423,8 +433,8 @@ void Demo::ManyHosts() {
     for (char done : ok) {
         answered += done;
     }
-    Ok(std::to_string(answered) + " of " + std::to_string(hosts.size()) + " hosts on " + std::to_string(devices_) +
-           " device(s) started compute + collective service at once",
+    Ok(std::to_string(answered) + " of " + std::to_string(hosts.size()) + " hosts on " +
+           std::to_string(devices_) + " device(s) started compute + collective service at once",
        Millis(t));
     for (Host& host : hosts) {
         open_.push_back(std::move(host));
@@ -444,13 +454,15 @@ void Demo::Vf() {
     }
     Count(&Tally::vfsCreated);
     Ok("driver created VF 2; the daemon configured it and acknowledged 0", Millis(t));
-    std::string limitFile = sandbox_.StateDir() + "/cgroup/memory/usermemory/vf2/memory.limit_in_bytes";
+    std::string limitFile =
+        sandbox_.StateDir() + "/cgroup/memory/usermemory/vf2/memory.limit_in_bytes";
     std::string before;
     std::getline(std::ifstream(limitFile) >> std::ws, before);
     uint32_t code = InstallPackage("2_Velkan512-aicpu_syskernels.tar.gz", 2);
     std::string after;
     std::getline(std::ifstream(limitFile) >> std::ws, after);
-    Ok("VF 2's memory limit moved from " + before + " to " + after + " bytes by the installed size");
+    Ok("VF 2's memory limit moved from " + before + " to " + after +
+       " bytes by the installed size");
     Host host{"host-vf", 0, 4201, 2, Connect(0)};
     if (code != 0 && Start(host, true, code)) {
         Close(host);
@@ -474,7 +486,8 @@ void Demo::Crash() {
         HDCMessage more;
         if (host.link->Next(&more, 10s) == Received::kClosed) {
             Count(&Tally::linksDroppedByDaemon);
-            Ok("host-crash: its collective service died; the daemon dropped the host's link", Millis(t));
+            Ok("host-crash: its collective service died; the daemon dropped the host's link",
+               Millis(t));
         } else {
             Fail("host-crash: the link was not dropped after the crash");
         }
@@ -501,7 +514,8 @@ void Demo::DroppedLink() {
         [&] {
             std::set<pid_t> alive = AliveInSandbox();
             for (const auto& record : orv::emu::ReadStandinRecords(sandbox_.StateDir())) {
-                bool ofHost = std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end();
+                bool ofHost =
+                    std::find(record.argv.begin(), record.argv.end(), pidArg) != record.argv.end();
                 if (ofHost && alive.count(record.pid) != 0) {
                     return false;
                 }
@@ -510,7 +524,8 @@ void Demo::DroppedLink() {
         },
         15s);
     if (cleaned) {
-        Ok("host-drop: link dropped during the start; its sub-processes were cleaned up", Millis(t));
+        Ok("host-drop: link dropped during the start; its sub-processes were cleaned up",
+           Millis(t));
     } else {
         Fail("host-drop: sub-processes outlived the dropped link");
     }
@@ -523,32 +538,38 @@ void Demo::CheckLeaks() {
     auto t = Clock::now();
     bool settled = WaitUntil(
         [&] {
-            return orv::emu::ThreadCount(daemon) <= idleThreads_ && orv::emu::DescriptorCount(daemon) <= idleDescriptors_;
+            return orv::emu::ThreadCount(daemon) <= idleThreads_ &&
+                   orv::emu::DescriptorCount(daemon) <= idleDescriptors_;
         },
         15s);
     size_t threads = orv::emu::ThreadCount(daemon);
     size_t descriptors = orv::emu::DescriptorCount(daemon);
     if (settled) {
-        Ok("daemon back at rest: " + std::to_string(threads) + " threads, " + std::to_string(descriptors) +
-               " descriptors (idle: " + std::to_string(idleThreads_) + ", " + std::to_string(idleDescriptors_) + ")",
+        Ok("daemon back at rest: " + std::to_string(threads) + " threads, " +
+               std::to_string(descriptors) + " descriptors (idle: " + std::to_string(idleThreads_) +
+               ", " + std::to_string(idleDescriptors_) + ")",
            Millis(t));
     } else {
         Fail("leak: " + std::to_string(threads) + " threads, " + std::to_string(descriptors) +
-             " descriptors against " + std::to_string(idleThreads_) + ", " + std::to_string(idleDescriptors_));
+             " descriptors against " + std::to_string(idleThreads_) + ", " +
+             std::to_string(idleDescriptors_));
     }
     const auto processes = orv::emu::ProcessStates(sandbox_.PidNamespace());
-    if (std::any_of(processes.begin(), processes.end(), [](const auto& p) { return p.state == 'Z'; })) {
+    if (std::any_of(processes.begin(), processes.end(),
+                    [](const auto& p) { return p.state == 'Z'; })) {
         Fail("zombie processes in the sandbox");
     } else {
         Ok("no zombie process in the sandbox");
     }
     std::set<pid_t> alive = AliveInSandbox();
-    std::vector<orv::emu::StandinRecord> records = orv::emu::ReadStandinRecords(sandbox_.StateDir());
+    std::vector<orv::emu::StandinRecord> records =
+        orv::emu::ReadStandinRecords(sandbox_.StateDir());
     for (const auto& record : records) {
         reaped_ += alive.count(record.pid) == 0 ? 1 : 0;
     }
     if (reaped_ == records.size()) {
-        Ok("every one of the " + std::to_string(records.size()) + " sub-processes has ended and been reaped");
+        Ok("every one of the " + std::to_string(records.size()) +
+           " sub-processes has ended and been reaped");
     } else {
         Fail(std::to_string(records.size() - reaped_) + " sub-process(es) left running");
     }
@@ -580,7 +601,8 @@ void Demo::Shutdown() {
 }
 
 void Demo::Summary() {
-    std::vector<orv::emu::StandinRecord> records = orv::emu::ReadStandinRecords(sandbox_.StateDir());
+    std::vector<orv::emu::StandinRecord> records =
+        orv::emu::ReadStandinRecords(sandbox_.StateDir());
     int byKind[4] = {0, 0, 0, 0};
     for (const auto& record : records) {
         if (record.kind < 4) {
@@ -593,8 +615,8 @@ void Demo::Summary() {
     std::printf("  %-44s %8d\n", "replies received", t.replies);
     std::printf("  %-44s %8d\n", "  of which refusals asked for", t.refusals);
     std::printf("  %-44s %8zu\n", "sub-processes started", records.size());
-    std::printf("  %-44s %8d / %d / %d / %d\n", "  compute / custom / collective / queue", byKind[1], byKind[2],
-                byKind[0], byKind[3]);
+    std::printf("  %-44s %8d / %d / %d / %d\n", "  compute / custom / collective / queue",
+                byKind[1], byKind[2], byKind[0], byKind[3]);
     std::printf("  %-44s %8zu\n", "sub-processes reaped", reaped_);
     std::printf("  %-44s %8d\n", "packages installed", t.packagesInstalled);
     std::printf("  %-44s %8d / %d\n", "VFs created / destroyed", t.vfsCreated, t.vfsDestroyed);
