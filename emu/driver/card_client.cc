@@ -7,14 +7,6 @@
 
 namespace orv::emu {
 
-namespace {
-// Connections kept for the next calls: as many as a process has threads that
-// call at once, as a rule (a stand-in's event loops and its main thread, the
-// daemon's busier threads), so that none connects anew for each call; a
-// burst beyond them leaves no descriptors behind.
-constexpr size_t kMaxIdle = 4;
-}  // namespace
-
 CardClient& CardClient::Instance() {
     static CardClient client(EnvOr(kCardSocketEnv, kDefaultCardSocket));
     return client;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,12 @@ class CardClient {
     // The process's client of the socket named by ORV_EMU_CARD_SOCKET (or the
     // sandbox's default).
     static CardClient& Instance();
+
+    // Connections kept for the next calls: as many as a process has threads
+    // that call at once, as a rule (a stand-in's event loops and its main
+    // thread, the daemon's busier threads), so that none connects anew for
+    // each call; a burst beyond them leaves no descriptors behind.
+    static constexpr size_t kMaxIdle = 4;
 
     explicit CardClient(std::string socketPath);
     CardClient(const CardClient&) = delete;

@@ -15,6 +15,9 @@ namespace {
 
 // How long the board's thread lets changes gather before it writes them.
 constexpr std::chrono::milliseconds kSettle(5);
+// How long the board's thread waits for another change before it ends: a
+// daemon at rest keeps no thread for the board.
+constexpr std::chrono::milliseconds kIdleEnd(1000);
 
 int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -91,12 +94,17 @@ void SessionBoard::Closed(uint32_t sessionId) {
 
 void SessionBoard::Changed() {
     dirty_ = true;
-    if (publisher_.joinable() || stopping_) {
+    if (publishing_ || stopping_) {
         changed_.Signal();
         return;
     }
+    // A thread that ended for want of changes takes no lock on its way out.
+    if (publisher_.joinable()) {
+        publisher_.join();
+    }
     try {
         publisher_ = std::thread([this] { PublishLoop(); });
+        publishing_ = true;
     } catch (const std::system_error&) {
         // No thread: the change is written with the next one that gets one,
         // or at Flush.
@@ -107,10 +115,14 @@ void SessionBoard::PublishLoop() {
     for (;;) {
         {
             MutexLock lock(&mutex_);
+            auto idleEnd = std::chrono::steady_clock::now() + kIdleEnd;
             while (!dirty_ && !stopping_) {
-                changed_.Wait();
+                if (!changed_.WaitUntil(idleEnd) && std::chrono::steady_clock::now() >= idleEnd) {
+                    break;
+                }
             }
-            if (stopping_) {
+            if (stopping_ || !dirty_) {
+                publishing_ = false;
                 return;
             }
             auto settled = std::chrono::steady_clock::now() + kSettle;

@@ -58,8 +58,8 @@ class SessionBoard {
         int32_t lastType = 0;
     };
 
-    // Marks the table changed and wakes the board's thread, started at the
-    // first change.
+    // Marks the table changed and wakes the board's thread, started at a
+    // change when none runs; it ends after a second without changes.
     void Changed() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void PublishLoop() LOCKS_EXCLUDED(mutex_);
 
@@ -72,6 +72,7 @@ class SessionBoard {
     std::map<uint32_t, Entry> sessions_ GUARDED_BY(mutex_);
     bool dirty_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
+    bool publishing_ GUARDED_BY(mutex_) = false;  // publisher_ runs PublishLoop
     std::thread publisher_ GUARDED_BY(mutex_);
 };
 
