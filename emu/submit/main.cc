@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -50,6 +51,29 @@ bool ParseNumber(const char* text, long* value) {
 }
 
 // The pid of the first process whose name is `name`, or 0.
+// The name a process runs under, or "" when it has gone.
+std::string CommandName(long pid) {
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+    std::string line;
+    return std::getline(comm, line) ? line : std::string();
+}
+
+// The parent of a process, or 0.
+long ParentOf(long pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // The name in brackets may hold anything; the fields after it are plain.
+    size_t end = text.rfind(')');
+    long parent = 0;
+    if (end == std::string::npos || std::sscanf(text.c_str() + end + 1, " %*c %ld", &parent) != 1) {
+        return 0;
+    }
+    return parent;
+}
+
+// The process named `name` whose parent is not: a program's own children
+// carry its name until they execute another (the daemon's sub-processes,
+// held before their exec, do), and after pids wrap one may come first.
 pid_t FindProcess(const std::string& name) {
     DIR* proc = opendir("/proc");
     if (proc == nullptr) {
@@ -58,12 +82,8 @@ pid_t FindProcess(const std::string& name) {
     pid_t found = 0;
     while (dirent* entry = readdir(proc)) {
         long pid = 0;
-        if (!ParseNumber(entry->d_name, &pid)) {
-            continue;
-        }
-        std::ifstream comm(std::string("/proc/") + entry->d_name + "/comm");
-        std::string line;
-        if (std::getline(comm, line) && line == name) {
+        if (ParseNumber(entry->d_name, &pid) && CommandName(pid) == name &&
+            CommandName(ParentOf(pid)) != name) {
             found = static_cast<pid_t>(pid);
             break;
         }

@@ -244,7 +244,9 @@ class Soak {
     bool Settle(const Levels& rest, Levels* now) const;
     bool CheckNoSessionLeft(uint32_t device, std::string* why);
     bool Standin(const std::string& kind, const std::string& behaviour, uint32_t delay) const;
-    bool Forge(const std::vector<std::string>& args) const;
+    // Submits a record as a process of the card that is none of the daemon's
+    // children; what orv-emu-submit said in `output`.
+    bool Forge(const std::vector<std::string>& args, std::string* output) const;
     bool Flood(std::string* why);
     bool HostileCycle(uint32_t index, Cycle cycle, uint32_t device, uint32_t hostPid,
                       std::string* why);
@@ -339,10 +341,14 @@ bool Soak::Standin(const std::string& kind, const std::string& behaviour, uint32
 
 // Submits a record from a process of the sandbox that is none of the daemon's
 // children.
-bool Soak::Forge(const std::vector<std::string>& args) const {
+bool Soak::Forge(const std::vector<std::string>& args, std::string* output) const {
     std::vector<std::string> command = {sandbox_.BinDir() + "/orv-emu-submit"};
     command.insert(command.end(), args.begin(), args.end());
-    return sandbox_.Enter(command) == 0;
+    int status = sandbox_.Enter(command, output);
+    if (status != 0) {
+        *output = "exit " + std::to_string(status) + ": " + *output;
+    }
+    return status == 0;
 }
 
 // The cycles that play a hostile peer; each leaves nothing behind when the
@@ -467,11 +473,13 @@ bool Soak::RunCycle(uint32_t index, Cycle cycle, std::string* why) {
             // close below is answered as always.
             const std::string host = std::to_string(hostPid);
             const std::string dev = std::to_string(device);
-            if (!Forge({"0", "--group", dev, "--device", dev, "--host-pid", host, "--event-type",
-                        "4"}) ||
-                !Forge({"1", "--group", dev, "--device", dev, "--host-pid", host}) ||
-                !Forge({"101", "--length", "16", "--word4", "1"})) {
-                *why = "a forged record could not be submitted";
+            std::string said;
+            if (!Forge(
+                    {"0", "--group", dev, "--device", dev, "--host-pid", host, "--event-type", "4"},
+                    &said) ||
+                !Forge({"1", "--group", dev, "--device", dev, "--host-pid", host}, &said) ||
+                !Forge({"101", "--length", "16", "--word4", "1"}, &said)) {
+                *why = "a forged record could not be submitted (" + said + ")";
                 return false;
             }
             break;
