@@ -216,7 +216,10 @@ class DeafHost {
     bool Connected() const { return connected_; }
 
     // Sends `msg` until the daemon takes no more (it stopped reading because
-    // its replies are not read), or `limit` times; how many went.
+    // its replies are not read, and ended the link), for 10 s without
+    // progress, or `limit` times; how many went. A slow daemon (a sanitized
+    // build on a loaded machine) may leave the socket full for a while before
+    // it reads on.
     size_t Flood(const HDCMessage& msg, size_t limit) {
         std::string payload = msg.SerializeAsString();
         uint32_t length = htonl(static_cast<uint32_t>(payload.size()));
@@ -224,12 +227,17 @@ class DeafHost {
         frame += payload;
         (void)fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
         size_t sent = 0;
+        size_t offset = 0;  // into the frame being sent
         int idle = 0;
-        while (sent < limit && idle < 20) {
-            ssize_t n = send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
-            if (n == static_cast<ssize_t>(frame.size())) {
-                ++sent;
+        while (sent < limit && idle < 200) {
+            ssize_t n = send(fd_, frame.data() + offset, frame.size() - offset, MSG_NOSIGNAL);
+            if (n > 0) {
                 idle = 0;
+                offset += static_cast<size_t>(n);
+                if (offset == frame.size()) {
+                    offset = 0;
+                    ++sent;
+                }
             } else if (n < 0 && errno == EAGAIN) {
                 ++idle;
                 std::this_thread::sleep_for(50ms);
