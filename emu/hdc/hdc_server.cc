@@ -290,6 +290,7 @@ uint32_t HdcServer::Init() {
     }
     std::string dir = emu::EnvOr(emu::kHdcDirEnv, emu::kDefaultHdcDir);
     ::mkdir(dir.c_str(), 0755);
+    emu::SessionBoard::Instance().Start();
     impl_->socketPath = dir + "/dev" + std::to_string(impl_->deviceId) + ".sock";
     Impl* impl = impl_.get();
     auto listener = std::make_unique<emu::UnixServer>(

@@ -15,9 +15,6 @@ namespace {
 
 // How long the board's thread lets changes gather before it writes them.
 constexpr std::chrono::milliseconds kSettle(5);
-// How long the board's thread waits for another change before it ends: a
-// daemon at rest keeps no thread for the board.
-constexpr std::chrono::milliseconds kIdleEnd(1000);
 
 int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -92,19 +89,23 @@ void SessionBoard::Closed(uint32_t sessionId) {
     }
 }
 
+void SessionBoard::Start() {
+    MutexLock lock(&mutex_);
+    StartPublisher();
+}
+
 void SessionBoard::Changed() {
     dirty_ = true;
-    if (publishing_ || stopping_) {
-        changed_.Signal();
+    changed_.Signal();
+    StartPublisher();
+}
+
+void SessionBoard::StartPublisher() {
+    if (publisher_.joinable() || stopping_) {
         return;
-    }
-    // A thread that ended for want of changes takes no lock on its way out.
-    if (publisher_.joinable()) {
-        publisher_.join();
     }
     try {
         publisher_ = std::thread([this] { PublishLoop(); });
-        publishing_ = true;
     } catch (const std::system_error&) {
         // No thread: the change is written with the next one that gets one,
         // or at Flush.
@@ -115,14 +116,10 @@ void SessionBoard::PublishLoop() {
     for (;;) {
         {
             MutexLock lock(&mutex_);
-            auto idleEnd = std::chrono::steady_clock::now() + kIdleEnd;
             while (!dirty_ && !stopping_) {
-                if (!changed_.WaitUntil(idleEnd) && std::chrono::steady_clock::now() >= idleEnd) {
-                    break;
-                }
+                changed_.Wait();
             }
-            if (stopping_ || !dirty_) {
-                publishing_ = false;
+            if (stopping_) {
                 return;
             }
             auto settled = std::chrono::steady_clock::now() + kSettle;

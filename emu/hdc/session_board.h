@@ -45,6 +45,9 @@ class SessionBoard {
     void Request(uint32_t sessionId, uint32_t deviceId, int32_t vfId, uint32_t hostPid,
                  int32_t type) LOCKS_EXCLUDED(mutex_);
     void Closed(uint32_t sessionId) LOCKS_EXCLUDED(mutex_);
+    // Starts the board's thread now rather than at the first change, so that
+    // a process's thread count does not grow with its first session.
+    void Start() LOCKS_EXCLUDED(mutex_);
     // Writes the changes made so far now, in the calling thread.
     void Flush() LOCKS_EXCLUDED(writeMutex_, mutex_);
 
@@ -58,9 +61,10 @@ class SessionBoard {
         int32_t lastType = 0;
     };
 
-    // Marks the table changed and wakes the board's thread, started at a
-    // change when none runs; it ends after a second without changes.
+    // Marks the table changed and wakes the board's thread.
     void Changed() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // Starts the board's thread unless it runs (or the board is ending).
+    void StartPublisher() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void PublishLoop() LOCKS_EXCLUDED(mutex_);
 
     const std::string path_;
@@ -72,7 +76,6 @@ class SessionBoard {
     std::map<uint32_t, Entry> sessions_ GUARDED_BY(mutex_);
     bool dirty_ GUARDED_BY(mutex_) = false;
     bool stopping_ GUARDED_BY(mutex_) = false;
-    bool publishing_ GUARDED_BY(mutex_) = false;  // publisher_ runs PublishLoop
     std::thread publisher_ GUARDED_BY(mutex_);
 };
 
