@@ -258,7 +258,10 @@ class DeafHost {
 // service dies, which has the monitor drop that very link.
 TEST_F(HostilePeerTest, AHostThatNeverReadsHoldsUpNobodyElse) {
     Boot();
-    Standin("zarn", "crash", 3000);
+    // The collective service dies well after the host's replies have backed
+    // up (2 s each at most, even for a sanitized daemon on a loaded machine):
+    // its death would otherwise end the link before the deaf host is found out.
+    Standin("zarn", "crash", 12000);
     DeafHost deaf(sandbox_.Env()["ORV_HDC_SOCKET_0"]);
     ASSERT_TRUE(deaf.Connected());
     HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, 800);
