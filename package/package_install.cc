@@ -150,12 +150,7 @@ uint32_t PackageWorker::VerifyAicpuPackage(const std::string& packagePath) const
     return 0;
 }
 
-uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
-    if (faccessat(AT_FDCWD, packagePath.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
-        ORV_LOG(ORV_ERROR, "[OrvDaemon] No aicpu package need to decompression, name[%s].",
-                packagePath.c_str());
-        return 1;
-    }
+int PackageWorker::OpenDroppedPackage(const std::string& packagePath) const {
     off_t size = 0;
     std::string reason;
     int fd = OpenPackageFile(packagePath, &size, &reason);
@@ -163,6 +158,18 @@ uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
         ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
                 reason.c_str());
         RemoveFile(packagePath);
+    }
+    return fd;
+}
+
+uint32_t PackageWorker::DecompressionAicpuPackage(std::string& packagePath) {
+    if (faccessat(AT_FDCWD, packagePath.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] No aicpu package need to decompression, name[%s].",
+                packagePath.c_str());
+        return 1;
+    }
+    int fd = OpenDroppedPackage(packagePath);
+    if (fd < 0) {
         return 1;
     }
     ScopeGuard closePackage([fd] { close(fd); });
@@ -176,13 +183,8 @@ uint32_t PackageWorker::DecompressionAicpuPackage(const std::string& packagePath
 }
 
 uint32_t PackageWorker::UnzipAndSetMemLimit(std::string& packagePath) {
-    off_t size = 0;
-    std::string reason;
-    int fd = OpenPackageFile(packagePath, &size, &reason);
+    int fd = OpenDroppedPackage(packagePath);
     if (fd < 0) {
-        ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", packagePath.c_str(),
-                reason.c_str());
-        RemoveFile(packagePath);
         return 1;
     }
     ScopeGuard closePackage([fd] { close(fd); });

@@ -100,6 +100,9 @@ class PackageWorker {
                           const std::string& fileName) const;
     uint32_t CheckOrMakeDirectory(const std::string& dir) const;
     void RemoveFile(const std::string& path) const;
+    // Opens a dropped package for the steps of its install; a package that
+    // cannot be opened as a plain file is refused, logged and removed (-1).
+    int OpenDroppedPackage(const std::string& packagePath) const;
 
     // ---- The install-info file of thread mode ----
 
