@@ -134,12 +134,6 @@ void StandinTable::Publish() const {
     }
 }
 
-void StandinTable::Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const {
-    MutexLock lock(&mutex_);
-    *behaviour = kind < kKinds ? behaviour_[kind] : "normal";
-    *delayMs = kind < kKinds ? delayMs_[kind] : 0;
-}
-
 std::string StandinTable::Describe() const {
     static const char* const kNames[] = {"zarn", "compute", "custom", "queue"};
     MutexLock lock(&mutex_);

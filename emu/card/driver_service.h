@@ -32,7 +32,6 @@ class StandinTable {
 
     // False for an unknown kind or behaviour.
     bool Set(uint32_t kind, const std::string& behaviour, uint32_t delayMs) LOCKS_EXCLUDED(mutex_);
-    void Get(uint32_t kind, std::string* behaviour, uint32_t* delayMs) const LOCKS_EXCLUDED(mutex_);
     std::string Describe() const LOCKS_EXCLUDED(mutex_);
 
     // Keeps the table in file `path` from now on, where each stand-in reads
