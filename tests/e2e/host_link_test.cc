@@ -53,13 +53,14 @@ TEST_F(HostLinkTest, OutOfRangeDeviceIdsGetNoReplyWhileTheLastValidOnesAreServed
         Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--device-id", "4"}, &output),
         kNoReply)
         << output;
-    EXPECT_TRUE(sandbox_.Log().Contains(
-        "[OrvDaemon] FmkToOrvMsgProc deviceId >= MAX_DEVNUM_PER_OS failed"));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "[OrvDaemon] FmkToOrvMsgProc deviceId >= MAX_DEVNUM_PER_OS failed", 10s));
     EXPECT_EQ(Host(sandbox_, {"--timeout", "1000", "close", "--pid", "7", "--real-device", "128"},
                    &output),
               kNoReply)
         << output;
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] FmkToOrvMsgProc realDeviceId out of range"));
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("[OrvDaemon] FmkToOrvMsgProc realDeviceId out of range", 10s));
 
     // Device 3 answers through its own server.
     std::string reply =
@@ -78,8 +79,8 @@ TEST_F(HostLinkTest, AResponseTypeFromAHostIsAVersionMismatchAndNothingElse) {
     EXPECT_EQ(
         Host(sandbox_, {"--timeout", "1000", "send", "--type", "8", "--pid", "5", "--cp"}, &output),
         kNoReply);
-    EXPECT_TRUE(sandbox_.Log().Contains(
-        "Version is not matched(message_type:8), you need update the software"));
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "Version is not matched(message_type:8), you need update the software", 10s));
     for (const std::string& line : sandbox_.Log().Lines()) {
         if (linesBefore-- > 0) {
             continue;
@@ -202,8 +203,9 @@ TEST_F(HostLinkTest, PackageQueryAnswersTheCheckCodeAndClosesTheQuerysLink) {
              "open good\nsend good check-package\nexpect good 36\n"),
         0)
         << output;
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] SendHdcMsg: hdc instance nullptr"));
-    EXPECT_TRUE(sandbox_.Log().Contains("[OrvDaemon] Send package check result to client failed"));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("[OrvDaemon] SendHdcMsg: hdc instance nullptr", 10s));
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("[OrvDaemon] Send package check result to client failed", 10s));
 }
 
 // Malformed input ends only its own session, which is reported once; the

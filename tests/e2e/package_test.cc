@@ -383,7 +383,7 @@ TEST_F(PackageTest, MalformedVfNoticesAreRefusedWithoutAcknowledgement) {
         std::string output;
         EXPECT_EQ(EmuCtl(sandbox_, c.args, &output), 1) << output;
         EXPECT_THAT(output, HasSubstr("no acknowledgement"));
-        EXPECT_TRUE(sandbox_.Log().Contains(c.logged)) << c.logged;
+        EXPECT_TRUE(sandbox_.Log().WaitFor(c.logged, 10s)) << c.logged;
     }
     std::string output;
     ASSERT_EQ(EmuCtl(sandbox_, {"vf", "create", "16"}, &output), 0) << output;
@@ -842,8 +842,8 @@ TEST_F(PackageTest, PackageQueriesForVfIdsThatCannotExistCreateNothingAndGetNoRe
         std::string output;
         EXPECT_EQ(Host(sandbox_, {"check-package", "--vf", vf, "--timeout", "1500"}, &output), 3)
             << "vf " << vf << ": " << output;
-        EXPECT_TRUE(sandbox_.Log().Contains(
-            std::string("[PackageWorker] No package worker for vfId[") + vf + "]"))
+        EXPECT_TRUE(sandbox_.Log().WaitFor(
+            std::string("[PackageWorker] No package worker for vfId[") + vf + "]", 10s))
             << vf;
     }
     EXPECT_EQ(CheckCode(16), 0u) << "VF 16 has a worker";
