@@ -339,6 +339,16 @@ std::vector<pid_t> ProcessesInNamespace(const std::string& ns) {
     return pids;
 }
 
+std::vector<pid_t> StillInNamespace(const std::string& ns, const std::vector<pid_t>& before) {
+    std::vector<pid_t> left;
+    for (pid_t pid : ProcessesInNamespace(ns)) {
+        if (std::find(before.begin(), before.end(), pid) != before.end()) {
+            left.push_back(pid);
+        }
+    }
+    return left;
+}
+
 std::vector<SandboxProcess> ProcessStates(const std::string& ns) {
     std::vector<SandboxProcess> processes;
     for (pid_t pid : ProcessesInNamespace(ns)) {

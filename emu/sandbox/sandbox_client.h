@@ -93,6 +93,10 @@ std::vector<StandinRecord> ReadStandinRecords(const std::string& stateDir);
 
 // Processes (outer pids) that live in the PID namespace `ns`.
 std::vector<pid_t> ProcessesInNamespace(const std::string& ns);
+// Those of `before`, taken while namespace `ns` lived, that live in it still.
+// Once a namespace is gone its name may pass to a new one (another sandbox's),
+// so after a sandbox's end only the processes it had can count as left over.
+std::vector<pid_t> StillInNamespace(const std::string& ns, const std::vector<pid_t>& before);
 
 // A process of a sandbox: its pid outside and inside, and its state letter
 // (R, S, Z, ...).

@@ -51,7 +51,8 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
 
     std::string ns = sandbox.PidNamespace();
     ASSERT_FALSE(ns.empty());
-    EXPECT_GE(test::ProcessesInNamespace(ns).size(), 3u) << "init, card emulator, daemon";
+    std::vector<pid_t> inside = test::ProcessesInNamespace(ns);
+    EXPECT_GE(inside.size(), 3u) << "init, card emulator, daemon";
     EXPECT_EQ(sandbox.Stop(), 0);
     EXPECT_TRUE(sandbox.Log().InOrder(
         {"[OrvDaemon] OrvDaemon::Destroy() enter", "[OrvEventServer] Destroy end.",
@@ -61,7 +62,7 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
     EXPECT_EQ(sandbox.Log().Count("is nullptr, skip destroy"), 16u);
     EXPECT_TRUE(sandbox.Log().InOrder({"[OrvDaemon] Destroy Inotify watcher vfId[0] begin",
                                        "[OrvDaemon] Destroy Inotify watcher vfId[0] success"}));
-    EXPECT_THAT(test::ProcessesInNamespace(ns), IsEmpty());
+    EXPECT_THAT(test::StillInNamespace(ns, inside), IsEmpty());
     EXPECT_NE(kill(daemon, 0), 0);
     EXPECT_NE(access((sandbox.StateDir() + "/sandbox.env").c_str(), F_OK), 0);
 }

@@ -128,6 +128,7 @@ using emu::DescriptorCount;
 using emu::ProcessesInNamespace;
 using emu::RunProgram;
 using emu::StandinRecord;
+using emu::StillInNamespace;
 using emu::ThreadCount;
 
 // orv-host and orv-emu-ctl against a sandbox.

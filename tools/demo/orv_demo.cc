@@ -584,9 +584,10 @@ void Demo::CheckLeaks() {
 void Demo::Shutdown() {
     Section("Shutdown");
     std::string ns = sandbox_.PidNamespace();
+    std::vector<pid_t> inside = orv::emu::ProcessesInNamespace(ns);
     auto t = Clock::now();
     int status = sandbox_.Stop(90s);
-    std::vector<pid_t> left = orv::emu::ProcessesInNamespace(ns);
+    std::vector<pid_t> left = orv::emu::StillInNamespace(ns, inside);
     if (status == 0 && left.empty()) {
         Ok("SIGTERM: the daemon shut down in order, then the card; nothing left behind", Millis(t));
     } else {
