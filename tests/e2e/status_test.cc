@@ -90,9 +90,9 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
 
     HeldHost host(sandbox);
     host.Write(
-        "open a\nsend a start --pid 4242 --cp --zarn\nexpect a 8 --code 0\n"
+        "open a\nsend a start --pid 4242 --cp --zarn\nexpect a 8 --code 0 --timeout 30000\n"
         "open b --device 1\nsend b start --pid 777 --cp --vf 1 --device-id 1 --check-code " +
-        checkCode + "\nexpect b 8 --code 0\n");
+        checkCode + "\nexpect b 8 --code 0 --timeout 30000\n");
     std::string tree;
     ASSERT_TRUE(test::WaitFor(
         [&] {
@@ -101,7 +101,7 @@ TEST(StatusTest, ShowsDevicesVfsPackagesAndEachHostWithItsSubProcesses) {
                    tree.find("runs compute, since") != std::string::npos &&
                    test::StandinRecordsOfKind(sandbox, 1).size() == 2;
         },
-        20s))
+        60s))
         << tree;
     std::string zarn = PidOf(test::StandinRecordsOfKind(sandbox, 0));
     // Which compute process serves which host, from their command lines.
