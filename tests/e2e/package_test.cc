@@ -116,8 +116,12 @@ class PackageTest : public ::testing::Test {
     // The check code the daemon reports for a VF.
     uint32_t CheckCode(int vf = 0) {
         std::string output;
-        EXPECT_EQ(Host(sandbox_, {"--json", "check-package", "--vf", std::to_string(vf)}, &output),
-                  0)
+        // A query waits for an install under way, seconds on a loaded machine.
+        EXPECT_EQ(
+            Host(sandbox_,
+                 {"--json", "--timeout", "30000", "check-package", "--vf", std::to_string(vf)},
+                 &output),
+            0)
             << output;
         size_t at = output.find("\"check_code\":");
         return at == std::string::npos ? 0
