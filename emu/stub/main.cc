@@ -1,5 +1,6 @@
 // orv-subproc-stub: the sub-process stand-in (emu/stub/standin.h), started by
 // the daemon under the names of the four sub-process programs.
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,6 +16,9 @@ int main(int argc, char** argv) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    // One heap for both threads: a second thread's own arena would be mapped
+    // at its first allocation and torn down at exit, on the control CPU.
+    mallopt(M_ARENA_MAX, 1);
 
     orv::emu::CardClient::Instance().ExemptFromFaults();
     orv::emu::Standin standin(orv::emu::ParseStandinOptions(argc, argv));

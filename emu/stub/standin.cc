@@ -230,19 +230,18 @@ bool Standin::SetUpEvents() {
 }
 
 void Standin::Run() {
-    // Events for this process wait in its groups from the subscriptions on:
-    // the control loop may start after the report; the calling thread takes
-    // the tasks at the end.
-    auto listen = [this] { std::thread([this] { ControlLoop(); }).detach(); };
+    // The control loop listens before the start is reported, as a process
+    // ready to serve would: a close request right after the start finds it
+    // waiting, rather than setting itself up. The calling thread takes the
+    // tasks at the end.
+    std::thread([this] { ControlLoop(); }).detach();
     if (behaviour_->start == StartReport::kNone) {
-        listen();
         Note("not reporting start");
     } else {
         if (behaviour_->start == StartReport::kAfterDelay) {
             SleepDelay();
         }
         Report(ORV_SUB_EVENT_START, options_.kind);
-        listen();
         if (behaviour_->afterStart != nullptr) {
             (this->*behaviour_->afterStart)();
         }

@@ -62,8 +62,8 @@ class Standin {
     // groups. False, noted, when any step fails.
     bool SetUpEvents();
 
-    // Reports its start (or not) as its behaviour says, listens for control
-    // events on a thread of its own, does what the behaviour does once
+    // Listens for control events on a thread of its own, reports its start
+    // (or not) as its behaviour says, does what the behaviour does once
     // started, then takes tasks on the calling thread until a wait fails.
     // Requires SetUpEvents(); the object must outlive the process.
     void Run();
