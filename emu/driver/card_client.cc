@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "emu/common/emu_paths.h"
+#include "emu/common/process_ids.h"
 #include "emu/common/socket_io.h"
 
 namespace orv::emu {
@@ -13,18 +14,18 @@ CardClient& CardClient::Instance() {
 }
 
 CardClient::CardClient(std::string socketPath)
-    : socketPath_(std::move(socketPath)), ownerPid_(::getpid()) {}
+    : socketPath_(std::move(socketPath)), ownerPid_(CurrentPid()) {}
 
 UniqueFd CardClient::Borrow() {
     {
         MutexLock lock(&mutex_);
-        if (ownerPid_ != ::getpid()) {
+        if (ownerPid_ != CurrentPid()) {
             // The descriptors are shared with the parent; using them would mix the streams.
             for (UniqueFd& fd : idle_) {
                 fd.Release();
             }
             idle_.clear();
-            ownerPid_ = ::getpid();
+            ownerPid_ = CurrentPid();
         }
         if (!idle_.empty()) {
             UniqueFd fd = std::move(idle_.back());
@@ -37,7 +38,7 @@ UniqueFd CardClient::Borrow() {
 
 void CardClient::Return(UniqueFd fd) {
     MutexLock lock(&mutex_);
-    if (ownerPid_ == ::getpid() && idle_.size() < kMaxIdle) {
+    if (ownerPid_ == CurrentPid() && idle_.size() < kMaxIdle) {
         idle_.push_back(std::move(fd));
     }
 }

@@ -4,9 +4,10 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "emu/common/process_ids.h"
 
 extern "C" {
 
@@ -19,7 +20,7 @@ int32_t mmSleep(uint32_t milliSecond) {
 }
 
 int32_t mmGetTid(void) {
-    return static_cast<int32_t>(::syscall(SYS_gettid));
+    return static_cast<int32_t>(orv::emu::CurrentTid());
 }
 
 void* mmDlopen(const char* fileName, int32_t mode) {

@@ -20,6 +20,7 @@
 #include <string>
 
 #include "emu/common/emu_paths.h"
+#include "emu/common/process_ids.h"
 #include "emu/common/socket_io.h"
 #include "emu/slog/slog_emu.h"
 
@@ -128,7 +129,7 @@ void WriteLine(int moduleId, int level, const char* fmt, va_list args) {
     line += LevelName(level);
     line += ' ';
     line += config.processName;
-    line += '[' + std::to_string(::getpid()) + "] " + std::to_string(moduleId) + ": ";
+    line += '[' + std::to_string(orv::emu::CurrentPid()) + "] " + std::to_string(moduleId) + ": ";
     line.append(text, length);
     line += '\n';
 
