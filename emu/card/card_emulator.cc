@@ -30,28 +30,15 @@ CardReply TextReply(int32_t code, const std::string& text) {
 // The card's driver does a call's work on the calling thread's CPU; the
 // thread serving a process's calls here runs where that process may run, so
 // that handing an event from one of the card's processes to another wakes no
-// other CPU than the card would. The thread's own CPUs come back when the
-// connection ends, since the thread then waits for another process.
-class OnCallersCpus {
-  public:
-    explicit OnCallersCpus(pid_t caller) {
-        cpu_set_t cpus;
-        saved_ = caller > 0 && ::sched_getaffinity(0, sizeof(own_), &own_) == 0 &&
-                 ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0 &&
-                 ::sched_setaffinity(0, sizeof(cpus), &cpus) == 0;
+// other CPU than the card would. The thread stays there after the connection
+// ends: the next connection it takes moves it again, and moving it back at
+// once would cost a migration on the CPU that the ending process ran on.
+void MoveToCallersCpus(pid_t caller) {
+    cpu_set_t cpus;
+    if (caller > 0 && ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0) {
+        (void)::sched_setaffinity(0, sizeof(cpus), &cpus);
     }
-    ~OnCallersCpus() {
-        if (saved_) {
-            (void)::sched_setaffinity(0, sizeof(own_), &own_);
-        }
-    }
-    OnCallersCpus(const OnCallersCpus&) = delete;
-    OnCallersCpus& operator=(const OnCallersCpus&) = delete;
-
-  private:
-    cpu_set_t own_;
-    bool saved_ = false;
-};
+}
 
 }  // namespace
 
@@ -97,7 +84,9 @@ void CardEmulator::Stop() {
 }
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
-    OnCallersCpus cpus(control ? 0 : peer);
+    if (!control) {
+        MoveToCallersCpus(peer);
+    }
     std::string payload;
     while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
         CardRequest request;

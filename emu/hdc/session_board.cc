@@ -1,5 +1,7 @@
 #include "emu/hdc/session_board.h"
 
+#include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,6 +22,18 @@ int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
         .count();
+}
+
+// The board is the emulator's bookkeeping, not the card's: its writing runs
+// on whichever CPU is free rather than on the control CPUs the daemon binds
+// its threads (and so this one) to.
+void LeaveControlCpus() {
+    cpu_set_t all;
+    CPU_ZERO(&all);
+    for (long cpu = 0; cpu < ::sysconf(_SC_NPROCESSORS_CONF) && cpu < CPU_SETSIZE; ++cpu) {
+        CPU_SET(cpu, &all);
+    }
+    (void)::pthread_setaffinity_np(::pthread_self(), sizeof(all), &all);
 }
 
 }  // namespace
@@ -113,6 +127,7 @@ void SessionBoard::StartPublisher() {
 }
 
 void SessionBoard::PublishLoop() {
+    LeaveControlCpus();
     for (;;) {
         {
             MutexLock lock(&mutex_);
