@@ -35,6 +35,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -900,6 +901,14 @@ int Packages(int runs) {
 int LogRate() {
     std::printf("\nLog statements per second (one thread, into a file)\n");
     std::string dir = MakeState("log");
+    // Only for this part: the suite, run after it, inherits the environment,
+    // and its log tests would write into this removed directory.
+    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
+    for (const char* name : {"ORV_EMU_LOG_FILE", "ORV_EMU_LOG_LEVEL"}) {
+        const char* value = getenv(name);
+        saved.emplace_back(name,
+                           value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+    }
     setenv("ORV_EMU_LOG_FILE", (dir + "/system.log").c_str(), 1);
     setenv("ORV_EMU_LOG_LEVEL", "info", 1);
     OrvEmuSlogReconfigure();
@@ -921,6 +930,14 @@ int LogRate() {
         std::printf("  %-32s %10.0f statements/s\n", kind.label, count / seconds);
     }
     (void)orv::ORVLog::GetInstance().GetErrorMsg();
+    for (const auto& [name, value] : saved) {
+        if (value) {
+            setenv(name, value->c_str(), 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    OrvEmuSlogReconfigure();
     orv::emu::RunProgram({"/bin/rm", "-rf", dir});
     return 0;
 }
