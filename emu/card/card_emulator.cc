@@ -30,15 +30,29 @@ CardReply TextReply(int32_t code, const std::string& text) {
 // The card's driver does a call's work on the calling thread's CPU; the
 // thread serving a process's calls here runs where that process may run, so
 // that handing an event from one of the card's processes to another wakes no
-// other CPU than the card would. The thread stays there after the connection
-// ends: the next connection it takes moves it again, and moving it back at
-// once would cost a migration on the CPU that the ending process ran on.
-void MoveToCallersCpus(pid_t caller) {
-    cpu_set_t cpus;
-    if (caller > 0 && ::sched_getaffinity(caller, sizeof(cpus), &cpus) == 0) {
-        (void)::sched_setaffinity(0, sizeof(cpus), &cpus);
+// other CPU than the card would. The process may bind itself after it
+// connected (the daemon binds to its control CPUs once its first driver calls
+// are done, and keeps those connections), so each call looks again; the
+// thread moves only when the process's CPUs changed. It stays where it is when
+// the connection ends: its next connection moves it if need be.
+class CallersCpus {
+  public:
+    void Follow(pid_t caller) {
+        cpu_set_t cpus;
+        if (caller <= 0 || ::sched_getaffinity(caller, sizeof(cpus), &cpus) != 0 ||
+            (known_ && CPU_EQUAL(&cpus, &current_))) {
+            return;
+        }
+        if (::sched_setaffinity(0, sizeof(cpus), &cpus) == 0) {
+            current_ = cpus;
+            known_ = true;
+        }
     }
-}
+
+  private:
+    cpu_set_t current_;
+    bool known_ = false;
+};
 
 }  // namespace
 
@@ -84,11 +98,15 @@ void CardEmulator::Stop() {
 }
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
+    CallersCpus cpus;
     if (!control) {
-        MoveToCallersCpus(peer);
+        cpus.Follow(peer);
     }
     std::string payload;
     while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
+        if (!control) {
+            cpus.Follow(peer);
+        }
         CardRequest request;
         CardReply reply;
         if (!request.ParseFromString(payload)) {
