@@ -18,7 +18,7 @@ namespace orv::emu {
 namespace {
 
 constexpr uint32_t kMaxRequest = 1u << 20;
-constexpr size_t kDriverSpares = 4;
+constexpr size_t kDriverSpares = 8;
 
 CardReply TextReply(int32_t code, const std::string& text) {
     CardReply reply;
@@ -66,7 +66,9 @@ bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
     runDir_ = sockets.control.substr(0, sockets.control.find_last_of('/'));
     standins_.PublishTo(StandinBoardOfDriverSocket(sockets.driver));
     // A starting sub-process opens a few connections at once (its event
-    // loops and its main thread); as many threads wait for them.
+    // loops and its main thread), and a session starts two or more of them:
+    // as many threads wait for them, so that neither a start nor the close
+    // that ends those connections creates or ends a thread of the card.
     driverServer_ = std::make_unique<UnixServer>(
         sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); }, 0,
         kDriverSpares);
