@@ -121,15 +121,24 @@ ORV_COPY_SAFE void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, mask, previous, kKernelSigsetBytes);
 }
 
-// Closes every descriptor from 3 up but `keep`.
-ORV_COPY_SAFE void CloseAllBut(int keep) {
-    const unsigned int last = ~0U;
-    unsigned int first = STDERR_FILENO + 1;
-    if (keep >= static_cast<int>(first)) {
-        CloseRange(first, static_cast<unsigned int>(keep) - 1);
-        first = static_cast<unsigned int>(keep) + 1;
+// Closes every descriptor from 3 up but those given (a negative one is none).
+ORV_COPY_SAFE void CloseAllBut(int a, int b = -1, int c = -1) {
+    int keep[] = {a, b, c};
+    for (int i = 1; i < 3; ++i) {
+        for (int j = i; j > 0 && keep[j - 1] > keep[j]; --j) {
+            int swapped = keep[j];
+            keep[j] = keep[j - 1];
+            keep[j - 1] = swapped;
+        }
     }
-    CloseRange(first, last);
+    unsigned int first = STDERR_FILENO + 1;
+    for (int fd : keep) {
+        if (fd >= static_cast<int>(first)) {
+            CloseRange(first, static_cast<unsigned int>(fd) - 1);
+            first = static_cast<unsigned int>(fd) + 1;
+        }
+    }
+    CloseRange(first, ~0U);
 }
 
 // The program itself: a child of the intermediate below.
@@ -177,13 +186,15 @@ ORV_COPY_SAFE void CloseAllBut(int keep) {
     // shell must collect its own children.
     static const unsigned char kDefaultAction[kKernelSigactionBytes] = {};
     syscall(SYS_rt_sigaction, SIGCHLD, kDefaultAction, nullptr, kKernelSigsetBytes);
+    // Whatever else the daemon had open (host links among them) is neither
+    // this process's to hold while the program runs nor the program's: gone
+    // before the program exists, but for what the program is to be given.
+    CloseAllBut(recipe.statusFd, recipe.input, recipe.output);
     pid_t self = static_cast<pid_t>(syscall(SYS_getpid));
     long program = syscall(SYS_clone, static_cast<unsigned long>(SIGCHLD), 0UL, 0UL, 0UL, 0UL);
     if (program == 0) {
         ProgramMain(recipe, self, &mask);
     }
-    // Whatever else the daemon had open (host links among them) is not this
-    // process's to hold while the program runs.
     CloseAllBut(recipe.statusFd);
     int status = 0;
     long waited = -1;
