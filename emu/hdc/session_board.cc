@@ -28,9 +28,10 @@ int64_t NowMs() {
 // on whichever CPU is free rather than on the control CPUs the daemon binds
 // its threads (and so this one) to.
 void LeaveControlCpus() {
+    const long cpus = ::sysconf(_SC_NPROCESSORS_CONF);
     cpu_set_t all;
     CPU_ZERO(&all);
-    for (long cpu = 0; cpu < ::sysconf(_SC_NPROCESSORS_CONF) && cpu < CPU_SETSIZE; ++cpu) {
+    for (long cpu = 0; cpu < cpus && cpu < CPU_SETSIZE; ++cpu) {
         CPU_SET(cpu, &all);
     }
     (void)::pthread_setaffinity_np(::pthread_self(), sizeof(all), &all);
