@@ -232,16 +232,19 @@ bool Standin::SetUpEvents() {
 void Standin::Run() {
     // The control loop listens before the start is reported, as a process
     // ready to serve would: a close request right after the start finds it
-    // waiting, rather than setting itself up. The calling thread takes the
-    // tasks at the end.
+    // waiting, rather than setting itself up. A close that comes sooner is
+    // answered once the start is reported, never before. The calling thread
+    // takes the tasks at the end.
     std::thread([this] { ControlLoop(); }).detach();
     if (behaviour_->start == StartReport::kNone) {
         Note("not reporting start");
+        StartSettled();
     } else {
         if (behaviour_->start == StartReport::kAfterDelay) {
             SleepDelay();
         }
         Report(ORV_SUB_EVENT_START, options_.kind);
+        StartSettled();
         if (behaviour_->afterStart != nullptr) {
             (this->*behaviour_->afterStart)();
         }
@@ -341,6 +344,19 @@ void Standin::AskCustomTwice() {
     AskForCustom();
 }
 
+void Standin::StartSettled() {
+    MutexLock lock(&startMutex_);
+    startSettled_ = true;
+    startSettledCond_.SignalAll();
+}
+
+void Standin::WaitStartSettled() {
+    MutexLock lock(&startMutex_);
+    while (!startSettled_) {
+        startSettledCond_.Wait();
+    }
+}
+
 void Standin::ControlLoop() {
     for (;;) {
         event_info event;
@@ -358,6 +374,7 @@ void Standin::ControlLoop() {
         OrvSubEventInfo record;
         std::memcpy(&record, event.msg, sizeof(record));
         if (event.subevent_id == ORV_SUB_EVENT_CLOSE_REQ) {
+            WaitStartSettled();
             Note("close_request");
             if (behaviour_->close == CloseAnswer::kIgnore) {
                 continue;

@@ -17,6 +17,8 @@
 
 #include <driver_hal.h>
 
+#include "platform/mutex.h"
+
 namespace orv::emu {
 
 // The kinds of sub-process, numbered as the card's stand-in table numbers them.
@@ -103,6 +105,9 @@ class Standin {
 
     // Control events from the daemon: close requests and custom-start replies.
     void ControlLoop();
+    // Marks the start as reported (or as never to be), and waits for that.
+    void StartSettled();
+    void WaitStartSettled();
     // Tasks for compute processes: profiling updates and shared-object loads.
     void TaskLoop();
 
@@ -117,6 +122,9 @@ class Standin {
     // Shared with the control thread
     std::atomic<int> recordFd_{-1};  // open for appending once the record is written
     std::atomic<bool> customStarted_{false};
+    Mutex startMutex_;
+    CondVar startSettledCond_{&startMutex_};
+    bool startSettled_ GUARDED_BY(startMutex_) = false;
 };
 
 }  // namespace orv::emu

@@ -4,6 +4,7 @@
 // the stand-ins' misbehaviours chosen through orv-emu-ctl.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -110,6 +111,28 @@ TEST_F(SessionTest, ComputeAndCollectiveServiceAreAnsweredOnceBothReported) {
                                 "EventSer->ORV RspMsg device index in os[0] Start Rsp procType[0]",
                                 "[OrvEVENT] #### Start Rsp ORV->FMK device index in os[0]"}));
     EXPECT_EQ(sandbox_.Log().Count("[OrvEVENT] #### Start Rsp ORV->FMK"), 1u);
+}
+
+// The stand-in listens for control events from its start on, but answers a
+// close only once it has reported its start, as before it listened early.
+TEST_F(SessionTest, ACloseDuringASlowStartFollowsTheStartAnswer) {
+    Boot();
+    Standin("compute", "delay-start", 1500);
+    Session(
+        "open a\n"
+        "send a start --pid 52 --cp\n"
+        "sleep 500\n"
+        "send a close --pid 52\n"
+        "expect a 8 --code 0 --timeout 30000\n"
+        "expect a 9 --code 0 --timeout 30000\n");
+    std::vector<StandinRecord> computes = OfKind(kCompute);
+    ASSERT_EQ(computes.size(), 1u);
+    const std::vector<std::string>& notes = computes[0].notes;
+    auto started = std::find(notes.begin(), notes.end(), "sent 0 rc 0");  // the start report
+    auto closing = std::find(notes.begin(), notes.end(), "close_request");
+    ASSERT_NE(started, notes.end());
+    ASSERT_NE(closing, notes.end());
+    EXPECT_LT(started, closing) << ::testing::PrintToString(notes);
 }
 
 TEST_F(SessionTest, QueueStartRunsOnlyTheQueueRunnerInTheDefaultGroup) {
