@@ -101,44 +101,44 @@ const char* LevelName(int level) {
     }
 }
 
+// Room for the line's prefix (time, level, process name and pid, module).
+constexpr size_t kPrefixRoom = 256;
+constexpr size_t kMessageRoom = 16384;
+
 void WriteLine(int moduleId, int level, const char* fmt, va_list args) {
     SlogConfig& config = Config();
-    char text[16384];
-    int n = std::vsnprintf(text, sizeof(text), fmt, args);
-    if (n < 0) {
-        return;
-    }
-    size_t length = std::min(static_cast<size_t>(n), sizeof(text) - 1);
-    while (length > 0 && text[length - 1] == '\n') {
-        --length;
-    }
-
     timeval now{};
     ::gettimeofday(&now, nullptr);
     tm local{};
     ::localtime_r(&now.tv_sec, &local);
-    char stamp[64];
-    std::snprintf(stamp, sizeof(stamp), "%04d-%02d-%02d %02d:%02d:%02d.%06ld", local.tm_year + 1900,
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<long>(now.tv_usec));
-
-    std::string line;
-    line.reserve(length + 96);
-    line += stamp;
-    line += ' ';
-    line += LevelName(level);
-    line += ' ';
-    line += config.processName;
-    line += '[' + std::to_string(orv::emu::CurrentPid()) + "] " + std::to_string(moduleId) + ": ";
-    line.append(text, length);
-    line += '\n';
+    // Composed in place, once: the prefix, the message, one newline.
+    char line[kPrefixRoom + kMessageRoom];
+    int prefix =
+        std::snprintf(line, kPrefixRoom,
+                      "%04d-%02d-%02d %02d:%02d:%02d.%06ld %s %s[%d] %d: ", local.tm_year + 1900,
+                      local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                      static_cast<long>(now.tv_usec), LevelName(level), config.processName.c_str(),
+                      static_cast<int>(orv::emu::CurrentPid()), moduleId);
+    if (prefix < 0) {
+        return;
+    }
+    const size_t start = std::min(static_cast<size_t>(prefix), kPrefixRoom - 1);
+    int n = std::vsnprintf(line + start, kMessageRoom, fmt, args);
+    if (n < 0) {
+        return;
+    }
+    size_t length = start + std::min(static_cast<size_t>(n), kMessageRoom - 1);
+    while (length > start && line[length - 1] == '\n') {
+        --length;
+    }
+    line[length++] = '\n';
 
     int fd = config.fileFd.load();
     if (fd >= 0) {
-        orv::emu::WriteFileFull(fd, line.data(), line.size());
+        orv::emu::WriteFileFull(fd, line, length);
     }
     if (config.toStderr) {
-        orv::emu::WriteFull(STDERR_FILENO, line.data(), line.size());
+        orv::emu::WriteFull(STDERR_FILENO, line, length);
     }
 }
 
