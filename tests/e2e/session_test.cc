@@ -118,16 +118,27 @@ TEST_F(SessionTest, ComputeAndCollectiveServiceAreAnsweredOnceBothReported) {
 TEST_F(SessionTest, ACloseDuringASlowStartFollowsTheStartAnswer) {
     Boot();
     Standin("compute", "delay-start", 1500);
-    Session(
-        "open a\n"
-        "send a start --pid 52 --cp\n"
-        "sleep 500\n"
-        "send a close --pid 52\n"
-        "expect a 8 --code 0 --timeout 30000\n"
-        "expect a 9 --code 0 --timeout 30000\n");
-    std::vector<StandinRecord> computes = OfKind(kCompute);
-    ASSERT_EQ(computes.size(), 1u);
-    const std::vector<std::string>& notes = computes[0].notes;
+    auto link = Hold();
+    HDCMessage start;
+    start.set_type(HDCMessage::ORV_START_PROC_MSG);
+    start.mutable_proc_sign_pid()->set_proc_pid(52);
+    start.set_start_cp(true);
+    ASSERT_TRUE(link->Send(start));
+    // The close comes while the compute process runs but has not reported.
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCompute).size() == 1; }, 30s));
+    HDCMessage close;
+    close.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
+    close.mutable_proc_sign_pid()->set_proc_pid(52);
+    ASSERT_TRUE(link->Send(close));
+    std::vector<int> answers;
+    HDCMessage reply;
+    while (answers.size() < 2 && link->Next(&reply, 30s) == host::Received::kMessage) {
+        answers.push_back(reply.type());
+        EXPECT_EQ(reply.orv_rsp_code(), 0u);
+    }
+    EXPECT_THAT(answers,
+                ElementsAre(HDCMessage::ORV_START_PROC_RSP, HDCMessage::ORV_CLOSE_PROC_RSP));
+    std::vector<std::string> notes = OfKind(kCompute)[0].notes;
     auto started = std::find(notes.begin(), notes.end(), "sent 0 rc 0");  // the start report
     auto closing = std::find(notes.begin(), notes.end(), "close_request");
     ASSERT_NE(started, notes.end());
