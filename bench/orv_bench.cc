@@ -117,6 +117,23 @@ std::string MakeState(const std::string& name) {
     return dir;
 }
 
+void RemoveState(const SandboxClient& sandbox) {
+    orv::emu::RunProgram({"/bin/rm", "-rf", sandbox.StateDir(), sandbox.StateDir() + ".out"});
+}
+
+// Stops a part's sandbox. Its state directory (logs, stand-in records,
+// packages) goes with it when the part went well; otherwise it stays, and
+// where is said.
+void Finish(SandboxClient& sandbox, bool wentWell) {
+    sandbox.Stop();
+    if (wentWell) {
+        RemoveState(sandbox);
+    } else {
+        std::fprintf(stderr, "orv-bench: the sandbox's state is kept in %s\n",
+                     sandbox.StateDir().c_str());
+    }
+}
+
 std::unique_ptr<HostLink> Connect(const SandboxClient& sandbox, uint32_t device) {
     std::string error;
     auto link =
@@ -328,7 +345,7 @@ int Latency(int sessions) {
             MeasureDaemon(sandbox, 1, false, 10000 + static_cast<uint32_t>(i), &computeOnly);
         failures += MeasureDaemon(sandbox, 1, true, 20000 + static_cast<uint32_t>(i), &both);
     }
-    sandbox.Stop();
+    Finish(sandbox, failures == 0);
     Report("bare floor: fork + exec + one-byte handshake", floors.bare);
     Report("stand-in: fork + exec + start handshake", floors.standin.start);
     Report("stand-in: close request to exit", floors.standin.close);
@@ -399,7 +416,7 @@ int StopTimes(int rounds) {
         if (daemonFd >= 0) {
             close(daemonFd);
         }
-        orv::emu::RunProgram({"/bin/rm", "-rf", sandbox.StateDir(), sandbox.StateDir() + ".out"});
+        RemoveState(sandbox);
     }
     Report("SIGTERM -> the daemon's exit", daemonExit);
     Report("SIGTERM -> the whole sandbox down", sandboxDown);
@@ -643,7 +660,7 @@ int Supervisord(int cycles) {
     std::string shutdownError;
     rpc.Call("supervisor.shutdown", {}, &ignored, &shutdownError);
     rpc.Close();
-    sandbox.Stop();
+    Finish(sandbox, failures == 0 && error.empty());
     if (!error.empty()) {
         std::fprintf(stderr, "orv-bench: supervisord: %s\n", error.c_str());
     }
@@ -791,8 +808,9 @@ int Concurrent(int perDevice, bool reportResources) {
                     peak.rssKb, peak.threads, hosts);
         std::printf("  afterwards:  RSS %6zu KiB, %3zu threads\n", after.rssKb, after.threads);
     }
-    sandbox.Stop();
-    return answered == hosts && after.threads <= idle.threads ? 0 : 1;
+    const bool wentWell = answered == hosts && after.threads <= idle.threads;
+    Finish(sandbox, wentWell);
+    return wentWell ? 0 : 1;
 }
 
 // ---- Packages ---------------------------------------------------------------------------
@@ -891,7 +909,7 @@ int Packages(int runs) {
                     Percentile(daemon, 0.5) / std::max(1.0, Percentile(baseline, 0.5)),
                     size.pad != 0 ? " (target: within 1.3x)" : "");
     }
-    sandbox.Stop();
+    Finish(sandbox, status == 0);
     orv::emu::RunProgram({"/bin/rm", "-rf", work});
     return status;
 }
