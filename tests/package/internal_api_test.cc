@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -141,6 +142,17 @@ size_t ZombieChildren() {
 // The daemon ignores SIGCHLD (the kernel reaps its children) and runs shell
 // commands from several threads at once: each must still get its own
 // command's status, and the disposition must stay as the daemon set it.
+// A descriptor the daemon holds without close-on-exec (a host link, say)
+// never reaches a command: it is closed before the command's process exists.
+TEST(InternalApiTest, PackSystemCommandsInheritNoneOfTheDaemonsDescriptors) {
+    int held[2];
+    ASSERT_EQ(pipe(held), 0);
+    std::string command = "test ! -e /proc/$$/fd/" + std::to_string(held[1]);
+    EXPECT_EQ(PackSystem(command.c_str()), 0);
+    close(held[0]);
+    close(held[1]);
+}
+
 TEST(InternalApiTest, PackSystemGivesEachCommandItsRawStatusWhileOthersRunWithChildrenIgnored) {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
