@@ -101,9 +101,6 @@ void CardEmulator::Stop() {
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
     CallersCpus cpus;
-    if (!control) {
-        cpus.Follow(peer);
-    }
     std::string payload;
     while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
         if (!control) {
