@@ -226,6 +226,8 @@ bool Standin::SetUpEvents() {
         Note("event scheduler set-up failed");
         return false;
     }
+    // Until now an event sent to this process is refused by the scheduler.
+    Note("listening");
     return true;
 }
 

@@ -293,7 +293,10 @@ TEST_F(HostilePeerTest, ACustomProcessThatNeverReportsHoldsUpNoSessionsEnd) {
         ASSERT_EQ(Ask(*link, Request(HDCMessage::ORV_START_PROC_MSG, 900),
                       HDCMessage::ORV_START_PROC_RSP),
                   0);
-        ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 10s));
+        // Closed once it listens: any sooner, the scheduler refuses the request.
+        ASSERT_TRUE(test::WaitFor(
+            [&] { return OfKind(kCustom).size() == 1 && OfKind(kCustom)[0].Has("listening"); },
+            10s));
         EXPECT_EQ(Ask(*link, Request(HDCMessage::ORV_CLOSE_PROC_MSG, 900),
                       HDCMessage::ORV_CLOSE_PROC_RSP),
                   0);

@@ -124,8 +124,10 @@ TEST_F(SessionTest, ACloseDuringASlowStartFollowsTheStartAnswer) {
     start.mutable_proc_sign_pid()->set_proc_pid(52);
     start.set_start_cp(true);
     ASSERT_TRUE(link->Send(start));
-    // The close comes while the compute process runs but has not reported.
-    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCompute).size() == 1; }, 30s));
+    // The close comes while the compute process listens but has not reported;
+    // sent any sooner, the scheduler would refuse it, as the card's does.
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return OfKind(kCompute).size() == 1 && OfKind(kCompute)[0].Has("listening"); }, 30s));
     HDCMessage close;
     close.set_type(HDCMessage::ORV_CLOSE_PROC_MSG);
     close.mutable_proc_sign_pid()->set_proc_pid(52);
