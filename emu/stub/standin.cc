@@ -226,7 +226,8 @@ bool Standin::SetUpEvents() {
         Note("event scheduler set-up failed");
         return false;
     }
-    // Until now an event sent to this process is refused by the scheduler.
+    // The scheduler queues events for this process from here on; it refused
+    // them until now.
     Note("listening");
     return true;
 }
