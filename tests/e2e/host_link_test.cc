@@ -34,6 +34,13 @@ std::string JsonReply(const SandboxRun& sandbox, std::vector<std::string> args) 
 class HostLinkTest : public ::testing::Test {
   protected:
     void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
+    // A host link to device 0, held by the test.
+    std::unique_ptr<host::HostLink> Link() {
+        std::string error;
+        auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
+        EXPECT_NE(link, nullptr) << error;
+        return link;
+    }
     SandboxRun sandbox_;
 };
 
@@ -151,38 +158,52 @@ TEST_F(HostLinkTest, SessionLimitRefusesASecondHostOnTheSameVfNamingTheFirst) {
 
 TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
     Boot();
-    std::string output;
-    const std::string script =
-        "open owner\n"
-        "send owner start --pid 300 --cp\n"
-        "expect owner 8 --code 0 --timeout 10000\n"
-        "open other\n"
-        "send other profiling --pid 300 --profiling 5\n"
-        "expect owner 31 --code 0\n"
-        "expect-none other --timeout 300\n"
-        "drop other\n"
-        "sleep 300\n"
-        "send owner profiling --pid 300 --profiling 6\n"
-        "expect owner 31 --code 0\n"
-        // The reply means the record was sent; the compute process notes it
-        // when it reads it, and the drop below kills it outright.
-        "sleep 1000\n"
-        "drop owner\n"
-        "sleep 500\n"
-        "open late\n"
-        "send late profiling --pid 300 --profiling 7\n"
-        "expect late 31 --code 1\n";
-    EXPECT_EQ(Host(sandbox_, {"session"}, &output, script), 0) << output;
-    EXPECT_TRUE(sandbox_.Log().Contains(
-        "but what we want to delete is with session of [2], skip HDCAbnormalMsgProc"));
-    EXPECT_TRUE(sandbox_.Log().Contains(
-        "[OrvDaemon] Success to erase OrvImpl with deviceId[0] vfId[0] hostPid[300]."));
-    std::vector<test::StandinRecord> computes = test::StandinRecordsOfKind(sandbox_, 1);
-    ASSERT_EQ(computes.size(), 1u);
-    EXPECT_TRUE(computes[0].Has("profiling 5"));
-    EXPECT_TRUE(computes[0].Has("profiling 6"));
-    EXPECT_FALSE(computes[0].Has("profiling 7"));
-    // The owner's loss took the compute process down with the session.
+    auto request = [](HDCMessage::MsgType type, uint32_t profiling) {
+        HDCMessage msg;
+        msg.set_type(type);
+        msg.mutable_proc_sign_pid()->set_proc_pid(300);
+        msg.set_start_cp(true);
+        msg.set_profiling_mode(profiling);
+        return msg;
+    };
+    auto answer = [](host::HostLink& link, HDCMessage::MsgType type) {
+        HDCMessage reply;
+        EXPECT_EQ(link.Await(type, &reply, 10s), host::Received::kMessage) << "type " << type;
+        return reply.orv_rsp_code();
+    };
+    auto computeHas = [&](const std::string& note) {
+        std::vector<test::StandinRecord> computes = test::StandinRecordsOfKind(sandbox_, 1);
+        return computes.size() == 1 && computes[0].Has(note);
+    };
+    auto owner = Link();
+    ASSERT_TRUE(owner->Send(request(HDCMessage::ORV_START_PROC_MSG, 0)));
+    ASSERT_EQ(answer(*owner, HDCMessage::ORV_START_PROC_RSP), 0u);
+
+    // Another link may ask for the session's profiling change; the answer
+    // goes to the session's own link, and losing the other link ends nothing.
+    auto other = Link();
+    ASSERT_TRUE(other->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 5)));
+    EXPECT_EQ(answer(*owner, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 0u);
+    HDCMessage stray;
+    EXPECT_EQ(other->Next(&stray, 300ms), host::Received::kTimeout) << host::Describe(stray);
+    other->Drop();
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "but what we want to delete is with session of [2], skip HDCAbnormalMsgProc", 10s));
+    ASSERT_TRUE(owner->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 6)));
+    EXPECT_EQ(answer(*owner, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 0u);
+    // The reply means the record was sent; the compute process notes it when
+    // it reads it, and the owner's drop below kills it outright.
+    EXPECT_TRUE(test::WaitFor([&] { return computeHas("profiling 6"); }, 10s));
+    EXPECT_TRUE(computeHas("profiling 5"));
+
+    // The owner's loss ends the session and takes the compute process with it.
+    owner->Drop();
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "[OrvDaemon] Success to erase OrvImpl with deviceId[0] vfId[0] hostPid[300].", 10s));
+    auto late = Link();
+    ASSERT_TRUE(late->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 7)));
+    EXPECT_EQ(answer(*late, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 1u);
+    EXPECT_FALSE(computeHas("profiling 7"));
     EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Enter({"pidof", "aicpu_runner"}) != 0; }, 5s));
 }
 
