@@ -6,13 +6,17 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "emu/driver/card_client.h"
 #include "emu/host/host_link.h"
+#include "emu/host/host_request.h"
 #include "tests/support/test_support.h"
 
 namespace orv {
@@ -199,18 +203,24 @@ TEST_F(SessionTest, EveryKindIsLaunchedAsTheLaunchTableSays) {
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "create", "HOSTGRP"}, &output), 0) << output;
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "add", "HOSTGRP", "80"}, &output), 0) << output;
     Standin("compute", "ask-custom", 200);
-    Session(
-        "open vf3\n"
-        "send vf3 start --pid 80 --vf 3 --cp --sign SIG80 --profiling 2 --log-level 104 "
-        "--device-mode 0\n"
-        "expect vf3 8 --code 0 --timeout 10000\n"
-        "open zarn\n"
-        "send zarn start --pid 81 --zarn --sign SIG81\n"
-        "expect zarn 8 --code 0 --timeout 10000\n"
-        "open qs\n"
-        "send qs start-qs --pid 82 --group HOSTGRP\n"
-        "expect qs 8 --code 0 --timeout 10000\n"
-        "sleep 1000\n");
+    // Each session lives as long as its link: all three are held until the
+    // compute process's custom process has run.
+    std::vector<std::unique_ptr<host::HostLink>> links;
+    for (const auto& [command, fields] : std::vector<std::pair<std::string, std::string>>{
+             {"start",
+              "--pid 80 --vf 3 --cp --sign SIG80 --profiling 2 --log-level 104 "
+              "--device-mode 0"},
+             {"start", "--pid 81 --zarn --sign SIG81"},
+             {"start-qs", "--pid 82 --group HOSTGRP"}}) {
+        links.push_back(Hold());
+        ASSERT_TRUE(links.back()->Send(host::BuildRequest(command, host::Words(fields), 0).msg));
+        HDCMessage reply;
+        ASSERT_EQ(links.back()->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s),
+                  host::Received::kMessage)
+            << command << " " << fields;
+        EXPECT_EQ(reply.orv_rsp_code(), 0u) << command << " " << fields;
+    }
+    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCustom).size() == 1; }, 30s));
 
     std::vector<StandinRecord> computes = OfKind(kCompute);
     ASSERT_EQ(computes.size(), 1u);
