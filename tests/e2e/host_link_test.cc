@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "emu/host/host_link.h"
+#include "emu/host/host_request.h"
 #include "tests/support/test_support.h"
 
 namespace orv {
@@ -158,13 +159,9 @@ TEST_F(HostLinkTest, SessionLimitRefusesASecondHostOnTheSameVfNamingTheFirst) {
 
 TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
     Boot();
-    auto request = [](HDCMessage::MsgType type, uint32_t profiling) {
-        HDCMessage msg;
-        msg.set_type(type);
-        msg.mutable_proc_sign_pid()->set_proc_pid(300);
-        msg.set_start_cp(true);
-        msg.set_profiling_mode(profiling);
-        return msg;
+    // As orv-host sends them.
+    auto request = [](const std::string& command, const std::string& fields) {
+        return host::BuildRequest(command, host::Words(fields), 0).msg;
     };
     auto answer = [](host::HostLink& link, HDCMessage::MsgType type) {
         HDCMessage reply;
@@ -176,20 +173,20 @@ TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
         return computes.size() == 1 && computes[0].Has(note);
     };
     auto owner = Link();
-    ASSERT_TRUE(owner->Send(request(HDCMessage::ORV_START_PROC_MSG, 0)));
+    ASSERT_TRUE(owner->Send(request("start", "--pid 300 --cp")));
     ASSERT_EQ(answer(*owner, HDCMessage::ORV_START_PROC_RSP), 0u);
 
     // Another link may ask for the session's profiling change; the answer
     // goes to the session's own link, and losing the other link ends nothing.
     auto other = Link();
-    ASSERT_TRUE(other->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 5)));
+    ASSERT_TRUE(other->Send(request("profiling", "--pid 300 --profiling 5")));
     EXPECT_EQ(answer(*owner, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 0u);
     HDCMessage stray;
     EXPECT_EQ(other->Next(&stray, 300ms), host::Received::kTimeout) << host::Describe(stray);
     other->Drop();
     EXPECT_TRUE(sandbox_.Log().WaitFor(
         "but what we want to delete is with session of [2], skip HDCAbnormalMsgProc", 10s));
-    ASSERT_TRUE(owner->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 6)));
+    ASSERT_TRUE(owner->Send(request("profiling", "--pid 300 --profiling 6")));
     EXPECT_EQ(answer(*owner, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 0u);
     // The reply means the record was sent; the compute process notes it when
     // it reads it, and the owner's drop below kills it outright.
@@ -201,7 +198,7 @@ TEST_F(HostLinkTest, ASessionAnswersOnItsOwnLinkAndOnlyThatLinksLossEndsIt) {
     EXPECT_TRUE(sandbox_.Log().WaitFor(
         "[OrvDaemon] Success to erase OrvImpl with deviceId[0] vfId[0] hostPid[300].", 10s));
     auto late = Link();
-    ASSERT_TRUE(late->Send(request(HDCMessage::ORV_UPDATE_PROIFILING_MSG, 7)));
+    ASSERT_TRUE(late->Send(request("profiling", "--pid 300 --profiling 7")));
     EXPECT_EQ(answer(*late, HDCMessage::ORV_UPDATE_PROIFILING_RSP), 1u);
     EXPECT_FALSE(computeHas("profiling 7"));
     EXPECT_TRUE(test::WaitFor([&] { return sandbox_.Enter({"pidof", "aicpu_runner"}) != 0; }, 5s));
