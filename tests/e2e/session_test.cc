@@ -398,16 +398,21 @@ TEST_F(SessionTest, TheCustomProcessStartsOnceOnTheComputeProcessesRequest) {
 TEST_F(SessionTest, ProfilingBeforeEverythingReportedIsRefusedAndReachesNobody) {
     Boot();
     Standin("compute", "no-start");
-    Session(
-        "open a\n"
-        "send a start --pid 55 --cp\n"
-        "sleep 500\n"
-        "send a profiling --pid 55 --profiling 4\n"
-        "expect a 31 --code 1\n");
-    // On a loaded machine the refusal may come before the compute process runs.
-    ASSERT_TRUE(test::WaitFor([&] { return OfKind(kCompute).size() == 1; }, 30s));
-    std::vector<StandinRecord> computes = OfKind(kCompute);
-    EXPECT_FALSE(computes[0].Has("profiling"));
+    // The session lives as long as this link: dropped before the daemon had
+    // forked, it would take the compute process's start with it.
+    auto link = Hold();
+    ASSERT_TRUE(link->Send(host::BuildRequest("start", host::Words("--pid 55 --cp"), 0).msg));
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return OfKind(kCompute).size() == 1 && OfKind(kCompute)[0].Has("listening"); }, 30s));
+    ASSERT_TRUE(
+        link->Send(host::BuildRequest("profiling", host::Words("--pid 55 --profiling 4"), 0).msg));
+    HDCMessage reply;
+    ASSERT_EQ(link->Await(HDCMessage::ORV_UPDATE_PROIFILING_RSP, &reply, 10s),
+              host::Received::kMessage);
+    EXPECT_EQ(reply.orv_rsp_code(), 1u);
+    link.reset();
+    ASSERT_TRUE(test::WaitFor([&] { return !Running("aicpu_runner"); }, 10s));
+    EXPECT_FALSE(OfKind(kCompute)[0].Has("profiling"));
 }
 
 TEST_F(SessionTest, AKernelTimeOutOfTheCustomProcessEndsOnlyIt) {
