@@ -87,17 +87,16 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     Fail("halGetChipFromDevice");
     HDCMessage chipStart = Start(10);
     chipStart.set_device_mode(1);
-    std::string error;
-    auto chipLink = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-    ASSERT_NE(chipLink, nullptr) << error;
+    auto chipLink = test::HoldLink(sandbox_);
+    ASSERT_NE(chipLink, nullptr);
     ASSERT_TRUE(chipLink->Send(chipStart));
     EXPECT_TRUE(sandbox_.Log().WaitFor("driver get chip id from device id failed", 5s));
     EXPECT_TRUE(sandbox_.Log().WaitFor("Get chip id from device id failed", 5s));
 
     // The host's buffer groups cannot be asked for: no compute process either.
     Fail("halGrpQuery");
-    auto groupLink = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-    ASSERT_NE(groupLink, nullptr) << error;
+    auto groupLink = test::HoldLink(sandbox_);
+    ASSERT_NE(groupLink, nullptr);
     ASSERT_TRUE(groupLink->Send(Start(11)));
     EXPECT_TRUE(
         sandbox_.Log().WaitFor("[OrvDaemon]Fail to query group info for pid[11], ret[5]", 5s));
@@ -105,8 +104,8 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     EXPECT_FALSE(Running("aicpu_runner"));
 
     // A buffer release that fails is only a warning: the close is answered.
-    auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-    ASSERT_NE(link, nullptr) << error;
+    auto link = test::HoldLink(sandbox_);
+    ASSERT_NE(link, nullptr);
     HDCMessage reply;
     ASSERT_TRUE(link->Send(Start(13)));
     ASSERT_EQ(link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s), host::Received::kMessage);
@@ -133,8 +132,8 @@ TEST_F(DriverFaultTest, AFailedCallWhileServingFailsOnlyItsStep) {
     EXPECT_THAT(output, HasSubstr("0\n"));
 
     // The daemon serves a newcomer from start to close.
-    auto newcomer = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-    ASSERT_NE(newcomer, nullptr) << error;
+    auto newcomer = test::HoldLink(sandbox_);
+    ASSERT_NE(newcomer, nullptr);
     ASSERT_TRUE(newcomer->Send(Start(14)));
     ASSERT_EQ(newcomer->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s),
               host::Received::kMessage);

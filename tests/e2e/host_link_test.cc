@@ -35,13 +35,7 @@ std::string JsonReply(const SandboxRun& sandbox, std::vector<std::string> args) 
 class HostLinkTest : public ::testing::Test {
   protected:
     void Boot(const std::vector<std::string>& args = {}) { ASSERT_TRUE(sandbox_.Boot(args)); }
-    // A host link to device 0, held by the test.
-    std::unique_ptr<host::HostLink> Link() {
-        std::string error;
-        auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-        EXPECT_NE(link, nullptr) << error;
-        return link;
-    }
+    std::unique_ptr<host::HostLink> Link() { return test::HoldLink(sandbox_); }
     SandboxRun sandbox_;
 };
 

@@ -60,11 +60,7 @@ class HostilePeerTest : public ::testing::Test {
     }
 
     std::unique_ptr<host::HostLink> Link(uint32_t device = 0) {
-        std::string error;
-        auto link = host::HostLink::Connect(
-            sandbox_.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
-        EXPECT_NE(link, nullptr) << error;
-        return link;
+        return test::HoldLink(sandbox_, device);
     }
 
     static HDCMessage Request(HDCMessage::MsgType type, uint32_t hostPid) {

@@ -60,14 +60,7 @@ class SessionTest : public ::testing::Test {
 
     bool Running(const std::string& name) { return sandbox_.Enter({"pidof", name}) == 0; }
 
-    // A host link held by the test itself, for as long as the test needs the
-    // host's session (a session ends with its link).
-    std::unique_ptr<host::HostLink> Hold() {
-        std::string error;
-        auto link = host::HostLink::Connect(sandbox_.Env()["ORV_HDC_SOCKET_0"], &error);
-        EXPECT_NE(link, nullptr) << error;
-        return link;
-    }
+    std::unique_ptr<host::HostLink> Hold() { return test::HoldLink(sandbox_); }
 
     // Sends a request on a held link and waits for the reply of `replyType`.
     static HDCMessage Ask(host::HostLink& link, HDCMessage::MsgType type, uint32_t hostPid, bool cp,

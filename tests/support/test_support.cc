@@ -294,6 +294,14 @@ SandboxRun::~SandboxRun() {
     }
 }
 
+std::unique_ptr<host::HostLink> HoldLink(const SandboxRun& sandbox, uint32_t device) {
+    std::string error;
+    auto link =
+        host::HostLink::Connect(sandbox.Env()["ORV_HDC_SOCKET_" + std::to_string(device)], &error);
+    EXPECT_NE(link, nullptr) << error;
+    return link;
+}
+
 int Host(const SandboxRun& sandbox, const std::vector<std::string>& args, std::string* output,
          const std::string& input) {
     std::vector<std::string> argv = {BinDir() + "/orv-host", "--state", sandbox.StateDir()};

@@ -8,11 +8,13 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "card.pb.h"
+#include "emu/host/host_link.h"
 #include "emu/sandbox/sandbox_client.h"
 
 namespace orv::test {
@@ -136,6 +138,11 @@ int Host(const SandboxRun& sandbox, const std::vector<std::string>& args,
          std::string* output = nullptr, const std::string& input = "");
 int EmuCtl(const SandboxRun& sandbox, const std::vector<std::string>& args,
            std::string* output = nullptr);
+
+// A host link to `device`, held by the test for as long as it needs the
+// host's session (a session ends with its link); null, with a failure
+// recorded, when it cannot connect.
+std::unique_ptr<host::HostLink> HoldLink(const SandboxRun& sandbox, uint32_t device = 0);
 
 std::vector<StandinRecord> StandinRecords(const SandboxRun& sandbox);
 std::vector<StandinRecord> StandinRecordsOfKind(const SandboxRun& sandbox, uint32_t kind);
