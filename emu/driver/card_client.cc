@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "emu/common/emu_paths.h"
 #include "emu/common/process_ids.h"
 #include "emu/common/socket_io.h"
@@ -16,17 +18,21 @@ CardClient& CardClient::Instance() {
 CardClient::CardClient(std::string socketPath)
     : socketPath_(std::move(socketPath)), ownerPid_(CurrentPid()) {}
 
+void CardClient::ForgetParentsConnections() {
+    if (ownerPid_ != CurrentPid()) {
+        // The descriptors are shared with the parent; using them would mix the streams.
+        for (UniqueFd& fd : idle_) {
+            fd.Release();
+        }
+        idle_.clear();
+        ownerPid_ = CurrentPid();
+    }
+}
+
 UniqueFd CardClient::Borrow() {
     {
         MutexLock lock(&mutex_);
-        if (ownerPid_ != CurrentPid()) {
-            // The descriptors are shared with the parent; using them would mix the streams.
-            for (UniqueFd& fd : idle_) {
-                fd.Release();
-            }
-            idle_.clear();
-            ownerPid_ = CurrentPid();
-        }
+        ForgetParentsConnections();
         if (!idle_.empty()) {
             UniqueFd fd = std::move(idle_.back());
             idle_.pop_back();
@@ -40,6 +46,25 @@ void CardClient::Return(UniqueFd fd) {
     MutexLock lock(&mutex_);
     if (ownerPid_ == CurrentPid() && idle_.size() < kMaxIdle) {
         idle_.push_back(std::move(fd));
+    }
+}
+
+void CardClient::Reserve(size_t count) {
+    std::vector<UniqueFd> opened;
+    {
+        MutexLock lock(&mutex_);
+        ForgetParentsConnections();
+        count = std::min(count, kMaxIdle) - std::min(count, idle_.size());
+    }
+    for (size_t i = 0; i < count; ++i) {
+        UniqueFd fd = ConnectUnix(socketPath_);
+        if (!fd.Valid()) {
+            break;
+        }
+        opened.push_back(std::move(fd));
+    }
+    for (UniqueFd& fd : opened) {
+        Return(std::move(fd));
     }
 }
 

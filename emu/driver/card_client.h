@@ -38,11 +38,17 @@ class CardClient {
     // DRV_ERROR_IOCRL_FAIL when the card cannot be reached.
     drvError_t Call(const CardRequest& request, CardReply* reply);
 
+    // Connects until `count` connections wait for calls (at most kMaxIdle):
+    // a process about to start threads that will block in calls at once
+    // connects for them now rather than in the middle of its work.
+    void Reserve(size_t count);
+
     // Marks this process's calls as exempt from injected faults (the
     // emulator's stand-ins).
     void ExemptFromFaults() { exempt_ = true; }
 
   private:
+    void ForgetParentsConnections() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     UniqueFd Borrow();
     void Return(UniqueFd fd);
 

@@ -27,6 +27,9 @@ int main(int argc, char** argv) {
     if (!standin.SetUpEvents()) {
         return 1;
     }
+    // The control loop and the task loop each wait in the card from their
+    // start on: both connections exist before the start is reported.
+    orv::emu::CardClient::Instance().Reserve(2);
     standin.Run();
     for (;;) {
         pause();
