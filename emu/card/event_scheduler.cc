@@ -1,7 +1,14 @@
 #include "emu/card/event_scheduler.h"
 
+#include <poll.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -11,6 +18,7 @@
 #include <driver_hal.h>
 
 #include "emu/card/emu_log.h"
+#include "emu/common/process_ids.h"
 
 namespace orv::emu {
 
@@ -29,14 +37,35 @@ constexpr uint32_t kVfCreateSubevent = 100;
 constexpr uint32_t kVfDestroySubevent = 101;
 constexpr uint32_t kVmngGroup = 0;
 
+// Epoll data of the janitor's stop descriptor; no caller has pid 0.
+constexpr uint64_t kWakeData = 0;
+
 bool Gone(pid_t pid) {
     return ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+bool Ended(const UniqueFd& exited) {
+    if (!exited.Valid()) {
+        return false;
+    }
+    pollfd ready{exited.Get(), POLLIN, 0};
+    return ::poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0;
 }
 
 }  // namespace
 
 EventScheduler::EventScheduler(std::chrono::milliseconds janitorPeriod)
-    : janitorPeriod_(janitorPeriod) {}
+    : janitorPeriod_(janitorPeriod),
+      watch_(::epoll_create1(EPOLL_CLOEXEC)),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (::sched_getaffinity(0, sizeof(cardCpus_), &cardCpus_) != 0) {
+        CPU_ZERO(&cardCpus_);
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeData;
+    ::epoll_ctl(watch_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event);
+}
 
 EventScheduler::~EventScheduler() {
     Stop();
@@ -59,26 +88,77 @@ void EventScheduler::Stop() {
         for (const auto& [pid, process] : processes_) {
             WakeAll(process);
         }
-        janitorWake_.SignalAll();
         ackChanged_.SignalAll();
     }
+    uint64_t one = 1;
+    (void)!::write(wake_.Get(), &one, sizeof(one));
     if (janitor_.joinable()) {
         janitor_.join();
     }
 }
 
+EventScheduler::Process& EventScheduler::Known(pid_t pid) {
+    auto [it, made] = processes_.try_emplace(pid);
+    if (made) {
+        // A process the card cannot watch (gone already, or out of
+        // descriptors) is left to the janitor's rounds.
+        it->second.exited.Reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = static_cast<uint64_t>(pid);
+        if (it->second.exited.Valid() &&
+            ::epoll_ctl(watch_.Get(), EPOLL_CTL_ADD, it->second.exited.Get(), &event) != 0) {
+            it->second.exited.Reset();
+        }
+    }
+    return it->second;
+}
+
+std::map<pid_t, EventScheduler::Process>::iterator EventScheduler::Forget(
+    std::map<pid_t, Process>::iterator process) {
+    // Its waiters learn that it is gone. The card's threads that served them
+    // are done with it: they finish, and wait for their next callers, on any
+    // of the card's CPUs rather than on those of the process that has gone.
+    auto [first, last] = waiters_.equal_range(process->first);
+    for (auto waiter = first; waiter != last; ++waiter) {
+        ::sched_setaffinity(waiter->second, sizeof(cardCpus_), &cardCpus_);
+    }
+    WakeAll(process->second);
+    Trace("pid " + std::to_string(process->first) + " gone");
+    if (vmngClient_ == process->first) {
+        vmngClient_ = 0;
+    }
+    return processes_.erase(process);
+}
+
 void EventScheduler::ForgetGoneProcesses() {
-    MutexLock lock(&mutex_);
-    while (!stopping_) {
-        janitorWake_.WaitUntil(Clock::now() + janitorPeriod_);
-        for (auto it = processes_.begin(); it != processes_.end();) {
-            if (Gone(it->first)) {
-                // Its waiters (none, as a rule) learn that it is gone.
-                WakeAll(it->second);
-                it = processes_.erase(it);
-            } else {
-                ++it;
+    Clock::time_point nextRound = Clock::now() + janitorPeriod_;
+    for (;;) {
+        epoll_event ready[16];
+        auto untilRound =
+            std::chrono::duration_cast<std::chrono::milliseconds>(nextRound - Clock::now());
+        int count = ::epoll_wait(watch_.Get(), ready, 16,
+                                 static_cast<int>(std::max<int64_t>(untilRound.count(), 0)));
+        MutexLock lock(&mutex_);
+        if (stopping_) {
+            return;
+        }
+        for (int i = 0; i < count; ++i) {
+            if (ready[i].data.u64 == kWakeData) {
+                continue;
             }
+            // The pid may name a newer process by now: its own descriptor says.
+            auto process = processes_.find(static_cast<pid_t>(ready[i].data.u64));
+            if (process != processes_.end() && Ended(process->second.exited)) {
+                Forget(process);
+            }
+        }
+        if (Clock::now() < nextRound) {
+            continue;
+        }
+        nextRound = Clock::now() + janitorPeriod_;
+        for (auto it = processes_.begin(); it != processes_.end();) {
+            it = Gone(it->first) ? Forget(it) : std::next(it);
         }
         if (vmngClient_ != 0 && Gone(vmngClient_)) {
             vmngClient_ = 0;
@@ -88,7 +168,7 @@ void EventScheduler::ForgetGoneProcesses() {
 
 int32_t EventScheduler::Attach(pid_t pid, uint32_t devId) {
     MutexLock lock(&mutex_);
-    ++processes_[pid].attachments;
+    ++Known(pid).attachments;
     Trace("attach pid " + std::to_string(pid) + " dev " + std::to_string(devId));
     return DRV_ERROR_NONE;
 }
@@ -106,7 +186,7 @@ int32_t EventScheduler::Detach(pid_t pid, uint32_t devId) {
 
 int32_t EventScheduler::CreateGroup(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint32_t type) {
     MutexLock lock(&mutex_);
-    Process& process = processes_[pid];
+    Process& process = Known(pid);
     if (process.groups.count(grpId) != 0) {
         return DRV_ERROR_REPEATED_INIT;
     }
@@ -159,9 +239,15 @@ int32_t EventScheduler::Wait(pid_t pid, uint32_t /*devId*/, uint32_t grpId, uint
             }
         }
         std::shared_ptr<CondVar> arrived = group->second.arrived;
+        auto waiting = waiters_.emplace(pid, CurrentTid());
+        bool signalled = true;
         if (timeoutMs < 0) {
             arrived->Wait();
-        } else if (!arrived->WaitUntil(deadline) && Clock::now() >= deadline) {
+        } else {
+            signalled = arrived->WaitUntil(deadline);
+        }
+        waiters_.erase(waiting);
+        if (!signalled && Clock::now() >= deadline) {
             return DRV_ERROR_WAIT_TIMEOUT;
         }
     }

@@ -7,6 +7,7 @@
 #ifndef ORV_EMU_CARD_EVENT_SCHEDULER_H
 #define ORV_EMU_CARD_EVENT_SCHEDULER_H
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -19,13 +20,15 @@
 #include <thread>
 
 #include "card.pb.h"
+#include "emu/common/unique_fd.h"
 #include "platform/mutex.h"
 
 namespace orv::emu {
 
 class EventScheduler {
   public:
-    // How often the janitor looks for processes that have gone.
+    // How often the janitor looks for processes that have gone without
+    // telling it (those it could not watch); it hears of the others as they end.
     static constexpr std::chrono::milliseconds kJanitorPeriod{1000};
 
     explicit EventScheduler(std::chrono::milliseconds janitorPeriod = kJanitorPeriod);
@@ -82,23 +85,37 @@ class EventScheduler {
     struct Process {
         uint32_t attachments = 0;
         std::map<uint32_t, Group> groups;
+        // Readable once the process has ended, zombie or not; watched by the
+        // janitor, so that the card's threads blocked in its waits are freed
+        // as it ends, as the driver's would be.
+        UniqueFd exited;
     };
 
     // Queues an event for (dst, grp) and wakes the waiters.
     int32_t Enqueue(pid_t src, pid_t dst, uint32_t grpId, uint32_t eventId, uint32_t subeventId,
                     const std::string& msg) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void Trace(const std::string& line) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // The process's entry, made (and watched) on its first call.
+    Process& Known(pid_t pid) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     // Wakes every waiter of `process`'s groups.
     static void WakeAll(const Process& process);
+    // Forgets the process, waking its waiters.
+    std::map<pid_t, Process>::iterator Forget(std::map<pid_t, Process>::iterator process)
+        EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     void ForgetGoneProcesses();
 
     const std::chrono::milliseconds janitorPeriod_;
+    // The janitor waits on it: the processes' exit descriptors, and `wake_`.
+    UniqueFd watch_;
+    UniqueFd wake_;  // an eventfd; written to stop the janitor
 
     mutable Mutex mutex_;
-    CondVar janitorWake_{&mutex_};
     CondVar ackChanged_{&mutex_};
     bool stopping_ GUARDED_BY(mutex_) = false;
     std::map<pid_t, Process> processes_ GUARDED_BY(mutex_);
+    // The card's threads blocked in each process's waits: process -> thread.
+    std::multimap<pid_t, pid_t> waiters_ GUARDED_BY(mutex_);
+    cpu_set_t cardCpus_;  // where the card's threads may run, before any follows a caller
     pid_t vmngClient_ GUARDED_BY(mutex_) = 0;
     // The acknowledgement a VF change waits for.
     bool ackPending_ GUARDED_BY(mutex_) = false;

@@ -229,6 +229,36 @@ TEST_F(EventSchedulerTest, AProcessThatHasGoneIsForgottenAndItsWaitEnds) {
     EXPECT_EQ(Take(self, 0, 0), "kept");
 }
 
+// The card hears of a process's end as it ends, before its parent has reaped
+// it, not at the janitor's next round: the thread serving its wait is free at
+// once. A new process under the same pid, later, starts afresh.
+TEST(EventSchedulerExitTest, AProcessIsForgottenAsItEndsNotAtTheNextRound) {
+    EventScheduler scheduler(std::chrono::hours(1));
+    scheduler.Start();
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    ASSERT_EQ(scheduler.CreateGroup(child, kDev, 0, GRP_TYPE_BIND_CP_CPU), DRV_ERROR_NONE);
+    ASSERT_EQ(scheduler.Subscribe(child, kDev, 0, 0, Bit(3)), DRV_ERROR_NONE);
+    std::atomic<int32_t> rc{-1};
+    std::thread waiter([&] {
+        EventRecord record;
+        rc = scheduler.Wait(child, kDev, 0, 0, -1, &record);
+    });
+    ::kill(child, SIGKILL);
+    EXPECT_TRUE(test::WaitFor([&] { return rc != -1; }, 30s));
+    // Still a zombie: only its exit told the card.
+    EXPECT_EQ(::kill(child, 0), 0);
+    scheduler.Stop();
+    waiter.join();
+    EXPECT_EQ(rc, DRV_ERROR_PROCESS_EXIT);
+    EXPECT_EQ(scheduler.Subscribe(child, kDev, 0, 0, Bit(3)), DRV_ERROR_UNINIT);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
 TEST_F(EventSchedulerTest, AVfChangeIsAcknowledgedOnlyByTheClientAnsweringThatChange) {
     constexpr pid_t kClient = 300;
     Listen(kClient, 0, 0, Bit(EVENT_CCPU_CTRL_MSG));
