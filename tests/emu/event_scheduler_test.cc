@@ -231,7 +231,7 @@ TEST_F(EventSchedulerTest, AProcessThatHasGoneIsForgottenAndItsWaitEnds) {
 
 // The card hears of a process's end as it ends, before its parent has reaped
 // it, not at the janitor's next round: the thread serving its wait is free at
-// once. A new process under the same pid, later, starts afresh.
+// once, and what the process had made is gone.
 TEST(EventSchedulerExitTest, AProcessIsForgottenAsItEndsNotAtTheNextRound) {
     EventScheduler scheduler(std::chrono::hours(1));
     scheduler.Start();
