@@ -35,7 +35,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <sstream>
 
 #include <bounds_checked.h>
 
@@ -53,12 +52,6 @@ constexpr std::chrono::milliseconds kExitPollPause(10);
 // A process sent SIGKILL ends at once; the bound only keeps a process stuck in
 // the kernel from holding up the clean-up for ever.
 constexpr std::chrono::milliseconds kKilledExitWait(5000);
-
-std::string ThreadIdText(const std::thread& thread) {
-    std::ostringstream text;
-    text << thread.get_id();
-    return text.str();
-}
 
 }  // namespace
 
@@ -500,10 +493,10 @@ void OrvImpl::CleanOrvRcvEventThreads() {
     }
     uint32_t size = static_cast<uint32_t>(threads.size());
     for (SessionThread& entry : threads) {
-        if (entry.thread.joinable()) {
+        if (entry.thread.Joinable()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] CleanOrvRcvEventThreads() [tid=%s] [threadSize=%u]",
-                    ThreadIdText(entry.thread).c_str(), size);
-            entry.thread.join();
+                    entry.thread.IdText().c_str(), size);
+            entry.thread.Join();
         }
     }
     ORV_LOG(ORV_INFO,
@@ -520,10 +513,10 @@ void OrvImpl::CleanOrvRcvHdcThreads() {
     }
     uint32_t size = static_cast<uint32_t>(threads.size());
     for (SessionThread& entry : threads) {
-        if (entry.thread.joinable()) {
+        if (entry.thread.Joinable()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] CleanOrvRcvHdcThreads() [tid=%s] [threadSize=%u]",
-                    ThreadIdText(entry.thread).c_str(), size);
-            entry.thread.join();
+                    entry.thread.IdText().c_str(), size);
+            entry.thread.Join();
         }
     }
     ORV_LOG(ORV_INFO,

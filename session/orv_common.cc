@@ -37,7 +37,7 @@ bool SpawnSessionThread(std::list<SessionThread>* threads, std::function<void()>
                         std::string* why) {
     for (auto it = threads->begin(); it != threads->end();) {
         if (it->done->load()) {
-            it->thread.join();
+            it->thread.Join();
             it = threads->erase(it);
         } else {
             ++it;
@@ -48,16 +48,16 @@ bool SpawnSessionThread(std::list<SessionThread>* threads, std::function<void()>
         return false;
     }
     auto done = std::make_shared<std::atomic<bool>>(false);
-    try {
-        threads->push_back({std::thread([work = std::move(work), done] {
-                                work();
-                                done->store(true);
-                            }),
-                            done});
-    } catch (const std::system_error& e) {
-        *why = e.what();
+    SessionThread entry{PooledThread(), done};
+    if (!entry.thread.Start(
+            [work = std::move(work), done] {
+                work();
+                done->store(true);
+            },
+            why)) {
         return false;
     }
+    threads->push_back(std::move(entry));
     return true;
 }
 

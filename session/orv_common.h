@@ -24,12 +24,12 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "event/orv_event_interface.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
+#include "platform/pooled_thread.h"
 #include "session/launch_table.h"
 #include "session/process_util.h"
 
@@ -54,7 +54,7 @@ enum OrvStartStatus : uint32_t {
 // A thread of a session and whether its work is done: finished threads are
 // joined as new ones start, so that a long session keeps only those at work.
 struct SessionThread {
-    std::thread thread;
+    PooledThread thread;
     std::shared_ptr<std::atomic<bool>> done;
 };
 

@@ -2,7 +2,6 @@
 
 #include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <driver_hal.h>
 
 #include "platform/log.h"
+#include "platform/pooled_thread.h"
 
 namespace orv {
 
@@ -32,9 +32,6 @@ namespace {
 constexpr char kChildWaits = 'w';
 constexpr char kExecFailed = 'f';
 constexpr char kGo = 'g';
-// The stack a child sharing the daemon's memory runs on until its exec: the
-// callback and, when the exec fails, one log line.
-constexpr size_t kChildStackSize = 256 * 1024;
 constexpr std::chrono::milliseconds kChildEndWait(2000);
 
 // Sanitizers keep state per thread that a child sharing the daemon's memory
@@ -76,11 +73,9 @@ struct StartGate::Launch {
     int parentFd = -1;  // the launching thread's end, which the child must not hold
     void* stack = nullptr;
 
-    ~Launch() {
-        if (stack != nullptr) {
-            munmap(stack, kChildStackSize);
-        }
-    }
+    // The stack the child runs on until its exec (the callback and, when the
+    // exec fails, one log line), from the pool of the daemon's threads.
+    ~Launch() { StackPool::Instance().Give(stack); }
 
     // The child, between the start and the exec.
     static int Run(void* arg) {
@@ -164,12 +159,9 @@ int32_t StartGate::Start(const std::string& path, char* const argv[], char* cons
     int pidfd = -1;
     pid_t pid = -1;
     if (kShareMemoryUntilExec) {
-        launch.stack = mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-        if (launch.stack == MAP_FAILED) {
-            launch.stack = nullptr;
-        } else {
-            void* top = static_cast<char*>(launch.stack) + kChildStackSize;
+        launch.stack = StackPool::Instance().Take();
+        if (launch.stack != nullptr) {
+            void* top = static_cast<char*>(launch.stack) + StackPool::kStackSize;
             pid = clone(&Launch::Run, top, CLONE_VM | CLONE_PIDFD | SIGCHLD, &launch, &pidfd);
             if (pid < 0 && errno == EINVAL) {
                 // A kernel without pidfds from clone.
