@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <future>
 #include <list>
 #include <string>
 #include <vector>
@@ -64,22 +65,23 @@ TEST(PooledThreadTest, AThreadRunsOnAPooledStackThatComesBackWhenItIsJoined) {
 TEST(PooledThreadTest, ThePoolKeepsABoundedNumberOfStacks) {
     // More threads at once than the pool keeps: all run, and once they are
     // joined the pool holds its bound, the rest given back to the kernel.
-    std::atomic<bool> go{false};
     std::atomic<size_t> ran{0};
     std::list<PooledThread> threads;
+    // Gone before the threads are joined, should the test stop early.
+    std::promise<void> go;
+    std::shared_future<void> started = go.get_future().share();
     for (size_t i = 0; i < StackPool::kKeptStacks + 16; ++i) {
         threads.emplace_back();
         std::string why;
         ASSERT_TRUE(threads.back().Start(
-            [&] {
-                while (!go.load()) {
-                }
+            [&ran, started] {
+                started.wait();
                 ++ran;
             },
             &why))
             << why;
     }
-    go.store(true);
+    go.set_value();
     for (PooledThread& thread : threads) {
         thread.Join();
     }
