@@ -4,6 +4,7 @@
 
 #include "package/package_worker.h"
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 
 namespace orv {
 
@@ -29,12 +30,10 @@ struct FmkRequest {
     std::string qsGroupName;
 };
 
-// Host-supplied strings that reach command lines, driver calls and logs: far
-// longer than any honest host sends (a process sign is 48 characters, a log
-// level 3, a group name fits the driver's 32 bytes).
-constexpr size_t kMaxProcSignLength = 128;
-constexpr size_t kMaxLogLevelLength = 32;
-constexpr size_t kMaxGroupNameLength = BUFF_GRP_NAME_LEN - 1;
+using limits::kMaxGroupNameLength;
+using limits::kMaxLogLevelLength;
+using limits::kMaxProcSignLength;
+static_assert(kMaxGroupNameLength < BUFF_GRP_NAME_LEN, "a group name must fit the driver's");
 
 // The answer type of a framework request.
 HDCMessage::MsgType ReplyTypeOf(HDCMessage::MsgType type) {

@@ -5,14 +5,15 @@
 #include <cstdlib>
 
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 #include "platform/scope_guard.h"
 
 namespace orv {
 
 namespace {
 
-constexpr uint32_t kMaxProcessDefault = 32;
-constexpr uint32_t kMaxProcessLimit = 128;
+constexpr uint32_t kMaxProcessDefault = limits::kDefaultSessionsPerVf;
+constexpr uint32_t kMaxProcessLimit = limits::kMaxSessionsPerVf;
 
 // Joins the host pids of one (device, vf) entry: "1, 2, 3".
 std::string JoinHostPids(const std::map<uint32_t, std::shared_ptr<OrvImpl>>& sessions) {

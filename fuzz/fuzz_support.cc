@@ -28,6 +28,7 @@
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
 #include "emu/sandbox/sandbox_client.h"
+#include "platform/orv_limits.h"
 
 extern char** environ;
 
@@ -36,7 +37,7 @@ namespace orv::fuzz {
 namespace {
 
 // The HDC library's own limit: a longer frame ends the session.
-constexpr uint32_t kMaxFrameLength = 1048576;
+constexpr uint32_t kMaxFrameLength = limits::kMaxFrameBytes;
 constexpr size_t kFrameHeaderSize = 4;
 
 std::string RealPathOf(const std::string& path) {

@@ -16,6 +16,7 @@
 #include "package/internal_api.h"
 #include "package/package_worker.h"
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 
 namespace orv {
 
@@ -28,7 +29,7 @@ constexpr uint32_t kForkTaskPollMs = 200;
 
 // Threads of a session that may be at work at once, of each list: far more
 // than honest traffic ever needs (a handful of reports and requests).
-constexpr size_t kMaxSessionThreads = 64;
+using limits::kMaxSessionThreads;
 
 // Joins the finished threads of `threads`, then starts `work` on a new one.
 // False, with the reason in `why`, when kMaxSessionThreads are still at work

@@ -13,6 +13,7 @@
 
 #include "event/orv_event_server.h"
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 
 namespace orv {
 
@@ -25,7 +26,7 @@ constexpr uint32_t kProfilingSubEventCompute = 4;
 constexpr uint32_t kProfilingSubEventCustom = 12;
 constexpr uint32_t kSoLoadSubEvent = 11;
 // How long the compute process's request waits for the custom process.
-constexpr std::chrono::seconds kCustomStartWait(30);
+using limits::kCustomStartWait;
 
 }  // namespace
 

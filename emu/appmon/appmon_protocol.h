@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "platform/orv_limits.h"
+
 namespace orv::emu {
 
 inline constexpr char kAppmonHello[] = "HELLO";
@@ -21,7 +23,7 @@ inline constexpr char kAppmonOk[] = "OK";
 inline constexpr char kAppmonErr[] = "ERR";
 
 // Longest line either side accepts.
-inline constexpr size_t kAppmonMaxLine = 4096;
+inline constexpr size_t kAppmonMaxLine = limits::kMaxAppmonLineBytes;
 
 // Reads one '\n'-terminated line (without the '\n'); false on end of stream,
 // error, or a line longer than kAppmonMaxLine.

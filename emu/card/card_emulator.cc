@@ -12,13 +12,28 @@
 #include "emu/card/emu_log.h"
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
+#include "platform/orv_limits.h"
 
 namespace orv::emu {
 
 namespace {
 
-constexpr uint32_t kMaxRequest = 1u << 20;
 constexpr size_t kDriverSpares = 8;
+
+// The card's sockets serve any process of the card, a hostile one included:
+// none may take every connection, and a refusal says whose it was.
+ConnectionLimits CardSocketLimits(const char* socket, size_t total, size_t perPeer,
+                                  size_t reserved) {
+    ConnectionLimits limits;
+    limits.total = total;
+    limits.perPeer = perPeer;
+    limits.reservedForNewPeers = reserved;
+    limits.refused = [socket](pid_t peer, const std::string& why) {
+        EmuLog("%s socket: connection of pid %d refused: %s", socket, static_cast<int>(peer),
+               why.c_str());
+    };
+    return limits;
+}
 
 CardReply TextReply(int32_t code, const std::string& text) {
     CardReply reply;
@@ -70,12 +85,19 @@ bool CardEmulator::Start(const CardSockets& sockets, std::string* error) {
     // as many threads wait for them, so that neither a start nor the close
     // that ends those connections creates or ends a thread of the card.
     driverServer_ = std::make_unique<UnixServer>(
-        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); }, 0,
+        sockets.driver, [this](int fd, pid_t peer) { ServeFrames(fd, peer, false); },
+        CardSocketLimits("driver", limits::kMaxDriverConnections,
+                         limits::kMaxDriverConnectionsPerPeer,
+                         limits::kDriverConnectionsReservedForNewPeers),
         kDriverSpares);
     controlServer_ = std::make_unique<UnixServer>(
-        sockets.control, [this](int fd, pid_t peer) { ServeFrames(fd, peer, true); });
+        sockets.control, [this](int fd, pid_t peer) { ServeFrames(fd, peer, true); },
+        CardSocketLimits("control", limits::kMaxCardServiceConnections,
+                         limits::kMaxCardServiceConnectionsPerPeer, 0));
     appmonServer_ = std::make_unique<UnixServer>(
-        sockets.appmon, [this](int fd, pid_t peer) { appMonitor_.Serve(fd, peer); });
+        sockets.appmon, [this](int fd, pid_t peer) { appMonitor_.Serve(fd, peer); },
+        CardSocketLimits("app monitor", limits::kMaxCardServiceConnections,
+                         limits::kMaxCardServiceConnectionsPerPeer, 0));
     for (UnixServer* server : {driverServer_.get(), controlServer_.get(), appmonServer_.get()}) {
         if (!server->Start()) {
             *error = "cannot listen on " + server->Path() + ": " + std::strerror(errno);
@@ -101,8 +123,24 @@ void CardEmulator::Stop() {
 
 void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
     CallersCpus cpus;
+    FrameLimits frames;
+    frames.maxLength = limits::kMaxCardRequestBytes;
+    frames.startBy = Clock::now() + limits::kFirstFrameTimeout;
+    frames.wholeWithin = limits::kPartialFrameTimeout;
     std::string payload;
-    while (ReadFrame(fd, &payload, kMaxRequest) == FrameStatus::kOk) {
+    for (;;) {
+        FrameStatus status = ReadFrame(fd, &payload, frames);
+        if (status != FrameStatus::kOk) {
+            if (status == FrameStatus::kSilent || status == FrameStatus::kStalled) {
+                EmuLog("%s connection of pid %d ended: %s", control ? "control" : "driver",
+                       static_cast<int>(peer),
+                       status == FrameStatus::kSilent ? "it sent nothing in time"
+                                                      : "it left a request half sent");
+            }
+            return;
+        }
+        // Kept connections wait as long as their process likes between calls.
+        frames.startBy = kNoDeadline;
         if (!control) {
             cpus.Follow(peer);
         }
@@ -118,6 +156,10 @@ void CardEmulator::ServeFrames(int fd, pid_t peer, bool control) {
             reply.set_code(DRV_ERROR_NO_PERMISSION);
         } else {
             reply = driver_.Handle(peer, request);
+        }
+        if (payload.capacity() > limits::kSmallFrameBytes) {
+            // A big request's room is not kept while the connection waits.
+            std::string().swap(payload);
         }
         std::string answer;
         if (!reply.SerializeToString(&answer) || !WriteFrame(fd, answer)) {

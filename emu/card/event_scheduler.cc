@@ -19,6 +19,7 @@
 
 #include "emu/card/emu_log.h"
 #include "emu/common/process_ids.h"
+#include "platform/orv_limits.h"
 
 namespace orv::emu {
 
@@ -28,7 +29,7 @@ constexpr size_t kTraceLength = 512;
 // The driver's queues are finite: a group holds at most this many events not
 // yet taken from any one sender, so a sender gone wrong fills its own share
 // and no one else's.
-constexpr uint32_t kQueuedPerSender = 1024;
+constexpr uint32_t kQueuedPerSender = limits::kMaxQueuedEventsPerSender;
 constexpr uint32_t kDefaultVfTimeoutMs = 30000;
 // The driver's VF notice: 16 bytes, the VF id at offset 4.
 constexpr uint32_t kVfNoticeLength = 16;

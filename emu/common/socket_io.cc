@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace orv::emu {
@@ -173,30 +174,109 @@ bool WriteFrameWithin(int fd, const std::string& payload, std::chrono::milliseco
     return true;
 }
 
+namespace {
+
+// Bytes a read asks for at most: a payload grows by this much ahead of what
+// arrived, no more.
+constexpr size_t kReadChunk = 65536;
+
+enum class Wait { kReady, kTimedOut, kError };
+
+// Waits until `fd` has something to read (its end included) or `deadline`
+// passes.
+Wait WaitReadable(int fd, Clock::time_point deadline) {
+    if (deadline == kNoDeadline) {
+        return Wait::kReady;
+    }
+    for (;;) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            return Wait::kTimedOut;
+        }
+        pollfd pfd{fd, POLLIN, 0};
+        int ready = ::poll(&pfd, 1, static_cast<int>(std::min<int64_t>(left.count(), INT32_MAX)));
+        if (ready > 0) {
+            return Wait::kReady;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return Wait::kError;
+        }
+    }
+}
+
+// One read of at most `size` bytes by `deadline`: the count read (0 at the
+// stream's end), or -1 with `status` set.
+ssize_t ReadSome(int fd, char* data, size_t size, Clock::time_point deadline, FrameStatus timeout,
+                 FrameStatus* status) {
+    for (;;) {
+        Wait wait = WaitReadable(fd, deadline);
+        if (wait != Wait::kReady) {
+            *status = wait == Wait::kTimedOut ? timeout : FrameStatus::kError;
+            return -1;
+        }
+        ssize_t n = ::read(fd, data, size);
+        if (n >= 0) {
+            return n;
+        }
+        if (errno != EINTR) {
+            *status = FrameStatus::kError;
+            return -1;
+        }
+    }
+}
+
+}  // namespace
+
 FrameStatus ReadFrame(int fd, std::string* payload, uint32_t maxLength) {
+    FrameLimits limits;
+    limits.maxLength = maxLength;
+    return ReadFrame(fd, payload, limits);
+}
+
+FrameStatus ReadFrame(int fd, std::string* payload, const FrameLimits& limits) {
+    payload->clear();
     unsigned char header[4];
     size_t got = 0;
+    Clock::time_point deadline = limits.startBy;
+    FrameStatus status = FrameStatus::kOk;
     while (got < sizeof(header)) {
-        ssize_t n = ::read(fd, header + got, sizeof(header) - got);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        ssize_t n =
+            ReadSome(fd, reinterpret_cast<char*>(header) + got, sizeof(header) - got, deadline,
+                     got == 0 ? FrameStatus::kSilent : FrameStatus::kStalled, &status);
         if (n < 0) {
-            return FrameStatus::kError;
+            return status;
         }
         if (n == 0) {
             return got == 0 ? FrameStatus::kClosed : FrameStatus::kTruncated;
+        }
+        if (got == 0 && limits.wholeWithin.count() >= 0) {
+            deadline = Clock::now() + limits.wholeWithin;
+        } else if (got == 0) {
+            deadline = kNoDeadline;
         }
         got += static_cast<size_t>(n);
     }
     uint32_t length = (uint32_t{header[0]} << 24) | (uint32_t{header[1]} << 16) |
                       (uint32_t{header[2]} << 8) | uint32_t{header[3]};
-    if (length > maxLength) {
+    if (length > limits.maxLength) {
         return FrameStatus::kTooLong;
     }
-    payload->resize(length);
-    if (length > 0 && !ReadFull(fd, payload->data(), length)) {
-        return FrameStatus::kTruncated;
+    if (limits.admit && !limits.admit(length, deadline)) {
+        return FrameStatus::kNotAdmitted;
+    }
+    while (payload->size() < length) {
+        size_t before = payload->size();
+        size_t want = std::min<size_t>(length - before, kReadChunk);
+        payload->resize(before + want);
+        ssize_t n =
+            ReadSome(fd, payload->data() + before, want, deadline, FrameStatus::kStalled, &status);
+        payload->resize(before + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+        if (n < 0) {
+            return status;
+        }
+        if (n == 0) {
+            return FrameStatus::kTruncated;
+        }
     }
     return FrameStatus::kOk;
 }

@@ -1,41 +1,12 @@
-// Owning wrapper of a file descriptor.
+// The emulated card's programs use the daemon's descriptor wrapper.
 #ifndef ORV_EMU_COMMON_UNIQUE_FD_H
 #define ORV_EMU_COMMON_UNIQUE_FD_H
 
-#include <unistd.h>
-
-#include <utility>
+#include "platform/unique_fd.h"
 
 namespace orv::emu {
 
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { Reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) {
-            Reset(other.Release());
-        }
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int Get() const { return fd_; }
-    bool Valid() const { return fd_ >= 0; }
-    int Release() { return std::exchange(fd_, -1); }
-    void Reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using orv::UniqueFd;
 
 }  // namespace orv::emu
 

@@ -19,10 +19,10 @@ constexpr std::chrono::milliseconds kShortagePause(10);
 
 }  // namespace
 
-UnixServer::UnixServer(std::string path, Handler handler, size_t maxConnections, size_t spares)
+UnixServer::UnixServer(std::string path, Handler handler, ConnectionLimits limits, size_t spares)
     : path_(std::move(path)),
       handler_(std::move(handler)),
-      maxConnections_(maxConnections),
+      limits_(std::move(limits)),
       spares_(std::max<size_t>(spares, 1)) {}
 
 UnixServer::~UnixServer() {
@@ -76,7 +76,11 @@ void UnixServer::Work(Worker* self) {
             if (stopping_.load()) {
                 break;
             }
-            if (maxConnections_ != 0 && serving_ >= maxConnections_) {
+            std::string refusal = Refusal(peer);
+            if (!refusal.empty()) {
+                if (limits_.refused) {
+                    limits_.refused(peer, refusal);
+                }
                 continue;  // closed as `fd` goes
             }
             // The last waiting thread serves only once another waits in its
@@ -87,12 +91,16 @@ void UnixServer::Work(Worker* self) {
             }
             --waiting_;
             ++serving_;
+            ++servingByPeer_[peer];
             self->fd = std::move(fd);
         }
         handler_(self->fd.Get(), peer);
         MutexLock lock(&mutex_);
         self->fd.Reset();
         --serving_;
+        if (--servingByPeer_[peer] == 0) {
+            servingByPeer_.erase(peer);
+        }
         if (stopping_.load() || waiting_ >= spares_) {
             self->done.store(true);
             return;
@@ -102,6 +110,23 @@ void UnixServer::Work(Worker* self) {
     MutexLock lock(&mutex_);
     --waiting_;
     self->done.store(true);
+}
+
+std::string UnixServer::Refusal(pid_t peer) const {
+    if (limits_.total != 0 && serving_ >= limits_.total) {
+        return "all " + std::to_string(limits_.total) + " connections are taken";
+    }
+    auto held = servingByPeer_.find(peer);
+    size_t own = held != servingByPeer_.end() ? held->second : 0;
+    if (limits_.perPeer != 0 && own >= limits_.perPeer) {
+        return "it holds " + std::to_string(own) + " connections, the most one process may";
+    }
+    if (limits_.total != 0 && own > 0 && serving_ + limits_.reservedForNewPeers >= limits_.total) {
+        return "it holds " + std::to_string(own) + " connections, and the last " +
+               std::to_string(limits_.reservedForNewPeers) +
+               " are kept for processes that hold none";
+    }
+    return "";
 }
 
 void UnixServer::ReapFinished() {

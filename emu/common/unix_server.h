@@ -11,6 +11,7 @@
 #include <atomic>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -20,15 +21,26 @@
 
 namespace orv::emu {
 
+// How many connections a server serves at once, and from whom. A connection
+// beyond a bound is closed as soon as it is accepted, and `refused` (when
+// set) is told why.
+struct ConnectionLimits {
+    size_t total = 0;    // 0: no limit
+    size_t perPeer = 0;  // connections of one process (by its credentials); 0: no limit
+    // Once this few slots are left, only a process holding no connection yet
+    // gets one.
+    size_t reservedForNewPeers = 0;
+    std::function<void(pid_t peer, const std::string& why)> refused;
+};
+
 class UnixServer {
   public:
     // Serves one connection until it returns; `fd` stays owned by the server.
     using Handler = std::function<void(int fd, pid_t peer)>;
 
-    // At most `maxConnections` connections are served at once (0: no limit);
-    // one beyond is closed as soon as it is accepted. `spares` threads (at
-    // least one) wait for the next connections.
-    UnixServer(std::string path, Handler handler, size_t maxConnections = 0, size_t spares = 1);
+    // Serves within `limits`. `spares` threads (at least one) wait for the
+    // next connections.
+    UnixServer(std::string path, Handler handler, ConnectionLimits limits = {}, size_t spares = 1);
     ~UnixServer();
     UnixServer(const UnixServer&) = delete;
     UnixServer& operator=(const UnixServer&) = delete;
@@ -58,10 +70,12 @@ class UnixServer {
     bool Spawn() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
     // Joins the threads that have ended.
     void ReapFinished() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // Why a connection of `peer` may not be served now; empty when it may.
+    std::string Refusal(pid_t peer) const EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
     const std::string path_;
     const Handler handler_;
-    const size_t maxConnections_;
+    const ConnectionLimits limits_;
     const size_t spares_;
     // The waiting threads block in accept on it; the kernel hands each
     // connection to one of them, and shutting it down wakes them all.
@@ -72,6 +86,7 @@ class UnixServer {
     std::list<std::unique_ptr<Worker>> workers_ GUARDED_BY(mutex_);
     size_t waiting_ GUARDED_BY(mutex_) = 0;
     size_t serving_ GUARDED_BY(mutex_) = 0;
+    std::map<pid_t, size_t> servingByPeer_ GUARDED_BY(mutex_);
 };
 
 }  // namespace orv::emu

@@ -19,6 +19,8 @@
 #include <memory>
 #include <set>
 
+#include <google/protobuf/descriptor.h>
+
 #include "emu/common/emu_paths.h"
 #include "emu/common/socket_io.h"
 #include "emu/common/unix_server.h"
@@ -26,21 +28,11 @@
 #include "message/message_parse_interface.h"
 #include "orv_message.pb.h"
 #include "platform/mutex.h"
+#include "platform/orv_limits.h"
 
 namespace orv {
 
 namespace {
-
-// A frame longer than this ends its session.
-constexpr uint32_t kMaxFrameLength = 1048576;
-
-// Links one device's server serves at once, each on a thread of its own:
-// far above what the hosts of one device open (each host process holds one),
-// and a bound on what hosts that only open links can make the process hold.
-constexpr size_t kMaxSessionsPerServer = 1024;
-
-// A reply the host has not taken within this time ends its link.
-constexpr std::chrono::milliseconds kReplyWriteLimit(2000);
 
 // The system log's module for the transport's own lines.
 constexpr int kHdcLogModuleId = 0x48;
@@ -63,6 +55,142 @@ const std::vector<Feature>& LocalFeatures() {
         {HDCMessage::ORV_CHECK_PACKAGE, {"check_code"}},
     };
     return features;
+}
+
+// The bytes of big frames being read and handled at once, across every link
+// of the process: a link whose frame would pass the budget waits for room,
+// within its frame's time.
+class FrameBudget {
+  public:
+    static FrameBudget& Instance() {
+        static FrameBudget* const budget = new FrameBudget;
+        return *budget;
+    }
+
+    // Takes `bytes`, waiting until `deadline` for room; false when none came.
+    bool Take(size_t bytes, emu::Clock::time_point deadline) {
+        MutexLock lock(&mutex_);
+        while (inUse_ + bytes > limits::kFrameBudgetBytes) {
+            if (!freed_.WaitUntil(deadline) && emu::Clock::now() >= deadline) {
+                return false;
+            }
+        }
+        inUse_ += bytes;
+        return true;
+    }
+
+    void Give(size_t bytes) {
+        {
+            MutexLock lock(&mutex_);
+            inUse_ -= bytes;
+        }
+        freed_.SignalAll();
+    }
+
+  private:
+    Mutex mutex_;
+    CondVar freed_{&mutex_};
+    size_t inUse_ GUARDED_BY(mutex_) = 0;
+};
+
+// What parsing a frame would make: its fields, nested ones and the elements
+// of packed lists included, and the feature entries of a version handshake.
+struct FrameShape {
+    size_t fields = 0;
+    size_t features = 0;
+    size_t featureBytes = 0;
+};
+
+bool ReadVarint(const uint8_t*& p, const uint8_t* end, uint64_t* value) {
+    *value = 0;
+    for (int shift = 0; shift < 64 && p < end; shift += 7) {
+        uint8_t byte = *p++;
+        *value |= static_cast<uint64_t>(byte & 0x7f) << shift;
+        if ((byte & 0x80) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Walks the wire form of a message of `type` (null: unknown) without
+// parsing it, until it ends or the counts pass their limits. What is
+// malformed is left to the parser, which refuses it.
+void MeasureFields(const uint8_t* p, const uint8_t* end, const google::protobuf::Descriptor* type,
+                   int depth, FrameShape* shape) {
+    using google::protobuf::FieldDescriptor;
+    static const google::protobuf::Descriptor* const kFeatureList =
+        HDCMessage_VersionInfo_FeatureList::descriptor();
+    while (p < end && shape->fields <= limits::kMaxFrameFields) {
+        uint64_t tag = 0;
+        if (!ReadVarint(p, end, &tag)) {
+            return;
+        }
+        ++shape->fields;
+        const FieldDescriptor* field =
+            type != nullptr ? type->FindFieldByNumber(static_cast<int>(tag >> 3)) : nullptr;
+        uint64_t skipped = 0;
+        switch (tag & 7) {
+            case 0:
+                if (!ReadVarint(p, end, &skipped)) {
+                    return;
+                }
+                break;
+            case 1:
+                p += std::min<ptrdiff_t>(8, end - p);
+                break;
+            case 5:
+                p += std::min<ptrdiff_t>(4, end - p);
+                break;
+            case 2: {
+                uint64_t length = 0;
+                if (!ReadVarint(p, end, &length) || length > static_cast<uint64_t>(end - p)) {
+                    return;
+                }
+                const uint8_t* inner = p;
+                p += length;
+                if (field == nullptr) {
+                    break;
+                }
+                if (field->type() == FieldDescriptor::TYPE_MESSAGE && depth < 16) {
+                    MeasureFields(inner, p, field->message_type(), depth + 1, shape);
+                } else if (field->is_packable()) {
+                    // Each element of a packed list is a value of its own.
+                    for (const uint8_t* q = inner; q < p; ++q) {
+                        shape->fields += (*q & 0x80) == 0 ? 1 : 0;
+                    }
+                } else if (type == kFeatureList && field->number() == 2) {
+                    ++shape->features;
+                    shape->featureBytes += length;
+                }
+                break;
+            }
+            default:
+                break;
+        }
+    }
+}
+
+FrameShape MeasureFrame(const std::string& payload) {
+    FrameShape shape;
+    const auto* data = reinterpret_cast<const uint8_t*>(payload.data());
+    MeasureFields(data, data + payload.size(), HDCMessage::descriptor(), 0, &shape);
+    return shape;
+}
+
+// Why a frame is refused before it is parsed; empty when it is not.
+std::string FrameRefusal(const FrameShape& shape) {
+    if (shape.fields > limits::kMaxFrameFields) {
+        return "it holds more than " + std::to_string(limits::kMaxFrameFields) + " fields";
+    }
+    if (shape.features > limits::kMaxFeatureEntries ||
+        shape.featureBytes > limits::kMaxFeatureBytes) {
+        return "its version handshake announces " + std::to_string(shape.features) +
+               " features in " + std::to_string(shape.featureBytes) + " bytes, more than " +
+               std::to_string(limits::kMaxFeatureEntries) + " in " +
+               std::to_string(limits::kMaxFeatureBytes);
+    }
+    return "";
 }
 
 bool IsFrameworkRequest(HDCMessage::MsgType type) {
@@ -153,8 +281,16 @@ void VersionVerify::ParseVersionInfo(const HDCMessage_VersionInfo& peerInfo) {
     MutexLock lock(&state_->mutex);
     state_->peerVersion = peerInfo.version();
     state_->peerFeatures.clear();
+    // The transport refuses a longer list before it is parsed; what comes
+    // here another way is cut at the same bounds.
+    size_t bytes = 0;
     for (const auto& list : peerInfo.feature_list()) {
         for (const std::string& feature : list.feature()) {
+            bytes += feature.size();
+            if (state_->peerFeatures.size() >= limits::kMaxFeatureEntries ||
+                bytes > limits::kMaxFeatureBytes) {
+                return;
+            }
             state_->peerFeatures.push_back(HDCMessage::MsgType_Name(list.msg_type()) + ":" +
                                            feature);
         }
@@ -191,7 +327,9 @@ class HdcServer::Impl {
     Impl(uint32_t deviceId, HDCServiceType type) : deviceId(deviceId), type(type) {}
 
     // Receives one session's frames until it ends.
-    void Serve(int fd);
+    void Serve(int fd, pid_t peer);
+    // Says why a link ended, when it was the transport that ended it.
+    void LogEndOfLink(const HdcSession& session, pid_t peer, emu::FrameStatus status) const;
 
     const uint32_t deviceId;
     const HDCServiceType type;
@@ -218,7 +356,7 @@ std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<HdcServer>>& Registry() 
 
 }  // namespace
 
-void HdcServer::Impl::Serve(int fd) {
+void HdcServer::Impl::Serve(int fd, pid_t peer) {
     SessionTable& table = SessionTable::Instance();
     auto session = std::make_shared<HdcSession>(table.NextId(), deviceId, fd);
     table.Add(session);
@@ -228,8 +366,50 @@ void HdcServer::Impl::Serve(int fd) {
         sessionIds.insert(session->id);
     }
     MessageParseServer* dispatcher = MessageParseServer::GetInstance();
+    // Big frames take their length from the process's budget while they are
+    // read and handled; it is given back before the next frame is read.
+    size_t budgeted = 0;
+    emu::FrameLimits frames;
+    frames.maxLength = limits::kMaxFrameBytes;
+    frames.startBy = emu::Clock::now() + limits::kFirstFrameTimeout;
+    frames.wholeWithin = limits::kPartialFrameTimeout;
+    frames.admit = [&budgeted](uint32_t length, emu::Clock::time_point deadline) {
+        if (length <= limits::kSmallFrameBytes) {
+            return true;
+        }
+        if (!FrameBudget::Instance().Take(length, deadline)) {
+            return false;
+        }
+        budgeted = length;
+        return true;
+    };
     std::string payload;
-    while (emu::ReadFrame(fd, &payload, kMaxFrameLength) == emu::FrameStatus::kOk) {
+    for (;;) {
+        if (budgeted != 0) {
+            FrameBudget::Instance().Give(budgeted);
+            budgeted = 0;
+        }
+        if (payload.capacity() > limits::kSmallFrameBytes) {
+            // A big frame's room is not kept while the link waits.
+            std::string().swap(payload);
+        }
+        emu::FrameStatus status = emu::ReadFrame(fd, &payload, frames);
+        if (status != emu::FrameStatus::kOk) {
+            LogEndOfLink(*session, peer, status);
+            break;
+        }
+        // A link that began to speak may wait as long as it likes between
+        // requests: a host holds its link for its session's whole life.
+        frames.startBy = emu::kNoDeadline;
+        std::string refusal = FrameRefusal(MeasureFrame(payload));
+        if (!refusal.empty()) {
+            DlogWarnInner(kHdcLogModuleId,
+                          "[HdcServer] session[%u] of device[%u] from pid[%d]: a frame of %zu "
+                          "bytes is refused, %s; its link is ended",
+                          session->id, deviceId, static_cast<int>(peer), payload.size(),
+                          refusal.c_str());
+            break;
+        }
         HDCMessage msg;
         if (!msg.ParseFromString(payload)) {
             break;
@@ -260,8 +440,34 @@ void HdcServer::Impl::Serve(int fd) {
         closed.mutable_proc_sign_pid()->set_proc_pid(session->lastHostPid);
         dispatcher->ProcessMessage(session->id, closed);
     }
+    if (budgeted != 0) {
+        FrameBudget::Instance().Give(budgeted);
+    }
     MutexLock lock(&mutex);
     sessionIds.erase(session->id);
+}
+
+void HdcServer::Impl::LogEndOfLink(const HdcSession& session, pid_t peer,
+                                   emu::FrameStatus status) const {
+    const char* why = nullptr;
+    switch (status) {
+        case emu::FrameStatus::kSilent:
+            why = "it sent no request within its first-frame time-out";
+            break;
+        case emu::FrameStatus::kStalled:
+            why = "it left a frame half sent for longer than the partial-frame time-out";
+            break;
+        case emu::FrameStatus::kNotAdmitted:
+            why = "its big frame found no room in the frame budget within its time-out";
+            break;
+        case emu::FrameStatus::kTooLong:
+            why = "it announced a frame longer than the longest a link may send";
+            break;
+        default:
+            return;  // the host closed its link, or the link was closed
+    }
+    DlogWarnInner(kHdcLogModuleId, "[HdcServer] session[%u] of device[%u] from pid[%d] ended: %s",
+                  session.id, deviceId, static_cast<int>(peer), why);
 }
 
 std::shared_ptr<HdcServer> HdcServer::GetInstance(uint32_t deviceId, HDCServiceType type) {
@@ -293,8 +499,16 @@ uint32_t HdcServer::Init() {
     emu::SessionBoard::Instance().Start();
     impl_->socketPath = dir + "/dev" + std::to_string(impl_->deviceId) + ".sock";
     Impl* impl = impl_.get();
+    emu::ConnectionLimits links;
+    links.total = limits::kMaxLinksPerDevice;
+    links.perPeer = limits::kMaxLinksPerPeer;
+    links.reservedForNewPeers = limits::kLinksReservedForNewPeers;
+    links.refused = [deviceId = impl_->deviceId](pid_t peer, const std::string& why) {
+        DlogWarnInner(kHdcLogModuleId, "[HdcServer] link of pid[%d] to device[%u] refused: %s",
+                      static_cast<int>(peer), deviceId, why.c_str());
+    };
     auto listener = std::make_unique<emu::UnixServer>(
-        impl_->socketPath, [impl](int fd, pid_t) { impl->Serve(fd); }, kMaxSessionsPerServer);
+        impl_->socketPath, [impl](int fd, pid_t peer) { impl->Serve(fd, peer); }, std::move(links));
     if (!listener->Start()) {
         return 1;
     }
@@ -372,7 +586,7 @@ uint32_t HdcCommon::SendMsg(uint32_t sessionId, const HDCMessage& msg) {
             return 1;
         }
     }
-    if (emu::WriteFrameWithin(session->fd, payload, kReplyWriteLimit)) {
+    if (emu::WriteFrameWithin(session->fd, payload, limits::kReplyWriteTimeout)) {
         return 0;
     }
     if (errno == ETIMEDOUT) {
@@ -383,7 +597,7 @@ uint32_t HdcCommon::SendMsg(uint32_t sessionId, const HDCMessage& msg) {
                       "ms, the host does "
                       "not read; its link is ended",
                       sessionId, session->deviceId,
-                      static_cast<long long>(kReplyWriteLimit.count()));
+                      static_cast<long long>(limits::kReplyWriteTimeout.count()));
         session->ShutDown();
     }
     return 1;

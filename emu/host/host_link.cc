@@ -10,12 +10,13 @@
 #include <google/protobuf/util/json_util.h>
 
 #include "emu/common/socket_io.h"
+#include "platform/orv_limits.h"
 
 namespace orv::host {
 
 namespace {
 // The daemon never sends more than this in one frame.
-constexpr uint32_t kMaxFrame = 1048576;
+constexpr uint32_t kMaxFrame = limits::kMaxFrameBytes;
 constexpr uint32_t kHostVersion = 1;
 }  // namespace
 
