@@ -14,6 +14,7 @@
 #include "event/orv_event_server.h"
 #include "package/inotify_watcher.h"
 #include "package/internal_api.h"
+#include "package/package_worker.h"
 #include "platform/appmon_client.h"
 #include "platform/log.h"
 #include "platform/orv_codes.h"
@@ -251,8 +252,10 @@ void OrvDaemon::Destroy() {
         return;
     }
     ORV_LOG(ORV_INFO, "[OrvDaemon] OrvDaemon::Destroy() enter");
-    // The monitor threads are paced by pauses that this cuts short.
+    // The monitor threads are paced by pauses that this cuts short; package
+    // installs under way end while the rest comes down.
     StopSignal::Instance().Raise();
+    PackageWorker::CancelAllInstalls();
     JoinProcess();
     OrvEventServer::GetInstance()->Destroy();
 

@@ -22,8 +22,10 @@
 #include "event/orv_event_server.h"
 #include "message/message_parse_interface.h"
 #include "package/internal_api.h"
+#include "platform/bounded_lines.h"
 #include "platform/log.h"
 #include "platform/orv_codes.h"
+#include "platform/orv_limits.h"
 #include "platform/scope_guard.h"
 #include "session/process_handle.h"
 #include "session/process_util.h"
@@ -34,7 +36,6 @@ namespace {
 
 constexpr char kEnvScriptPath[] = "/var/orvdaemon_add_env_variable.sh";
 constexpr char kSysMonitorPath[] = "/proc/sysmonitor";
-constexpr int kMaxEnvScriptLines = 20;
 constexpr size_t kPidofCommandSize = 257;
 // A leftover sent SIGKILL ends at once; the bound only keeps one stuck in the
 // kernel from holding up the start.
@@ -48,21 +49,11 @@ constexpr size_t kSysMonitorPidOffset = 560;
 constexpr uint32_t kBindModeHostPid = 1;
 constexpr uint32_t kBindCpTypeDaemon = 2;
 
-// Reads one line, without its newline; false at the end of the stream.
-bool ReadLine(FILE* stream, std::string* line) {
-    char* buffer = nullptr;
-    size_t capacity = 0;
-    ssize_t length = getline(&buffer, &capacity, stream);
-    ScopeGuard freeBuffer([buffer] { free(buffer); });
-    if (length < 0) {
-        return false;
-    }
-    line->assign(buffer, static_cast<size_t>(length));
-    if (!line->empty() && line->back() == '\n') {
-        line->pop_back();
-    }
-    return true;
-}
+// The environment script: its first 20 lines, each of a bounded length.
+constexpr LineBounds kEnvScriptBounds{limits::kMaxEnvScriptLineBytes,
+                                      static_cast<size_t>(limits::kMaxEnvScriptLines)};
+// pidof prints its pids on one line.
+constexpr LineBounds kPidofBounds{limits::kMaxCommandOutputBytes, 1};
 
 }  // namespace
 
@@ -75,22 +66,26 @@ void OrvDaemon::LoadFileAndSetEnv() const {
         return;
     }
     ScopeGuard closeFile([file] { fclose(file); });
-    std::string line;
-    for (int handled = 0; handled < kMaxEnvScriptLines && ReadLine(file, &line); ++handled) {
+    (void)ForEachBoundedLine(file, kEnvScriptBounds, [](std::string line, bool cut) {
+        if (cut) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon] Skip a line of %s longer than %zu bytes.",
+                    kEnvScriptPath, kEnvScriptBounds.maxLineBytes);
+            return true;
+        }
         if (line.empty()) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Skip empty line.");
-            continue;
+            return true;
         }
         Trim(line);
         if (line.compare(0, 1, "#") == 0 || line.compare(0, 6, "export") != 0) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Skip annotation line %s.", line.c_str());
-            continue;
+            return true;
         }
         std::string item = line.substr(6);
         size_t eq = item.find('=');
         if (eq == std::string::npos) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Skip invalid item %s", item.c_str());
-            continue;
+            return true;
         }
         std::string name = item.substr(0, eq);
         std::string value = item.substr(eq + 1);
@@ -98,7 +93,8 @@ void OrvDaemon::LoadFileAndSetEnv() const {
         Trim(value);
         ORV_LOG(ORV_INFO, "[OrvDaemon] Set [%s] to [%s].", name.c_str(), value.c_str());
         setenv(name.c_str(), value.c_str(), 1);
-    }
+        return true;
+    });
     ORV_LOG(ORV_INFO, "[OrvDaemon] Finish load file and set env.");
 }
 
@@ -147,19 +143,32 @@ uint32_t OrvDaemon::GetProcessPidByName(const std::vector<std::string>& names,
             continue;
         }
         ScopeGuard closeStream([stream] { pclose(stream); });
-        // The whole line: a pid cut off at a buffer's end would name another
-        // process.
-        char* buffer = nullptr;
-        size_t capacity = 0;
-        ScopeGuard freeBuffer([&buffer] { free(buffer); });
-        if (getline(&buffer, &capacity, stream) < 0) {
+        std::string line;
+        bool cut = false;
+        bool got = false;
+        (void)ForEachBoundedLine(stream, kPidofBounds, [&](const std::string& first, bool tooLong) {
+            line = first;
+            cut = tooLong;
+            got = true;
+            return false;
+        });
+        if (!got) {
             ORV_LOG(ORV_INFO, "[OrvDaemon] Maybe subprocess is not exit");
             continue;
         }
-        buffer[strcspn(buffer, "\n")] = '\0';
-        ORV_LOG(ORV_INFO, "[OrvDaemon] Found remnants process %s, pids:[%s]", name.c_str(), buffer);
+        if (cut) {
+            // A pid cut off at the bound would name another process.
+            size_t lastWhole = line.find_last_of(" \t");
+            line.erase(lastWhole == std::string::npos ? 0 : lastWhole);
+            ORV_LOG(ORV_ERROR,
+                    "[OrvDaemon] pidof %s printed more than %zu bytes: the pids beyond are not "
+                    "taken",
+                    name.c_str(), kPidofBounds.maxLineBytes);
+        }
+        ORV_LOG(ORV_INFO, "[OrvDaemon] Found remnants process %s, pids:[%s]", name.c_str(),
+                line.c_str());
         char* save = nullptr;
-        for (char* token = strtok_r(buffer, " \t\n", &save); token != nullptr;
+        for (char* token = strtok_r(line.data(), " \t\n", &save); token != nullptr;
              token = strtok_r(nullptr, " \t\n", &save)) {
             errno = 0;
             char* end = nullptr;

@@ -1,8 +1,10 @@
 #include "package/child_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +32,9 @@ constexpr size_t kKernelSigactionBytes = 64;
 constexpr size_t kKernelSigsetBytes = 8;
 constexpr int kLastSignal = 64;
 constexpr size_t kReadChunk = 65536;
+// How often a run that may be cancelled looks at its flag: well within the
+// second a stop may take.
+constexpr int kCancelPollMs = 50;
 constexpr unsigned int kCloseFallbackLimit = 4096;
 
 // The processes below begin as copies of the daemon taken while other
@@ -52,6 +57,8 @@ struct ChildRecipe {
     char* const* envp;
     int input;
     int output;
+    int cwd;
+    uint64_t maxFileBytes;
     int statusFd;
 };
 
@@ -64,7 +71,7 @@ struct ChildPlan {
     std::vector<char*> argv;
     ChildRecipe recipe{};
 
-    ChildPlan(const std::vector<std::string>& argvIn, const ChildStdio& stdio)
+    ChildPlan(const std::vector<std::string>& argvIn, const ChildOptions& options)
         : name(argvIn.front()) {
         if (name.find('/') != std::string::npos) {
             programs.push_back(name);
@@ -84,8 +91,14 @@ struct ChildPlan {
             argv.push_back(arg.data());
         }
         argv.push_back(nullptr);
-        recipe = ChildRecipe{programPointers.data(), argv.data(), environ, stdio.input,
-                             stdio.output,           -1};
+        recipe = ChildRecipe{programPointers.data(),
+                             argv.data(),
+                             environ,
+                             options.stdio.input,
+                             options.stdio.output,
+                             options.cwd,
+                             options.maxFileBytes,
+                             -1};
     }
     ChildPlan(const ChildPlan&) = delete;
     ChildPlan& operator=(const ChildPlan&) = delete;
@@ -122,9 +135,9 @@ ORV_COPY_SAFE void SetSignalMask(const uint64_t* mask, uint64_t* previous) {
 }
 
 // Closes every descriptor from 3 up but those given (a negative one is none).
-ORV_COPY_SAFE void CloseAllBut(int a, int b = -1, int c = -1) {
-    int keep[] = {a, b, c};
-    for (int i = 1; i < 3; ++i) {
+ORV_COPY_SAFE void CloseAllBut(int a, int b = -1, int c = -1, int d = -1) {
+    int keep[] = {a, b, c, d};
+    for (int i = 1; i < 4; ++i) {
         for (int j = i; j > 0 && keep[j - 1] > keep[j]; --j) {
             int swapped = keep[j];
             keep[j] = keep[j - 1];
@@ -162,6 +175,18 @@ ORV_COPY_SAFE void CloseAllBut(int a, int b = -1, int c = -1) {
         }
     }
     SetSignalMask(mask, nullptr);
+    if (recipe.maxFileBytes != 0) {
+        struct rlimit64 {
+            uint64_t current;
+            uint64_t max;
+        } bound = {recipe.maxFileBytes, recipe.maxFileBytes};
+        if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, &bound, nullptr) != 0) {
+            syscall(SYS_exit_group, kExecFailed);
+        }
+    }
+    if (recipe.cwd >= 0 && syscall(SYS_fchdir, recipe.cwd) != 0) {
+        syscall(SYS_exit_group, kExecFailed);
+    }
     if (PlaceDescriptor(recipe.input, STDIN_FILENO) &&
         PlaceDescriptor(recipe.output, STDOUT_FILENO)) {
         for (const char* const* program = recipe.programs; *program != nullptr; ++program) {
@@ -189,7 +214,7 @@ ORV_COPY_SAFE void CloseAllBut(int a, int b = -1, int c = -1) {
     // Whatever else the daemon had open (host links among them) is neither
     // this process's to hold while the program runs nor the program's: gone
     // before the program exists, but for what the program is to be given.
-    CloseAllBut(recipe.statusFd, recipe.input, recipe.output);
+    CloseAllBut(recipe.statusFd, recipe.input, recipe.output, recipe.cwd);
     pid_t self = static_cast<pid_t>(syscall(SYS_getpid));
     long program = syscall(SYS_clone, static_cast<unsigned long>(SIGCHLD), 0UL, 0UL, 0UL, 0UL);
     if (program == 0) {
@@ -244,11 +269,48 @@ StartedChild StartChild(ChildPlan& plan) {
     return started;
 }
 
-// Waits for a started program; its raw wait status, or -1.
-int32_t WaitForChild(const StartedChild& started) {
+// Reaps the intermediate, which has ended or is ending.
+void ReapIntermediate(pid_t intermediate) {
+    int ignored = 0;
+    // __WALL: a child without an exit signal counts as a "clone" child.
+    while (waitpid(intermediate, &ignored, __WALL) < 0) {
+        if (errno != EINTR) {
+            ORV_LOG(ORV_ERROR, "[OrvDaemon] Wait for child process [%d] failed, %s",
+                    static_cast<int>(intermediate), SafeStrerror().c_str());
+            break;
+        }
+    }
+}
+
+// Waits until `fd` is readable, `cancel` is set (false) or, without a
+// cancel flag, for as long as it takes.
+bool WaitReadableUnlessCancelled(int fd, const std::atomic<bool>* cancel) {
+    if (cancel == nullptr) {
+        return true;
+    }
+    while (!cancel->load()) {
+        pollfd pfd{fd, POLLIN, 0};
+        if (poll(&pfd, 1, kCancelPollMs) > 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Waits for a started program; its raw wait status, kChildNotStarted when
+// it vanished without one, or kChildCancelled.
+int32_t WaitForChild(const StartedChild& started, const std::atomic<bool>* cancel) {
     int status = 0;
     size_t got = 0;
+    bool cancelled = false;
     while (got < sizeof(status)) {
+        if (!WaitReadableUnlessCancelled(started.statusFd, cancel)) {
+            // Not waited for yet, so the pid is still the intermediate's; the
+            // program dies with it.
+            kill(started.intermediate, SIGKILL);
+            cancelled = true;
+            break;
+        }
         ssize_t n =
             read(started.statusFd, reinterpret_cast<char*>(&status) + got, sizeof(status) - got);
         if (n < 0 && errno == EINTR) {
@@ -260,51 +322,58 @@ int32_t WaitForChild(const StartedChild& started) {
         got += static_cast<size_t>(n);
     }
     close(started.statusFd);
-    int ignored = 0;
-    // __WALL: a child without an exit signal counts as a "clone" child.
-    while (waitpid(started.intermediate, &ignored, __WALL) < 0) {
-        if (errno != EINTR) {
-            ORV_LOG(ORV_ERROR, "[OrvDaemon] Wait for child process [%d] failed, %s",
-                    static_cast<int>(started.intermediate), SafeStrerror().c_str());
-            break;
-        }
+    ReapIntermediate(started.intermediate);
+    if (cancelled) {
+        return kChildCancelled;
     }
-    return got == sizeof(status) ? status : -1;
+    return got == sizeof(status) ? status : kChildNotStarted;
 }
 
 }  // namespace
 
 int32_t RunChild(const std::vector<std::string>& argv, const ChildStdio& stdio) {
-    if (argv.empty()) {
-        return -1;
-    }
-    ChildPlan plan(argv, stdio);
-    StartedChild started = StartChild(plan);
-    return started.intermediate < 0 ? -1 : WaitForChild(started);
+    ChildOptions options;
+    options.stdio = stdio;
+    return RunChild(argv, options);
 }
 
-int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::string* output,
-                          size_t maxOutput) {
+int32_t RunChild(const std::vector<std::string>& argv, const ChildOptions& options) {
+    if (argv.empty()) {
+        return kChildNotStarted;
+    }
+    ChildPlan plan(argv, options);
+    StartedChild started = StartChild(plan);
+    return started.intermediate < 0 ? kChildNotStarted : WaitForChild(started, options.cancel);
+}
+
+int32_t RunChildForOutput(const std::vector<std::string>& argv, const ChildOptions& options,
+                          std::string* output, size_t maxOutput) {
     output->clear();
     if (argv.empty()) {
-        return -1;
+        return kChildNotStarted;
     }
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Make a pipe for child process [%s] failed, %s",
                 argv.front().c_str(), SafeStrerror().c_str());
-        return -1;
+        return kChildNotStarted;
     }
     ScopeGuard closeReadEnd([fd = pipeFds[0]] { close(fd); });
-    ChildPlan plan(argv, ChildStdio{input, pipeFds[1]});
+    ChildOptions withPipe = options;
+    withPipe.stdio.output = pipeFds[1];
+    ChildPlan plan(argv, withPipe);
     StartedChild started = StartChild(plan);
     close(pipeFds[1]);
     if (started.intermediate < 0) {
-        return -1;
+        return kChildNotStarted;
     }
-    bool tooLong = false;
+    int32_t verdict = 0;
     char buffer[kReadChunk];
     for (;;) {
+        if (!WaitReadableUnlessCancelled(pipeFds[0], options.cancel)) {
+            verdict = kChildCancelled;
+            break;
+        }
         ssize_t n = read(pipeFds[0], buffer, sizeof(buffer));
         if (n < 0 && errno == EINTR) {
             continue;
@@ -313,16 +382,18 @@ int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::
             break;
         }
         if (output->size() + static_cast<size_t>(n) > maxOutput) {
-            // Not waited for yet, so the pid is still the intermediate's; the
-            // program dies with it.
-            kill(started.intermediate, SIGKILL);
-            tooLong = true;
+            verdict = kChildOutputTooLong;
             break;
         }
         output->append(buffer, static_cast<size_t>(n));
     }
-    int32_t status = WaitForChild(started);
-    return tooLong ? -1 : status;
+    if (verdict != 0) {
+        // Not waited for yet, so the pid is still the intermediate's; the
+        // program dies with it.
+        kill(started.intermediate, SIGKILL);
+    }
+    int32_t status = WaitForChild(started, nullptr);
+    return verdict != 0 ? verdict : status;
 }
 
 }  // namespace orv

@@ -14,6 +14,7 @@
 #ifndef ORV_PACKAGE_CHILD_PROCESS_H
 #define ORV_PACKAGE_CHILD_PROCESS_H
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,17 +28,38 @@ struct ChildStdio {
     int output = -1;
 };
 
+// How a program runs beyond its command line.
+struct ChildOptions {
+    ChildStdio stdio;
+    // A directory (open descriptor) the program starts in; -1: "/", the
+    // daemon's own.
+    int cwd = -1;
+    // The largest file the program may write (RLIMIT_FSIZE); 0: no bound of
+    // its own. A program that writes past it dies of SIGXFSZ.
+    uint64_t maxFileBytes = 0;
+    // Looked at while the program runs: once it is set the program is killed
+    // and the run ends with kChildCancelled.
+    const std::atomic<bool>* cancel = nullptr;
+};
+
+// What a run gives instead of a wait status.
+inline constexpr int32_t kChildNotStarted = -1;
+inline constexpr int32_t kChildCancelled = -2;
+inline constexpr int32_t kChildOutputTooLong = -3;
+
 // Runs `argv` (argv[0] is looked up in PATH when it holds no "/") with the
 // daemon's environment, SIGCHLD at its default in the child, and waits for it.
 // Returns the raw wait status as system() does (exit code times 256, or the
 // terminating signal), 127 times 256 when the program could not be executed,
-// and -1 when no child could be started.
+// and kChildNotStarted when no child could be started.
 int32_t RunChild(const std::vector<std::string>& argv, const ChildStdio& stdio = {});
+int32_t RunChild(const std::vector<std::string>& argv, const ChildOptions& options);
 
 // As RunChild, collecting the child's standard output into `output`. Once
-// more than `maxOutput` bytes arrive the child is killed and -1 is returned.
-int32_t RunChildForOutput(const std::vector<std::string>& argv, int input, std::string* output,
-                          size_t maxOutput);
+// more than `maxOutput` bytes arrive the child is killed and
+// kChildOutputTooLong is returned.
+int32_t RunChildForOutput(const std::vector<std::string>& argv, const ChildOptions& options,
+                          std::string* output, size_t maxOutput);
 
 }  // namespace orv
 

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -13,6 +14,7 @@
 #include "package/package_worker.h"
 #include "platform/log.h"
 #include "platform/orv_codes.h"
+#include "platform/orv_limits.h"
 
 namespace orv {
 
@@ -161,7 +163,8 @@ uint32_t InotifyWatcher::StartWatch(const uint32_t& deviceCount) {
 void InotifyWatcher::Work() {
     epoll_event events[kMaxEpollEvents];
     while (running_) {
-        int count = epoll_wait(epollFd_, events, kMaxEpollEvents, kEpollTimeoutMs);
+        RetryDuePackages();
+        int count = epoll_wait(epollFd_, events, kMaxEpollEvents, WaitTimeoutMs());
         if (count < 0) {
             ORV_LOG(ORV_INFO,
                     "epoll_wait epoll_fd[%d] inotify_fd[%d] vfId[%d] receive a terminal signal, "
@@ -213,10 +216,75 @@ void InotifyWatcher::HandleEvent(const inotify_event* event) {
     ORV_LOG(ORV_INFO, "get inotify path[%s] map to wd[%d] success", dir.c_str(), event->wd);
     dir += "/";
     ORV_LOG(ORV_EVENT, "begin load aicpu package path[%s] file[%s]", dir.c_str(), name.c_str());
-    if (packageWorker_->LoadAICPUPackageForProcessMode(dir, name) != 0) {
-        ORV_LOG(ORV_ERROR, "Load aicpu package path[%s] file[%s] failed", dir.c_str(),
-                name.c_str());
+    LoadPackage(dir, name, 0);
+}
+
+void InotifyWatcher::LoadPackage(const std::string& dir, const std::string& name,
+                                 uint32_t attempts) {
+    // A package of this name written anew is another package: it starts
+    // its tries afresh.
+    for (auto it = pending_.begin(); it != pending_.end(); ++it) {
+        if (it->dir == dir && it->name == name) {
+            pending_.erase(it);
+            break;
+        }
     }
+    uint32_t ret = packageWorker_->LoadAICPUPackageForProcessMode(dir, name);
+    if (ret == 0) {
+        return;
+    }
+    ORV_LOG(ORV_ERROR, "Load aicpu package path[%s] file[%s] failed", dir.c_str(), name.c_str());
+    if (ret != kInstallRetryLater || !running_) {
+        return;
+    }
+    if (++attempts >= limits::kMaxInstallAttempts) {
+        ORV_LOG(ORV_ERROR,
+                "[InotifyWatcher] Package[%s%s] of vfId[%d] could not be installed in %u tries: "
+                "it is left where it is.",
+                dir.c_str(), name.c_str(), vfId_, attempts);
+        return;
+    }
+    if (pending_.size() >= limits::kMaxPendingPackagesPerVf) {
+        const PendingPackage& oldest = pending_.front();
+        ORV_LOG(ORV_ERROR,
+                "[InotifyWatcher] Package[%s%s] of vfId[%d] is left where it is without another "
+                "try: %zu packages wait for one already.",
+                oldest.dir.c_str(), oldest.name.c_str(), vfId_, pending_.size());
+        pending_.pop_front();
+    }
+    // The pause doubles with each try, from the first to the last.
+    auto pause = limits::kFirstRetryPause * (1u << std::min<uint32_t>(attempts - 1, 16));
+    pause = std::min(pause, limits::kLastRetryPause);
+    pending_.push_back({dir, name, attempts, std::chrono::steady_clock::now() + pause});
+    ORV_LOG(ORV_WARN, "[InotifyWatcher] Package[%s%s] of vfId[%d] is tried again in %lld ms.",
+            dir.c_str(), name.c_str(), vfId_, static_cast<long long>(pause.count()));
+}
+
+void InotifyWatcher::RetryDuePackages() {
+    auto now = std::chrono::steady_clock::now();
+    for (size_t left = pending_.size(); left > 0 && running_; --left) {
+        auto due = std::min_element(
+            pending_.begin(), pending_.end(),
+            [](const PendingPackage& a, const PendingPackage& b) { return a.due < b.due; });
+        if (due->due > now) {
+            return;
+        }
+        PendingPackage package = *due;
+        pending_.erase(due);
+        ORV_LOG(ORV_EVENT, "begin load aicpu package path[%s] file[%s]", package.dir.c_str(),
+                package.name.c_str());
+        LoadPackage(package.dir, package.name, package.attempts);
+    }
+}
+
+int InotifyWatcher::WaitTimeoutMs() const {
+    int timeout = kEpollTimeoutMs;
+    auto now = std::chrono::steady_clock::now();
+    for (const PendingPackage& package : pending_) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(package.due - now).count();
+        timeout = static_cast<int>(std::clamp<int64_t>(left, 0, timeout));
+    }
+    return timeout;
 }
 
 bool InotifyWatcher::GetInotifyPath(int32_t wd, std::string& path) {
@@ -238,6 +306,10 @@ void InotifyWatcher::Stop() {
         return;
     }
     running_ = false;
+    // An install under way ends at its next step; the thread is then free.
+    if (packageWorker_ != nullptr) {
+        packageWorker_->Stop();
+    }
     if (watchThread_.joinable()) {
         uint64_t one = 1;
         if (write(wakeFd_, &one, sizeof(one)) < 0) {

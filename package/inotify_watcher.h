@@ -8,7 +8,9 @@
 #include <sys/inotify.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -52,6 +54,10 @@ class InotifyWatcher {
     // The directory a watch descriptor stands for, if it is still the real one.
     bool GetInotifyPath(int32_t wd, std::string& path);
 
+    // Installs one package, and keeps it for another try when its install
+    // was cut short by a shortage that may pass.
+    void LoadPackage(const std::string& dir, const std::string& name, uint32_t attempts);
+
     // Stops the thread and closes the descriptors.
     void Stop();
 
@@ -59,7 +65,20 @@ class InotifyWatcher {
     uint32_t Destory();
 
   private:
+    // A package whose install was cut short, waiting for its next try.
+    struct PendingPackage {
+        std::string dir;
+        std::string name;
+        uint32_t attempts;
+        std::chrono::steady_clock::time_point due;
+    };
+
     explicit InotifyWatcher(int32_t vfId);
+
+    // Tries again the packages whose time has come.
+    void RetryDuePackages();
+    // How long the watch thread may wait for events before a retry is due.
+    int WaitTimeoutMs() const;
 
     // Removes this watcher from the class map. 0 on success.
     uint32_t ClearWatcherPtr();
@@ -76,6 +95,8 @@ class InotifyWatcher {
     std::thread watchThread_;
     std::shared_ptr<PackageWorker> packageWorker_;
     bool initialized_ = false;
+    // The watch thread's alone.
+    std::deque<PendingPackage> pending_;
 
     static Mutex mutexForInotifyWatcherMap_;
     static std::map<int32_t, std::shared_ptr<InotifyWatcher>> inotifyWatcherMap_

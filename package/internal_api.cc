@@ -129,4 +129,19 @@ std::string SafeStrerror() {
     return text;
 }
 
+bool IsShortage(int err) {
+    switch (err) {
+        case EMFILE:
+        case ENFILE:
+        case ENOMEM:
+        case ENOBUFS:
+        case EAGAIN:
+        case ENOSPC:
+        case EDQUOT:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace orv

@@ -42,6 +42,11 @@ int32_t PackSystem(const char* command);
 // The text of the current errno; errno is left as it was.
 std::string SafeStrerror();
 
+// True for an errno that says something ran short for a while (descriptors,
+// memory, processes, room on a file system) rather than that what was asked
+// for is wrong: the same call may succeed later.
+bool IsShortage(int err);
+
 }  // namespace orv
 
 #endif  // ORV_PACKAGE_INTERNAL_API_H

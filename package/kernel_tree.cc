@@ -2,15 +2,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <limits.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <sstream>
@@ -25,15 +28,18 @@ namespace orv {
 
 namespace {
 
-// A tar listing of kMaxPackageMembers names of up to PATH_MAX bytes each is
-// far beyond any kernel package; longer ones are refused unread.
-constexpr size_t kMaxListingBytes = 16 * 1024 * 1024;
+using limits::kMaxListingBytes;
 // As the kernel gives up resolving a path after 40 links.
 constexpr int kMaxLinkHops = 40;
 // Set-id, sticky and group/other write bits go; the rest stays.
 constexpr mode_t kKeptModeBits = 0755;
 constexpr mode_t kInstalledDirMode = 0755;
-constexpr int kRemoveTreeDescriptors = 16;
+// Levels a removal descends, a descriptor each: far below what descriptors
+// allow, far above what a kernel tree holds.
+constexpr int kMaxRemoveDepth = 256;
+// Room a file system must have left for a failed unpack to count as the
+// package's fault rather than the disk's.
+constexpr uint64_t kMinRoomForAVerdict = 1u << 20;
 
 std::vector<std::string> SplitPath(const std::string& path) {
     std::vector<std::string> parts;
@@ -89,9 +95,53 @@ bool Rewind(int fd, std::string* reason) {
     return true;
 }
 
-int RemoveEntry(const char* path, const struct stat*, int, FTW*) {
-    (void)remove(path);
-    return 0;
+// True when the file system holding `fd` has next to no room left: a write
+// that failed there says nothing about the package.
+bool NoRoomLeft(int fd) {
+    struct statvfs room {};
+    return fstatvfs(fd, &room) == 0 &&
+           static_cast<uint64_t>(room.f_bavail) * room.f_frsize < kMinRoomForAVerdict;
+}
+
+// Removes entry `name` of the directory open at `dirFd`, and below it when
+// it is a directory on `device` (none when `anyDevice`), never following a
+// link. True when it is gone.
+bool RemoveEntryAt(int dirFd, const char* name, int depth, dev_t device, bool anyDevice) {
+    struct stat st {};
+    if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        return unlinkat(dirFd, name, 0) == 0 || errno == ENOENT;
+    }
+    // Directories only: on an overlay a file may report its layer's device,
+    // a directory always the overlay's. Another device is a mount point.
+    if ((!anyDevice && st.st_dev != device) || depth >= kMaxRemoveDepth) {
+        return false;
+    }
+    int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return false;
+    }
+    // A second pass takes what a directory changing under the first hid.
+    for (int pass = 0; pass < 2; ++pass) {
+        rewinddir(dir);
+        while (dirent* entry = readdir(dir)) {
+            if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+                (void)RemoveEntryAt(fd, entry->d_name, depth + 1, st.st_dev, false);
+            }
+        }
+        if (unlinkat(dirFd, name, AT_REMOVEDIR) == 0 || errno == ENOENT) {
+            closedir(dir);
+            return true;
+        }
+    }
+    closedir(dir);
+    return false;
 }
 
 // What the walk of CheckKernelTree gathers.
@@ -105,11 +155,12 @@ struct TreeWalk {
 
 // Looks at one directory's entries; subdirectories go on `pending`.
 bool WalkDirectory(int rootFd, const std::string& rel, TreeWalk& walk,
-                   std::deque<std::string>& pending, std::string* reason) {
+                   std::deque<std::string>& pending, std::string* reason, bool* shortage) {
     int fd = openat(rootFd, rel.empty() ? "." : rel.c_str(),
                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
     if (dir == nullptr) {
+        *shortage = IsShortage(errno);
         *reason = "directory [" + rel + "] cannot be read: " + SafeStrerror();
         if (fd >= 0) {
             close(fd);
@@ -186,11 +237,13 @@ StagedKernels::StagedKernels(const std::string& installDir) : installDir_(instal
     size_t slash = installDir.find_last_of('/');
     std::string parent = installDir.substr(0, slash);
     if (mkdir(parent.c_str(), kInstalledDirMode) != 0 && errno != EEXIST) {
+        shortage_ = IsShortage(errno);
         error_ = "cannot make [" + parent + "]: " + SafeStrerror();
         return;
     }
     std::string pattern = parent + "/." + installDir.substr(slash + 1) + ".new-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
+        shortage_ = IsShortage(errno);
         error_ = "cannot make a staging directory beside [" + installDir + "]: " + SafeStrerror();
         return;
     }
@@ -249,35 +302,68 @@ bool StagedKernels::Commit(std::string* reason) {
 
 // ---- Unpacking and checking ---------------------------------------------------------
 
-bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
+bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
+                   UnpackControl* control) {
+    int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dirFd < 0) {
+        control->shortage = IsShortage(errno);
+        *reason = "its staging directory cannot be opened: " + SafeStrerror();
+        return false;
+    }
+    ScopeGuard closeDir([dirFd] { close(dirFd); });
     // The archive is uncompressed once, into an unnamed file of the staging
     // directory (invisible to the tree check); listing and unpacking it then
     // cost little more than the one unpack would.
-    int archive = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    int archive = openat(dirFd, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
     if (archive < 0) {
         archive = memfd_create("orv-package-tar", MFD_CLOEXEC);
     }
     if (archive < 0) {
+        control->shortage = IsShortage(errno);
         *reason = "no room to uncompress it: " + SafeStrerror();
         return false;
     }
     ScopeGuard closeArchive([archive] { close(archive); });
+    // What a run of gzip or tar tells about the package, or about the card;
+    // `failure` is what it says of the package ("gzip cannot uncompress it").
+    auto failed = [&](const std::string& failure, int32_t status) {
+        std::string code = " (status " + std::to_string(status) + ")";
+        if (status == kChildNotStarted || (status > 0 && NoRoomLeft(archive))) {
+            control->shortage = true;
+            *reason = failure + code + ", for want of processes, descriptors or room";
+        } else if (status == kChildCancelled) {
+            *reason = "the install was stopped";
+        } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) {
+            *reason = "it uncompresses to more than " + std::to_string(limits::kMaxArchiveBytes) +
+                      " bytes";
+        } else {
+            *reason = failure + code;
+        }
+        return false;
+    };
+    ChildOptions options;
+    options.cancel = control->cancel;
+    options.maxFileBytes = limits::kMaxArchiveBytes;
     if (!Rewind(packageFd, reason)) {
         return false;
     }
-    int32_t status = RunChild({"gzip", "-d", "-c"}, ChildStdio{packageFd, archive});
+    options.stdio = ChildStdio{packageFd, archive};
+    int32_t status = RunChild({"gzip", "-d", "-c"}, options);
     if (status != 0) {
-        *reason = "gzip cannot uncompress it (status " + std::to_string(status) + ")";
-        return false;
+        return failed("gzip cannot uncompress it", status);
     }
     std::string listing;
     if (!Rewind(archive, reason)) {
         return false;
     }
-    status = RunChildForOutput({"tar", "-t", "-f", "-"}, archive, &listing, kMaxListingBytes);
-    if (status != 0) {
-        *reason = "tar cannot list it (status " + std::to_string(status) + ")";
+    options.stdio = ChildStdio{archive, -1};
+    status = RunChildForOutput({"tar", "-t", "-f", "-"}, options, &listing, kMaxListingBytes);
+    if (status == kChildOutputTooLong) {
+        *reason = "its listing is longer than " + std::to_string(kMaxListingBytes) + " bytes";
         return false;
+    }
+    if (status != 0) {
+        return failed("tar cannot list it", status);
     }
     // One name a line: tar escapes a new line inside a name.
     std::stringstream names(listing);
@@ -295,18 +381,23 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason) {
         return false;
     }
     // -o: the files belong to the daemon, whoever they belonged to where the
-    // package was made.
-    status = RunChild({"tar", "-x", "-o", "-f", "-", "-C", dir}, ChildStdio{archive, -1});
+    // package was made. tar starts in the staging directory it was given, by
+    // descriptor, wherever its name may lead meanwhile.
+    options.stdio = ChildStdio{archive, -1};
+    options.cwd = dirFd;
+    status = RunChild({"tar", "-x", "-o", "-f", "-"}, options);
     if (status != 0) {
-        *reason = "tar cannot unpack it (status " + std::to_string(status) + ")";
-        return false;
+        return failed("tar cannot unpack it", status);
     }
-    return CheckKernelTree(dir, reason);
+    return CheckKernelTree(dir, reason, &control->shortage);
 }
 
-bool CheckKernelTree(const std::string& root, std::string* reason) {
+bool CheckKernelTree(const std::string& root, std::string* reason, bool* shortage) {
     int rootFd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (rootFd < 0) {
+        if (shortage != nullptr) {
+            *shortage = IsShortage(errno);
+        }
         *reason = "its tree [" + root + "] cannot be opened: " + SafeStrerror();
         return false;
     }
@@ -316,7 +407,11 @@ bool CheckKernelTree(const std::string& root, std::string* reason) {
     while (!pending.empty()) {
         std::string rel = pending.front();
         pending.pop_front();
-        if (!WalkDirectory(rootFd, rel, walk, pending, reason)) {
+        bool walkShortage = false;
+        if (!WalkDirectory(rootFd, rel, walk, pending, reason, &walkShortage)) {
+            if (shortage != nullptr) {
+                *shortage = walkShortage;
+            }
             return false;
         }
     }
@@ -383,12 +478,23 @@ bool LinkStaysInside(int rootFd, const std::string& link) {
 }
 
 bool RemoveTree(const std::string& path) {
-    struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) {
+    size_t slash = path.find_last_of('/');
+    std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (name.empty() || name == "." || name == "..") {
+        return false;
+    }
+    int parentFd = open(parent.empty() ? "/" : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (parentFd < 0) {
         return errno == ENOENT;
     }
-    (void)nftw(path.c_str(), RemoveEntry, kRemoveTreeDescriptors, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-    return lstat(path.c_str(), &st) != 0 && errno == ENOENT;
+    bool gone = RemoveTreeAt(parentFd, name);
+    close(parentFd);
+    return gone;
+}
+
+bool RemoveTreeAt(int dirFd, const std::string& name) {
+    return RemoveEntryAt(dirFd, name.c_str(), 0, 0, true);
 }
 
 }  // namespace orv

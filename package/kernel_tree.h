@@ -15,12 +15,24 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
+
+#include "platform/orv_limits.h"
 
 namespace orv {
 
 // Members and unpacked entries a package may have at most.
-inline constexpr size_t kMaxPackageMembers = 100000;
+inline constexpr size_t kMaxPackageMembers = limits::kMaxPackageMembers;
+
+// What an unpack is given beyond the package, and what it tells back.
+struct UnpackControl {
+    // Set while the unpack runs: it stops at once, and fails.
+    const std::atomic<bool>* cancel = nullptr;
+    // Set by a failure that may pass (descriptors, memory or room ran short),
+    // as opposed to one of the package.
+    bool shortage = false;
+};
 
 // A fresh, private directory beside an install directory (on the same file
 // system, so that a rename can swap the two). Whatever it holds when the
@@ -34,6 +46,8 @@ class StagedKernels {
 
     // False, with the reason, when the directory could not be made.
     bool Ok(std::string* reason) const;
+    // The directory could not be made for want of descriptors, memory or room.
+    bool Shortage() const { return shortage_; }
     const std::string& Dir() const { return dir_; }
 
     // Puts the staged tree in the install directory's place in one step; the
@@ -45,13 +59,16 @@ class StagedKernels {
     const std::string installDir_;
     std::string dir_;
     std::string error_;
+    bool shortage_ = false;
 };
 
 // Unpacks the gzip-compressed tar archive read from `packageFd` (from its
 // start) into the empty directory `dir`, then checks the tree (CheckKernelTree).
-// False, with the reason, when the archive names a member with an absolute
-// path or "..", when gzip or tar fails, or when the tree fails the check.
-bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason);
+// False, with the reason, when the archive uncompresses to more than
+// limits::kMaxArchiveBytes, names a member with an absolute path or "..",
+// when gzip or tar fails, or when the tree fails the check.
+bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
+                   UnpackControl* control);
 
 // Checks a tree unpacked from a package, without following any link: it may
 // hold only regular files, directories and symbolic links; each link, resolved
@@ -59,7 +76,8 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason);
 // share its inode with a file outside the tree. Takes away set-id and sticky
 // bits and write access for group and others on the way. False, with the
 // reason, at the first offence.
-bool CheckKernelTree(const std::string& root, std::string* reason);
+// A check that failed for want of descriptors or memory sets `shortage`.
+bool CheckKernelTree(const std::string& root, std::string* reason, bool* shortage = nullptr);
 
 // True when the symbolic link `link` (relative to the tree open at `rootFd`)
 // resolves inside that tree, following the tree's own links on the way.
@@ -68,9 +86,11 @@ bool LinkStaysInside(int rootFd, const std::string& link);
 // "FIFO", "symbolic link", "directory", ... for a file type in `mode`.
 const char* FileKindName(mode_t mode);
 
-// Removes `path` and everything below it without following symbolic links;
-// true when it is gone.
+// Removes `path` and everything below it without following symbolic links
+// or leaving its file system; true when it is gone.
 bool RemoveTree(const std::string& path);
+// The same for entry `name` of the directory open at `dirFd`.
+bool RemoveTreeAt(int dirFd, const std::string& name);
 
 }  // namespace orv
 

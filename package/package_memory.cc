@@ -38,7 +38,7 @@ constexpr uint32_t kMaxWalkDepth = 20;
 constexpr uint64_t kMinFreeBytes = 157286399;
 
 using package_internal::CgroupDir;
-using package_internal::ForEachLine;
+using package_internal::kControlFileBounds;
 
 // The size of entry `name` of the directory open at `dirFd`, measured as
 // CalFileSize measures, but never through a link (a link measures 0).
@@ -113,11 +113,13 @@ void PackageWorker::GetPackageSizeInSubdirectory(
 
 uint32_t PackageWorker::ReadMemControlValue(const std::string& file, uint64_t& value) const {
     std::string line;
-    bool opened = ForEachLine(file, [&line](const std::string& first) {
-        line = first;
-        return false;
-    });
-    if (!opened) {
+    LinesEnd end =
+        ForEachBoundedLine(file, kControlFileBounds, [&line](const std::string& first, bool) {
+            line = first;
+            return false;
+        });
+    if (end == LinesEnd::kUnreadable) {
+        NoteShortage(IsShortage(errno));
         ORV_LOG(ORV_ERROR, "[OrvDaemon] Read memory control file failed, file name:[%s].",
                 file.c_str());
         return 1;
@@ -207,7 +209,10 @@ uint32_t PackageWorker::SetMemoryControlValue(uint64_t limit) const {
     std::string command =
         std::string(kMemoryScript) + " " + std::to_string(vfId_) + " " + std::to_string(limit);
     ORV_LOG(ORV_INFO, "SetMemoryControlValue command: [%s]", command.c_str());
-    if (PackSystem(command.c_str()) != 0) {
+    int32_t status = PackSystem(command.c_str());
+    if (status != 0) {
+        // No shell could be started: the limit is not the package's fault.
+        NoteShortage(status == -1);
         ORV_LOG(ORV_ERROR, "SetMemoryControlValue failed, command: [%s]", SafeStrerror().c_str());
         return 1;
     }

@@ -50,9 +50,10 @@ std::string CgroupDir(int32_t vfId) {
     return kCgroupRoot + std::to_string(vfId);
 }
 
-int OpenPackageFile(const std::string& path, off_t* size, std::string* reason) {
+int OpenPackageFile(const std::string& path, off_t* size, std::string* reason, bool* shortage) {
     struct stat named {};
     if (lstat(path.c_str(), &named) != 0) {
+        *shortage = IsShortage(errno);
         *reason = "it cannot be found: " + SafeStrerror();
         return -1;
     }
@@ -63,6 +64,7 @@ int OpenPackageFile(const std::string& path, off_t* size, std::string* reason) {
     }
     int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
+        *shortage = IsShortage(errno);
         *reason = "it cannot be opened: " + SafeStrerror();
         return -1;
     }
@@ -128,7 +130,7 @@ void PackageWorker::ClearWorkerPtr() {
     packageWorkerMap_.erase(it);
 }
 
-PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) NO_THREAD_SAFETY_ANALYSIS {
+PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) {
     {
         MutexLock lock(&mutexForPackageWorkerMap_);
         auto it = packageWorkerMap_.find(vfId);
@@ -139,7 +141,13 @@ PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) NO_THREAD_SAFETY_ANA
     if (worker_ == nullptr) {
         return;
     }
-    worker_->workerMutex_.Lock();
+    MutexLock lock(&worker_->workerMutex_);
+    ++worker_->removals_;
+    ++worker_->generation_;
+    // A swap under way is a rename or two: the removal comes after it.
+    while (worker_->committing_) {
+        worker_->commitCond_.Wait();
+    }
     if (worker_->checkCode_ != 0) {
         ORV_LOG(ORV_INFO,
                 "[PackageWorker] Kernels of vfId[%d] are removed: check code [%u] goes back to 0.",
@@ -148,18 +156,29 @@ PackageWorker::KernelsRemoval::KernelsRemoval(int32_t vfId) NO_THREAD_SAFETY_ANA
     }
 }
 
-PackageWorker::KernelsRemoval::~KernelsRemoval() NO_THREAD_SAFETY_ANALYSIS {
+PackageWorker::KernelsRemoval::~KernelsRemoval() {
     if (worker_ != nullptr) {
-        worker_->workerMutex_.Unlock();
+        MutexLock lock(&worker_->workerMutex_);
+        --worker_->removals_;
     }
 }
 
 void PackageWorker::Stop() {
+    cancel_ = true;
     {
         MutexLock lock(&workerMutex_);
         stopped_ = true;
     }
     checkCodeCond_.SignalAll();
+}
+
+void PackageWorker::CancelAllInstalls() {
+    MutexLock lock(&mutexForPackageWorkerMap_);
+    for (auto& entry : packageWorkerMap_) {
+        if (entry.second != nullptr) {
+            entry.second->cancel_ = true;
+        }
+    }
 }
 
 void PackageWorker::Destory() {
@@ -206,12 +225,35 @@ uint32_t PackageWorker::CheckSum(uint32_t hostCode) {
 
 uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir,
                                                        const std::string& fileName) {
-    MutexLock lock(&workerMutex_);
+    // No lock is held across the steps below: queries answer from the check
+    // code last published, starts wait only for the one they asked for, and
+    // a stop ends the install at its next step.
     std::string full = dir + fileName;
+    if (cancel_) {
+        ORV_LOG(ORV_WARN, "[PackageWorker] vfId[%d] is stopping: package[%s] is left where it is.",
+                vfId_, full.c_str());
+        return 1;
+    }
+    shortage_ = false;
+    PackageInstall install;
+    install.packagePath = full;
+    install.publish = true;
+    {
+        MutexLock lock(&workerMutex_);
+        install.generation = generation_;
+    }
     // Every step below works on what is opened here, never on the name again.
     off_t size = 0;
     std::string reason;
-    int fd = OpenPackageFile(full, &size, &reason);
+    bool shortage = false;
+    int fd = OpenPackageFile(full, &size, &reason, &shortage);
+    if (fd < 0 && shortage) {
+        ORV_LOG(ORV_WARN,
+                "[PackageWorker] Package[%s] cannot be taken now: %s; it stays where it is and "
+                "is tried again.",
+                full.c_str(), reason.c_str());
+        return kInstallRetryLater;
+    }
     if (fd < 0) {
         ORV_LOG(ORV_ERROR, "[PackageWorker] Refused package[%s]: %s.", full.c_str(),
                 reason.c_str());
@@ -222,42 +264,85 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir,
         return 1;
     }
     ScopeGuard closePackage([fd] { close(fd); });
+    install.fd = fd;
+    install.size = static_cast<uint64_t>(size);
     // As CalFileSize measures it.
-    uint32_t code = static_cast<uint32_t>(static_cast<uint64_t>(size) & 0xFFFFFFFFULL);
-    ORV_LOG(ORV_EVENT, "Package checkcode is [%u], current env checkcode is [%u].", code,
-            checkCode_);
-    if (code == checkCode_) {
+    install.code = static_cast<uint32_t>(install.size & 0xFFFFFFFFULL);
+    ORV_LOG(ORV_EVENT, "Package checkcode is [%u], current env checkcode is [%u].", install.code,
+            GetCheckCode());
+    if (install.code == GetCheckCode()) {
         // Installed already; nobody is waiting for it.
         RemoveFile(full);
         return 0;
     }
+    if (!WithinSizeBounds(install)) {
+        RemoveFile(full);
+        return 1;
+    }
     std::string dst;
-    if (RenameAICPUPackage(dir, fileName, dst) != 0) {
+    if (MoveIntoStaging(install, dir, fileName, dst) != 0) {
         ORV_LOG(ORV_ERROR, "Rename path[%s] file[%s] to dstFile[%s] failed", dir.c_str(),
                 fileName.c_str(), dst.c_str());
+        if (shortage_) {
+            ORV_LOG(ORV_WARN, "[PackageWorker] Package[%s] stays where it is and is tried again.",
+                    full.c_str());
+            return kInstallRetryLater;
+        }
         RemoveFile(full);
         return 1;
     }
     ORV_LOG(ORV_INFO, "Rename path[%s] file[%s] to dstFile[%s] success", dir.c_str(),
             fileName.c_str(), dst.c_str());
+    install.packagePath = dst;
+    uint32_t ret = 0;
     if (vfId_ > 0 && access(CgroupDir(vfId_).c_str(), F_OK) == 0) {
-        uint32_t ret = UnzipAndSetMemLimit(dst, fd);
+        ret = UnzipAndSetMemLimit(install);
         if (ret != 0) {
             ORV_LOG(ORV_ERROR, "[OrvDaemon] UnzipAndSetMemlimit failed.");
-            return ret;
         }
-    } else if (DecompressionAicpuPackage(dst, fd) != 0) {
+    } else if (DecompressionAicpuPackage(install) != 0) {
         ORV_LOG(ORV_ERROR, "Decompression AicpuPackage[%s] failed", dst.c_str());
-        return 1;
+        ret = 1;
     }
-    checkCode_ = code;
-    if (vfId_ == 0) {
-        for (const std::string& path : kSandBoxList) {
-            RemoveFile(path);
-        }
+    if (ret != 0 && (shortage_ || cancel_)) {
+        PutBack(install);
+        return kInstallRetryLater;
     }
-    checkCodeCond_.SignalAll();
-    return 0;
+    // The package file never outlives its unpack.
+    RemoveFile(dst);
+    return ret;
+}
+
+bool PackageWorker::WithinSizeBounds(const PackageInstall& install) const {
+    if (install.size > limits::kMaxPackageBytes) {
+        ORV_LOG(ORV_ERROR,
+                "[PackageWorker] Refused package[%s]: it is %llu bytes long, more than the %llu a "
+                "kernel package may be.",
+                install.packagePath.c_str(), static_cast<unsigned long long>(install.size),
+                static_cast<unsigned long long>(limits::kMaxPackageBytes));
+        return false;
+    }
+    if (vfId_ <= 0) {
+        return true;
+    }
+    // The VF's kernels are charged to its memory limit: a package longer than
+    // the whole limit can never be installed there.
+    uint64_t limit = 0;
+    bool known = ForEachBoundedLine(CgroupDir(vfId_) + "/memory.limit_in_bytes",
+                                    package_internal::kControlFileBounds,
+                                    [&limit](const std::string& line, bool) {
+                                        limit = std::strtoull(line.c_str(), nullptr, 10);
+                                        return false;
+                                    }) != LinesEnd::kUnreadable;
+    if (known && limit != 0 && install.size > limit) {
+        ORV_LOG(ORV_ERROR,
+                "[PackageWorker] Refused package[%s]: it is %llu bytes long, more than vfId[%d]'s "
+                "memory limit of %llu.",
+                install.packagePath.c_str(), static_cast<unsigned long long>(install.size), vfId_,
+                static_cast<unsigned long long>(limit));
+        return false;
+    }
+    return true;
 }
 
 uint32_t PackageWorker::LoadAICPUPackageForThreadMode(const std::string& dstDir,

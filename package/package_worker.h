@@ -8,6 +8,7 @@
 #ifndef ORV_PACKAGE_PACKAGE_WORKER_H
 #define ORV_PACKAGE_PACKAGE_WORKER_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -21,6 +22,7 @@
 namespace orv {
 
 class StagedKernels;
+struct PackageInstall;
 
 using PackageNameMap = std::map<std::string, std::string>;
 
@@ -35,10 +37,16 @@ class PackageWorker {
     // any other id, and when it cannot be allocated.
     static std::shared_ptr<PackageWorker> GetInstance(int32_t vfId);
 
+    // Ends every install under way, in every worker, within a second; their
+    // VFs keep the kernels they had. The daemon's stop begins with it.
+    static void CancelAllInstalls();
+
     // Held while a VF's installed kernels are removed from outside the worker
-    // (the VF notices do that): no install of the VF runs meanwhile, and the
-    // check code goes back to 0, so that it never describes kernels that are
-    // gone. Does nothing for a VF without a worker, whose check code is 0.
+    // (the VF notices do that): the check code goes back to 0, so that it
+    // never describes kernels that are gone, and an install under way is not
+    // put in place, its package having come for kernels that are gone too.
+    // It waits only for an install's final swap, never for the install.
+    // Does nothing for a VF without a worker, whose check code is 0.
     class KernelsRemoval {
       public:
         explicit KernelsRemoval(int32_t vfId);
@@ -56,7 +64,7 @@ class PackageWorker {
 
     // Removes this worker from the class map.
     void ClearWorkerPtr();
-    // Wakes every CheckSum waiter for good.
+    // Wakes every CheckSum waiter for good, and ends the install under way.
     void Stop();
     // Stop, then leave the registry.
     void Destory();
@@ -69,7 +77,9 @@ class PackageWorker {
     uint32_t CheckSum(uint32_t hostCode);
 
     // Installs the package `fileName` found in `dir` (ending in "/"). 0 on
-    // success, also when that package is installed already.
+    // success, also when that package is installed already;
+    // kInstallRetryLater when it could not be installed for a shortage that
+    // may pass, the package back where it was.
     uint32_t LoadAICPUPackageForProcessMode(const std::string& dir, const std::string& fileName);
 
     // Installs a package from `srcDir` into `dstDir`, keeping its check code
@@ -130,20 +140,38 @@ class PackageWorker {
   private:
     explicit PackageWorker(int32_t vfId);
 
-    // The steps above on a package already opened: `packageFd` is what was
-    // checked, `packagePath` names it.
-    uint32_t DecompressionAicpuPackage(const std::string& packagePath, int packageFd);
-    uint32_t UnzipAndSetMemLimit(const std::string& packagePath, int packageFd);
+    // ---- One install, on the package as it was opened (PackageInstall) ----
+
+    // The steps above on a package already opened.
+    uint32_t DecompressionAicpuPackage(PackageInstall& install);
+    uint32_t UnzipAndSetMemLimit(PackageInstall& install);
+    // False, logged, for a package longer than a kernel package may be or
+    // than the VF's memory limit.
+    bool WithinSizeBounds(const PackageInstall& install) const;
+    // Moves a dropped package into the staging directory, by descriptors; a
+    // path planted there by another process is removed first. 0 or 1.
+    uint32_t MoveIntoStaging(PackageInstall& install, const std::string& dir,
+                             const std::string& fileName, std::string& dst);
+    // The staging directory, open: a real directory only the daemon can
+    // write, made anew when anything else is found in its place; -1 when it
+    // cannot be had.
+    int OpenStagingDirectory();
+    // A package cut short by a shortage or a stop goes back where it was
+    // dropped, unless a newer one of its name is there by now.
+    void PutBack(PackageInstall& install);
     // Verifies the package and unpacks it into `staged`, where its names and
     // sand box are checked and filled; the installed kernels are untouched.
-    // Removes the package file. 0, 1 or 14.
-    uint32_t PrepareKernels(const std::string& packagePath, int packageFd, StagedKernels& staged);
-    // Puts staged kernels in place. 0 or 1.
-    uint32_t CommitKernels(const std::string& packagePath, StagedKernels& staged);
+    // 0, 1 or 14.
+    uint32_t PrepareKernels(PackageInstall& install, StagedKernels& staged);
+    // Puts staged kernels in place and, in process mode, publishes their
+    // check code in the same step. 0 or 1.
+    uint32_t CommitKernels(PackageInstall& install, StagedKernels& staged);
     // What the sand box of an unpacked package may be: aicpu_kernels_device
     // and sand_box (if present) real directories, and only plain file names
     // in its "SandBoxSo=" line. False, with the reason, otherwise.
     bool CheckSandBox(const std::string& deviceDir, std::string* reason) const;
+    // A step failed for want of descriptors, memory, processes or room.
+    void NoteShortage(bool shortage) const { shortage_ = shortage_ || shortage; }
 
     // The VF's install directory, "/usr/lib64/aicpu_kernels/<vfId>".
     std::string InstallDir() const;
@@ -151,8 +179,22 @@ class PackageWorker {
     bool stopped_ GUARDED_BY(workerMutex_) = false;
     const int32_t vfId_;
     uint32_t checkCode_ GUARDED_BY(workerMutex_) = 0;
+    // Held only for moments: no install, removal or query holds it while it
+    // works on files or runs a command.
     Mutex workerMutex_;
     CondVar checkCodeCond_{&workerMutex_};
+    // Each removal of the VF's kernels from outside counts one; an install
+    // that began before is not put in place.
+    uint64_t generation_ GUARDED_BY(workerMutex_) = 0;
+    int removals_ GUARDED_BY(workerMutex_) = 0;
+    // An install's final swap is under way; removals wait for it.
+    bool committing_ GUARDED_BY(workerMutex_) = false;
+    CondVar commitCond_{&workerMutex_};
+    // Set by Stop: the install under way ends at its next step.
+    std::atomic<bool> cancel_{false};
+    // Set by a step of the install under way that failed for a reason that
+    // may pass; only the thread running the install touches it.
+    mutable bool shortage_ = false;
 
     static Mutex mutexForPackageWorkerMap_;
     static std::map<int32_t, std::shared_ptr<PackageWorker>> packageWorkerMap_

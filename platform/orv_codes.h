@@ -45,6 +45,9 @@ inline constexpr uint32_t kInvalidParam = 14;
 inline constexpr uint32_t kVerifyFailed = 14;
 // A command line that would not format (GetProcessPidByName).
 inline constexpr uint32_t kFormatFailure = 15;
+// A package install cut short by a shortage that may pass (descriptors,
+// memory, room): the package is back where it was, to be tried again.
+inline constexpr uint32_t kInstallRetryLater = 11;
 
 }  // namespace orv
 

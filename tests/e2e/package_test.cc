@@ -653,12 +653,16 @@ TEST_F(PackageTest, AnUpdateTheVfsLimitCannotTakeLeavesTheOldKernelsInstalled) {
     Deliver(first, {"--vf", "3"});
     uint32_t code = static_cast<uint32_t>(SizeOf(first));
     ASSERT_TRUE(test::WaitFor([&] { return CheckCode(3) == code; }, 10s));
-    // The limit now leaves no room for a package much bigger than the first.
+    // The limit now leaves no room for a package much bigger than the first
+    // once unpacked, though its file is small.
     std::string limitFile = Inside("/cgroup/memory/usermemory/vf3/memory.limit_in_bytes");
     test::WriteFile(limitFile, "200000\n");
     std::string bigger =
-        MakeFromDir("2_Velkan512-aicpu_syskernels.tar.gz",
-                    [](const std::string& dir) { WriteSoundTree(dir, "bigger", 400000); });
+        MakeFromDir("2_Velkan512-aicpu_syskernels.tar.gz", [](const std::string& dir) {
+            WriteSoundTree(dir, "bigger", 100);
+            test::WriteFile(dir + "/aicpu_kernels_device/libzeros.so", std::string(400000, '\0'));
+        });
+    ASSERT_LT(SizeOf(bigger), 200000u);
     Deliver(bigger, {"--vf", "3"});
     EXPECT_TRUE(sandbox_.Log().WaitFor("Set User memory limit failed", 10s));
     EXPECT_EQ(CheckCode(3), code);
