@@ -72,7 +72,7 @@ void OrvDaemon::ProcessEventServerInfo(const void* info, uint32_t subEventId) {
     // The sub-process reports its own abnormal end; its process type word
     // carries the status, and 2 (the custom process) ends only that one.
     bool customOnly = event.procType == CUSTOM_COMPUTE;
-    session->AbnormalMsgProc(customOnly, true);
+    session->KernelTimeoutProc(customOnly);
     if (!customOnly) {
         ORV_LOG(ORV_ERROR, "Subprocess[%u] kernel execute time out.", event.srcPid);
         DeleteOrvImpl(event.deviceId, event.vfId, event.hostPid);

@@ -2,6 +2,12 @@
 // profiling requests, a host's dropped link, and the link and package queries.
 #include "daemon/orvdaemon.h"
 
+#include <algorithm>
+
+#include <bounds_checked.h>
+#include <driver_hal.h>
+
+#include "event/orv_event_server.h"
 #include "package/package_worker.h"
 #include "platform/log.h"
 #include "platform/orv_limits.h"
@@ -47,6 +53,46 @@ HDCMessage::MsgType ReplyTypeOf(HDCMessage::MsgType type) {
     }
 }
 
+// Answers a request that is refused before any session is made: code 1, and
+// the reason as its error text.
+void SendRefusal(uint32_t deviceId, uint32_t sessionId, uint32_t realDeviceId,
+                 HDCMessage::MsgType replyType, const std::string& text) {
+    HDCMessage reply;
+    reply.set_type(replyType);
+    reply.set_device_id(deviceId);
+    reply.set_real_device_id(realDeviceId);
+    reply.set_orv_rsp_code(1);
+    reply.mutable_error_info()->set_message(text);
+    (void)OrvDaemon::GetInstance()->SendHdcMsg(deviceId, sessionId, reply);
+}
+
+// Why buffer group `name` may not go to a queue scheduler of (deviceId,
+// vfId): it belongs to another tenant, as the driver says. Empty when it may:
+// it is the card's own (shared by every tenant), or the driver does not say.
+std::string ForeignGroup(const std::string& name, uint32_t deviceId, int32_t vfId) {
+    char input[BUFF_GRP_NAME_LEN] = {0};
+    (void)memcpy_s(input, sizeof(input), name.data(), std::min(name.size(), sizeof(input) - 1));
+    GroupOwner owner{};
+    uint32_t length = sizeof(owner);
+    drvError_t ret = halGrpQuery(GRP_QUERY_GROUP_OWNER, input, sizeof(input), &owner, &length);
+    if (ret == DRV_ERROR_NOT_SUPPORT || ret == DRV_ERROR_NOT_EXIST) {
+        // A driver that cannot tell grants as named; a group that does not
+        // exist fails its attach, as ever.
+        return "";
+    }
+    if (ret != DRV_ERROR_NONE || length != sizeof(owner)) {
+        return "the owner of buffer group [" + name + "] cannot be asked (ret " +
+               std::to_string(ret) + ")";
+    }
+    if (owner.devId == GRP_OWNER_CARD ||
+        (owner.devId == deviceId && static_cast<int32_t>(owner.vfId) == vfId)) {
+        return "";
+    }
+    return "buffer group [" + name + "] belongs to device " + std::to_string(owner.devId) + " VF " +
+           std::to_string(owner.vfId) + ", not to device " + std::to_string(deviceId) + " VF " +
+           std::to_string(vfId);
+}
+
 // Answers a request with a string field over its limit with code 1, naming
 // the field; true when it did.
 bool RefuseOverlongFields(uint32_t sessionId, const HDCMessage& msg) {
@@ -69,13 +115,8 @@ bool RefuseOverlongFields(uint32_t sessionId, const HDCMessage& msg) {
         ORV_LOG(
             ORV_ERROR, "[OrvDaemon] request type[%d] on sessionId[%u] from hostPid[%u] refused: %s",
             static_cast<int>(msg.type()), sessionId, msg.proc_sign_pid().proc_pid(), text.c_str());
-        HDCMessage reply;
-        reply.set_type(ReplyTypeOf(msg.type()));
-        reply.set_device_id(msg.device_id());
-        reply.set_real_device_id(msg.real_device_id());
-        reply.set_orv_rsp_code(1);
-        reply.mutable_error_info()->set_message(text);
-        (void)OrvDaemon::GetInstance()->SendHdcMsg(msg.device_id(), sessionId, reply);
+        SendRefusal(msg.device_id(), sessionId, msg.real_device_id(), ReplyTypeOf(msg.type()),
+                    text);
         return true;
     }
     return false;
@@ -180,6 +221,15 @@ void OrvDaemon::OrvStartProcess(uint32_t sessionId, uint32_t deviceId, uint32_t 
             "vfId[%d] startCp[%d] startZarn[%d] startQS[%d]",
             deviceId, sessionId, realDeviceId, hostPid, rankSize, vfId, static_cast<int>(startCp),
             static_cast<int>(startZarn), static_cast<int>(startQs));
+    std::string refusal = StartRefusal(deviceId, vfId, startQs, qsGroupName);
+    if (!refusal.empty()) {
+        ORV_LOG(ORV_ERROR,
+                "[OrvDaemon] start on sessionId[%u] for hostPid[%u] on deviceId[%u] vfId[%d] "
+                "refused: %s",
+                sessionId, hostPid, deviceId, vfId, refusal.c_str());
+        SendRefusal(deviceId, sessionId, realDeviceId, HDCMessage::ORV_START_PROC_RSP, refusal);
+        return;
+    }
     std::shared_ptr<OrvImpl> session =
         CreateOrvImpl(deviceId, sessionId, rankSize, realDeviceId, hostPid, profilingMode, procSign,
                       checkCode, logLevel, vfId, deviceMode, startQs, qsGroupName);
@@ -195,6 +245,19 @@ void OrvDaemon::OrvStartProcess(uint32_t sessionId, uint32_t deviceId, uint32_t 
     if (SendRspToFmk(deviceId, sessionId, realDeviceId, 1, HDCMessage::ORV_START_PROC_RSP) != 0) {
         ORV_LOG(ORV_ERROR, "[OrvDaemon] FmkToOrvMsgProc SendRspToFmk failed");
     }
+}
+
+std::string OrvDaemon::StartRefusal(uint32_t deviceId, int32_t vfId, bool startQs,
+                                    const std::string& qsGroupName) const {
+    // Ids outside 0 to 16 are the registry's to refuse, with its own line.
+    if (vfId > 0 && vfId <= static_cast<int32_t>(kMaxVfId) &&
+        !OrvEventServer::GetInstance()->VfExists(vfId)) {
+        return "vfId[" + std::to_string(vfId) + "] does not exist: the driver has not created it";
+    }
+    if (startQs && !qsGroupName.empty()) {
+        return ForeignGroup(qsGroupName, deviceId, vfId);
+    }
+    return "";
 }
 
 void OrvDaemon::OrvCloseProcess(uint32_t sessionId, uint32_t deviceId, uint32_t realDeviceId,

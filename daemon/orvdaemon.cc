@@ -133,6 +133,10 @@ uint32_t OrvDaemon::Start() {
             return ret;
         }
         ORV_LOG(ORV_EVENT, "[OrvEVENT] Init inotify watcher success");
+    } else {
+        // No watchers and no VF notices here; starts still go only to the
+        // VFs the platform has.
+        NoteExistingVfs();
     }
 
     InitSysMonitor();

@@ -273,6 +273,13 @@ class OrvDaemon {
 
     // Starts the package watchers of the physical function and existing VFs.
     uint32_t InitInotifyWatcher() const;
+    // Without watchers (ZEB): records which VFs exist, for starts.
+    void NoteExistingVfs() const;
+
+    // Why a start may not go ahead for a VF or buffer group that is not the
+    // host's to use; empty when it may.
+    std::string StartRefusal(uint32_t deviceId, int32_t vfId, bool startQs,
+                             const std::string& qsGroupName) const;
 
     // True from the first Start until Destroy, a failed start included; every
     // long-running loop of the daemon tests it.

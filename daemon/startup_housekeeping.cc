@@ -389,8 +389,21 @@ uint32_t OrvDaemon::InitInotifyWatcher() const {
                     static_cast<uint32_t>(vfId));
             return 1;
         }
+        server->SetVfExists(vfId, true);
     }
     return 0;
+}
+
+void OrvDaemon::NoteExistingVfs() const {
+    OrvEventServer* server = OrvEventServer::GetInstance();
+    std::vector<int> vfIds;
+    if (!server->CheckExistVf(vfIds)) {
+        ORV_LOG(ORV_ERROR, "[OrvDaemon] ORV check exist vf failed");
+        return;
+    }
+    for (int vfId : vfIds) {
+        server->SetVfExists(vfId, true);
+    }
 }
 
 }  // namespace orv

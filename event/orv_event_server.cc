@@ -18,6 +18,7 @@
 #include "platform/log.h"
 #include "platform/orv_codes.h"
 #include "platform/orv_drv_manager.h"
+#include "platform/orv_limits.h"
 #include "platform/scope_guard.h"
 #include "session/process_util.h"
 
@@ -123,6 +124,14 @@ uint32_t OrvEventServer::Init(uint32_t devNum) {
         return 1;
     }
     ORV_LOG(ORV_INFO, "halRegisterVmngClient dev[%u] success.", kEventDevice);
+    try {
+        vfThread_ = std::thread([this] { RunVfNotices(); });
+        MutexLock lock(&vfQueueMutex_);
+        vfThreadRunning_ = true;
+    } catch (const std::exception& e) {
+        ORV_LOG(ORV_ERROR, "create the VF notice thread failed, %s", e.what());
+        return 1;
+    }
     for (uint32_t i = 0; i < devNum; ++i) {
         try {
             workers_.emplace_back([this, i] { Work(i); });
@@ -190,10 +199,8 @@ uint32_t OrvEventServer::ProcessEvent(event_info& event) {
                     subEventId, event.src_pid);
             return 1;
         }
-        if (ProcessDrvEvent(event, subEventId) != 0) {
-            ORV_LOG(ORV_ERROR, "[OrvEventServer] Process driver event failed.");
-        } else {
-            ORV_LOG(ORV_EVENT, "[OrvEVENT] Process driver event sucess.");
+        if (!QueueDriverEvent(event, subEventId)) {
+            return 1;
         }
         return 0;
     }
@@ -269,7 +276,96 @@ void OrvEventServer::Destroy() {
         }
     }
     workers_.clear();
+    StopVfThread();
     ORV_LOG(ORV_INFO, "[OrvEventServer] Destroy end.");
+}
+
+// ---- The VF thread ------------------------------------------------------------------
+
+bool OrvEventServer::QueueDriverEvent(const event_info& event, uint32_t subEventId) {
+    size_t waiting = 0;
+    {
+        MutexLock lock(&vfQueueMutex_);
+        if (vfThreadRunning_ && vfQueue_.size() < limits::kMaxQueuedVfNotices) {
+            vfQueue_.push_back(VfNotice{event, subEventId});
+            vfQueueChanged_.Signal();
+            return true;
+        }
+        waiting = vfThreadRunning_ ? vfQueue_.size() : 0;
+    }
+    if (waiting != 0) {
+        // The driver waits for an answer to each notice it sent.
+        ORV_LOG(ORV_ERROR,
+                "[OrvEventServer] driver notice sub-event[%u] refused: %zu notices wait already; "
+                "answered -1",
+                subEventId, waiting);
+        int32_t ack = -1;
+        (void)halEschedAckEvent(kEventDevice, kEventCcpuCtrlMsg, subEventId,
+                                reinterpret_cast<char*>(&ack), sizeof(ack));
+        return false;
+    }
+    // No VF thread yet (ProcessEvent called before Init): at once.
+    event_info copy = event;
+    HandleDriverEvent(copy, subEventId);
+    return true;
+}
+
+void OrvEventServer::HandleDriverEvent(event_info& event, uint32_t subEventId) {
+    if (ProcessDrvEvent(event, subEventId) != 0) {
+        ORV_LOG(ORV_ERROR, "[OrvEventServer] Process driver event failed.");
+    } else {
+        ORV_LOG(ORV_EVENT, "[OrvEVENT] Process driver event sucess.");
+    }
+}
+
+void OrvEventServer::RunVfNotices() {
+    for (;;) {
+        VfNotice notice{};
+        {
+            MutexLock lock(&vfQueueMutex_);
+            while (vfQueue_.empty() && !vfThreadStopping_) {
+                vfQueueChanged_.Wait();
+            }
+            if (vfThreadStopping_) {
+                // The daemon stops: what still waits is not handled.
+                return;
+            }
+            notice = vfQueue_.front();
+            vfQueue_.pop_front();
+        }
+        HandleDriverEvent(notice.event, notice.subEventId);
+    }
+}
+
+void OrvEventServer::StopVfThread() {
+    {
+        MutexLock lock(&vfQueueMutex_);
+        vfThreadStopping_ = true;
+        vfQueueChanged_.SignalAll();
+    }
+    if (vfThread_.joinable()) {
+        vfThread_.join();
+    }
+    MutexLock lock(&vfQueueMutex_);
+    vfThreadRunning_ = false;
+    vfThreadStopping_ = false;
+}
+
+bool OrvEventServer::VfExists(int32_t vfId) {
+    if (vfId == 0) {
+        return true;
+    }
+    MutexLock lock(&vfSetMutex_);
+    return existingVfs_.count(vfId) != 0;
+}
+
+void OrvEventServer::SetVfExists(int32_t vfId, bool exists) {
+    MutexLock lock(&vfSetMutex_);
+    if (exists) {
+        existingVfs_.insert(vfId);
+    } else {
+        existingVfs_.erase(vfId);
+    }
 }
 
 // ---- Driver and VF notices ----------------------------------------------------------
@@ -319,6 +415,7 @@ int OrvEventServer::ProcessCreatVfEvent(int vfId) {
     }
     RemoveFile(vfId);
     if (CreatInotifyWatcher(vfId) == 0) {
+        SetVfExists(vfId, true);
         ORV_LOG(ORV_INFO, "Creat inotify watcher by vfid[%d] succ.", vfId);
         return 0;
     }
@@ -333,6 +430,8 @@ int OrvEventServer::ProcessCreatVfEvent(int vfId) {
 
 int OrvEventServer::ProcessDestoryVfEvevt(int vfId) {
     MutexLock lock(&vfMutex_);
+    // Gone for new starts from the driver's word on, whatever its clean-up.
+    SetVfExists(vfId, false);
     RemoveFile(vfId);
     std::string command = "cd /var && sudo /var/destroy_vf_config.sh " + std::to_string(vfId);
     ORV_LOG(ORV_INFO, "PackSystem command: [%s].", command.c_str());
@@ -387,7 +486,14 @@ bool OrvEventServer::CheckExistVf(std::vector<int>& vfIds) const {
     }
     ScopeGuard close([stream] { pclose(stream); });
     char line[kVfListLineSize] = {0};
-    while (fgets(line, sizeof(line), stream) != nullptr) {
+    for (size_t lines = 0; fgets(line, sizeof(line), stream) != nullptr; ++lines) {
+        if (lines == limits::kMaxCommandOutputLines) {
+            ORV_LOG(ORV_ERROR,
+                    "[OrvEventServer] The VF listing has more than %zu lines: the rest "
+                    "is not read",
+                    limits::kMaxCommandOutputLines);
+            break;
+        }
         // Every character of the program's name is a separator, as strtok_r
         // takes its second argument; the first token is the VF number.
         char* save = nullptr;

@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -76,12 +78,50 @@ class OrvEventServer : public OrvEventInterface {
     // Starts the package watcher of a VF. 0 on success.
     uint32_t CreatInotifyWatcher(int vfId) const;
 
+    // ---- The VFs that exist ----
+
+    // True for the physical function (0), and for a VF that existed at
+    // start or that the driver created since and has not destroyed.
+    bool VfExists(int32_t vfId) LOCKS_EXCLUDED(vfSetMutex_);
+    // Records that a VF exists, or no longer does.
+    void SetVfExists(int32_t vfId, bool exists) LOCKS_EXCLUDED(vfSetMutex_);
+
   private:
+    // A driver notice waiting for the VF thread.
+    struct VfNotice {
+        event_info event;
+        uint32_t subEventId;
+    };
+
     OrvEventServer();
+
+    // Hands a driver notice to the VF thread, or handles it at once when
+    // that thread does not run (before Init). False when the queue is full.
+    bool QueueDriverEvent(const event_info& event, uint32_t subEventId)
+        LOCKS_EXCLUDED(vfQueueMutex_);
+    // Handles one driver notice and logs how it went.
+    void HandleDriverEvent(event_info& event, uint32_t subEventId);
+    // Body of the VF thread: the driver's notices, one at a time, in order.
+    // They run the VF scripts, which no event worker may wait for.
+    void RunVfNotices() LOCKS_EXCLUDED(vfQueueMutex_);
+    // Ends the VF thread once the notice it handles is done; those still
+    // queued are dropped.
+    void StopVfThread() LOCKS_EXCLUDED(vfQueueMutex_);
 
     std::atomic<bool> running_{true};
     std::vector<std::thread> workers_;  // the thread of Init and Destroy only
     Mutex vfMutex_;
+
+    Mutex vfQueueMutex_;
+    CondVar vfQueueChanged_{&vfQueueMutex_};
+    std::deque<VfNotice> vfQueue_ GUARDED_BY(vfQueueMutex_);
+    bool vfThreadRunning_ GUARDED_BY(vfQueueMutex_) = false;
+    bool vfThreadStopping_ GUARDED_BY(vfQueueMutex_) = false;
+    std::thread vfThread_;  // the thread of Init and Destroy only
+
+    // A leaf: nothing is called while it is held.
+    Mutex vfSetMutex_;
+    std::set<int32_t> existingVfs_ GUARDED_BY(vfSetMutex_);
 };
 
 }  // namespace orv

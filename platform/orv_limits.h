@@ -149,6 +149,9 @@ inline constexpr size_t kMaxCardServiceConnectionsPerPeer = 64;
 // A request to the card, and an answer the card's clients take.
 inline constexpr uint32_t kMaxCardRequestBytes = 1u << 20;
 inline constexpr uint32_t kMaxCardReplyBytes = 16u << 20;
+// What the status view reads of a file (a package's version.info, a
+// process's /proc entries): the first bytes only.
+inline constexpr size_t kMaxStatusFileBytes = 1u << 20;
 // A line of the app-monitor protocol.
 inline constexpr size_t kMaxAppmonLineBytes = 4096;
 

@@ -485,6 +485,11 @@ void OrvImpl::AbnormalMsgProc(bool customOnly, bool closeHdc) {
     CustomProcClean();
 }
 
+void OrvImpl::KernelTimeoutProc(bool customOnly) {
+    (void)StartEventThread([this, customOnly] { AbnormalMsgProc(customOnly, true); },
+                           "a kernel time-out");
+}
+
 void OrvImpl::CleanOrvRcvEventThreads() {
     std::list<SessionThread> threads;
     {

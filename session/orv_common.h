@@ -114,6 +114,11 @@ class OrvImpl {
     // `closeHdc`.
     void AbnormalMsgProc(bool customOnly, bool closeHdc);
 
+    // A sub-process reported a kernel time-out: AbnormalMsgProc (of the
+    // custom process alone with `customOnly`), closing the link, runs on a
+    // thread of the session, so that the event worker goes on at once.
+    void KernelTimeoutProc(bool customOnly);
+
     // Closing has begun (see closeHandle_).
     bool GetCloseHandle() LOCKS_EXCLUDED(closeMutex_);
 

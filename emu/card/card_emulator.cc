@@ -258,7 +258,9 @@ CardReply CardEmulator::Control(const CardRequest& request) {
             const GroupSetup& setup = request.group_setup();
             int32_t rc = DRV_ERROR_NONE;
             if (setup.create()) {
-                rc = groups_.Create(0, setup.name(), 0);
+                rc = setup.tenant()
+                         ? groups_.Create(0, setup.name(), 0, setup.device_id(), setup.vf_id())
+                         : groups_.Create(0, setup.name(), 0);
             }
             if (rc == DRV_ERROR_NONE && setup.add_pid() != 0) {
                 rc = groups_.AddProc(setup.name(), setup.add_pid(),

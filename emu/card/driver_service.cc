@@ -195,6 +195,19 @@ CardReply DriverService::Serve(pid_t caller, const CardRequest& request) {
         }
         case CardRequest::kHalGrpQuery: {
             const HalGrpQuery& call = request.hal_grp_query();
+            if (call.cmd() == GRP_QUERY_GROUP_OWNER) {
+                const std::string& input = call.input();
+                if (input.size() != BUFF_GRP_NAME_LEN || call.out_capacity() < sizeof(GroupOwner)) {
+                    return Reply(DRV_ERROR_INVALID_VALUE);
+                }
+                GroupOwner owner{};
+                CardReply reply;
+                reply.set_code(groups_->QueryOwner(std::string(input.c_str()), &owner));
+                if (reply.code() == DRV_ERROR_NONE) {
+                    reply.set_data(reinterpret_cast<const char*>(&owner), sizeof(owner));
+                }
+                return reply;
+            }
             if (call.cmd() != GRP_QUERY_GROUPS_OF_PROCESS ||
                 call.input().size() != sizeof(int32_t)) {
                 return Reply(DRV_ERROR_INVALID_VALUE);

@@ -20,7 +20,8 @@ GroupTable::GroupTable() {
     groups_[kDefaultMemGroup] = Group{};
 }
 
-int32_t GroupTable::Create(pid_t owner, const std::string& name, uint64_t memSize) {
+int32_t GroupTable::Create(pid_t owner, const std::string& name, uint64_t memSize,
+                           uint32_t tenantDevice, uint32_t tenantVf) {
     if (!ValidName(name)) {
         return DRV_ERROR_INVALID_VALUE;
     }
@@ -30,6 +31,7 @@ int32_t GroupTable::Create(pid_t owner, const std::string& name, uint64_t memSiz
     }
     Group group;
     group.owner = owner;
+    group.tenant = GroupOwner{tenantDevice, tenantVf};
     group.memSize = memSize;
     group.members[owner] = GRP_PERM_ADMIN | GRP_PERM_READ | GRP_PERM_WRITE | GRP_PERM_ALLOC;
     groups_[name] = std::move(group);
@@ -85,6 +87,16 @@ int32_t GroupTable::QueryGroupsOfProcess(pid_t pid, uint32_t capacity, std::stri
     return DRV_ERROR_NONE;
 }
 
+int32_t GroupTable::QueryOwner(const std::string& name, GroupOwner* owner) const {
+    MutexLock lock(&mutex_);
+    auto it = groups_.find(name);
+    if (it == groups_.end()) {
+        return DRV_ERROR_NOT_EXIST;
+    }
+    *owner = it->second.tenant;
+    return DRV_ERROR_NONE;
+}
+
 int32_t GroupTable::RecycleByPid(pid_t pid) {
     if (pid <= 0) {
         return DRV_ERROR_INVALID_VALUE;
@@ -98,7 +110,11 @@ std::string GroupTable::Describe() const {
     MutexLock lock(&mutex_);
     std::ostringstream out;
     for (const auto& [name, group] : groups_) {
-        out << "group " << name << " owner " << group.owner << " members";
+        out << "group " << name << " owner " << group.owner;
+        if (group.tenant.devId != GRP_OWNER_CARD) {
+            out << " tenant device " << group.tenant.devId << " vf " << group.tenant.vfId;
+        }
+        out << " members";
         for (const auto& [pid, perms] : group.members) {
             out << " " << pid << ":" << perms;
         }

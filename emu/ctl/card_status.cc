@@ -20,6 +20,7 @@
 #include "card.pb.h"
 #include "emu/ctl/control_client.h"
 #include "emu/sandbox/sandbox_client.h"
+#include "platform/orv_limits.h"
 
 namespace orv::emu {
 
@@ -36,11 +37,14 @@ constexpr char kMemoryCgroups[] = "/cgroup/memory/usermemory";
 constexpr char kStagingDir[] = "/home/QelvarUser/aicpu_kernels/";
 constexpr int32_t kMaxVfId = 16;
 
+// The first limits::kMaxStatusFileBytes of a file: what the view reads was
+// written by others (a package's version.info among them).
 std::string ReadSmallFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    std::string text(limits::kMaxStatusFileBytes, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+    return text;
 }
 
 bool ParseInt(const std::string& text, long long* value) {

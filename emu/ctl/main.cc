@@ -65,7 +65,9 @@ void Usage(FILE* out = stderr) {
         "                             flood (DELAY_MS more start reports)\n"
         "  standins                   the stand-ins' behaviours\n"
         "  events                     the most recent event traffic\n"
-        "  group create NAME          a buffer group owned by the card\n"
+        "  group create NAME [--device D --vf N]\n"
+        "                             a buffer group of the card, shared by every tenant, or\n"
+        "                             one that belongs to device D's VF N\n"
         "  group add NAME PID         grant process PID (a host process, say) access to group "
         "NAME\n"
         "  inject-event SUBEVENT [--length N] [--group G] [--host-pid P] [--device D] [--vf V]\n"
@@ -191,8 +193,17 @@ int main(int argc, char** argv) {
         auto* setup = request.mutable_group_setup();
         setup->set_name(words[2]);
         long pid = 0;
+        long device = 0;
+        long vf = 0;
         if (words[1] == "create" && words.size() == 3) {
             setup->set_create(true);
+        } else if (words[1] == "create" && words.size() == 7 && words[3] == "--device" &&
+                   words[5] == "--vf" && ParseNumber(words[4], &device) &&
+                   ParseNumber(words[6], &vf)) {
+            setup->set_create(true);
+            setup->set_tenant(true);
+            setup->set_device_id(static_cast<uint32_t>(device));
+            setup->set_vf_id(static_cast<uint32_t>(vf));
         } else if (words[1] == "add" && words.size() == 4 && ParseNumber(words[3], &pid)) {
             setup->set_add_pid(static_cast<int32_t>(pid));
         } else {

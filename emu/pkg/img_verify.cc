@@ -10,6 +10,7 @@
 #include "card.pb.h"
 #include "emu/driver/card_client.h"
 #include "emu/pkg/package_signature.h"
+#include "platform/orv_limits.h"
 #include "vendor_public_key.h"
 
 extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, const char* path,
@@ -40,6 +41,11 @@ extern "C" int32_t halVerifyImg(uint32_t /*imageType*/, uint32_t /*keyType*/, co
     }
     if (fd < 0) {
         return 2;
+    }
+    // Read whole to be checked: nothing longer than a package may be.
+    if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > orv::limits::kMaxPackageBytes) {
+        close(fd);
+        return 4;
     }
     std::string content;
     char buffer[65536];

@@ -100,11 +100,21 @@ drvError_t drvHdcGetTrustedBasePath(uint32_t peerNode, uint32_t devId, char* bas
 
 // Query kinds of halGrpQuery.
 #define GRP_QUERY_GROUPS_OF_PROCESS 1  // input: int32 pid; output: GroupQueryEntry[]
+#define GRP_QUERY_GROUP_OWNER 2        // input: char[BUFF_GRP_NAME_LEN] name; output: GroupOwner
 
 // One entry of a GRP_QUERY_GROUPS_OF_PROCESS answer (36 bytes).
 struct GroupQueryEntry {
     char name[BUFF_GRP_NAME_LEN];  // NUL-terminated group name
     uint32_t permissions;          // GRP_PERM_* bits of the queried process
+};
+
+// Whose a group is: the device and VF of the tenant it was made for, or
+// GRP_OWNER_CARD in both for the card's own groups, which every tenant
+// shares. DRV_ERROR_NOT_EXIST for a group that does not exist.
+#define GRP_OWNER_CARD 0xFFFFFFFFu
+struct GroupOwner {
+    uint32_t devId;
+    uint32_t vfId;
 };
 
 // Creates a group of `memSize` bytes owned by the caller.

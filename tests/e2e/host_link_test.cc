@@ -131,7 +131,7 @@ TEST_F(HostLinkTest, InvalidStartsAreRefusedWithFailure) {
 }
 
 TEST_F(HostLinkTest, SessionLimitRefusesASecondHostOnTheSameVfNamingTheFirst) {
-    Boot({"--env", "AICPU_MAX_NUM=1"});
+    Boot({"--env", "AICPU_MAX_NUM=1", "--vfs", "1"});
     // Each host keeps its link open: a session ends with its link.
     const std::string script =
         "open first\n"

@@ -82,7 +82,7 @@ class SessionTest : public ::testing::Test {
 };
 
 TEST_F(SessionTest, ComputeAloneOnAVfStartsOnlyComputeAndItsReportAnswers) {
-    Boot();
+    Boot({"--vfs", "1"});
     std::string output = Session(
         "open a\n"
         "send a start --pid 50 --vf 1 --cp --zarn\n"
@@ -191,7 +191,7 @@ TEST_F(SessionTest, AStartNotReportedInTimeIsAnsweredOnceWithWhatIsMissing) {
 
 TEST_F(SessionTest, EveryKindIsLaunchedAsTheLaunchTableSays) {
     Boot({"--env", "AICPU_ADD_BUFFERGROUP=1", "--env", "DATAMASTER_RUN_MODE=0", "--env",
-          "QS_RESCHED_INTEVAL=7"});
+          "QS_RESCHED_INTEVAL=7", "--vfs", "3"});
     std::string output;
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "create", "HOSTGRP"}, &output), 0) << output;
     ASSERT_EQ(EmuCtl(sandbox_, {"group", "add", "HOSTGRP", "80"}, &output), 0) << output;
