@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "daemon/orvdaemon.h"
 #include "orv_version.h"
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define ORV_LEAK_CHECK 1
@@ -81,6 +83,30 @@ void KeepInheritedDescriptorsFromSubProcesses() {
     closedir(fds);
 }
 
+// The daemon holds a descriptor for every link, sub-process and watch; the
+// soft limit goes up to what the limits table needs (the service unit's
+// LimitNOFILE), as far as the hard limit allows.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
+    rlim_t wanted = orv::limits::kMaxDescriptors;
+    if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < wanted) {
+        std::fprintf(stderr,
+                     "orvdaemon: at most %llu descriptors may be open, fewer than the %llu the "
+                     "daemon's limits need\n",
+                     static_cast<unsigned long long>(limit.rlim_max),
+                     static_cast<unsigned long long>(wanted));
+        wanted = limit.rlim_max;
+    }
+    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= wanted) {
+        return;
+    }
+    limit.rlim_cur = wanted;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,6 +124,7 @@ int main(int argc, char** argv) {
     const orv::ServiceNotifier systemd = orv::ServiceNotifier::FromEnvironment("NOTIFY_SOCKET");
     const orv::ServiceNotifier sandbox = orv::ServiceNotifier::FromEnvironment("ORV_NOTIFY_SOCKET");
     KeepInheritedDescriptorsFromSubProcesses();
+    RaiseDescriptorLimit();
 
     if (chdir("/") != 0) {
         std::fprintf(stderr, "orvdaemon: cannot change to /: %s\n", std::strerror(errno));

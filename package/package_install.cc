@@ -281,6 +281,13 @@ uint32_t PackageWorker::PrepareKernels(PackageInstall& install, StagedKernels& s
         return 1;
     }
     ScopeGuard closeCopy([copy] { close(copy); });
+    if (cancel_) {
+        ORV_LOG(ORV_ERROR,
+                "[PackageWorker] Package[%s] cannot be installed now: the install was "
+                "stopped.",
+                packagePath.c_str());
+        return 1;
+    }
     if (VerifyAicpuPackage(DescriptorPath(copy)) != 0) {
         ORV_LOG(ORV_ERROR, "Verify Aicpu package failed, srcPath[%s].", packagePath.c_str());
         return kVerifyFailed;

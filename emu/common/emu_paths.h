@@ -26,6 +26,11 @@ inline constexpr char kLogLevelEnv[] = "ORV_EMU_LOG_LEVEL";
 inline constexpr char kLogStderrEnv[] = "ORV_EMU_LOG_STDERR";
 inline constexpr char kSandboxLogFile[] = "/var/log/orv/system.log";
 
+// The HDC transport's link time-outs in milliseconds, shorter than the
+// limits table's for tests that watch a link being ended.
+inline constexpr char kHdcFirstFrameMsEnv[] = "ORV_EMU_HDC_FIRST_FRAME_MS";
+inline constexpr char kHdcPartialFrameMsEnv[] = "ORV_EMU_HDC_PARTIAL_FRAME_MS";
+
 // The app monitor's socket, as the daemon names it.
 inline constexpr char kAppmonSocket[] = "/var/driver/appmon.socket";
 

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <set>
@@ -191,6 +192,18 @@ std::string FrameRefusal(const FrameShape& shape) {
                std::to_string(limits::kMaxFeatureBytes);
     }
     return "";
+}
+
+// A link time-out: the limits table's, or a shorter one the environment
+// gives in milliseconds.
+std::chrono::milliseconds LinkTimeout(const char* env, std::chrono::milliseconds table) {
+    std::string value = emu::EnvOr(env, "");
+    char* end = nullptr;
+    long long ms = std::strtoll(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || ms <= 0 || ms > table.count()) {
+        return table;
+    }
+    return std::chrono::milliseconds(ms);
 }
 
 bool IsFrameworkRequest(HDCMessage::MsgType type) {
@@ -371,8 +384,9 @@ void HdcServer::Impl::Serve(int fd, pid_t peer) {
     size_t budgeted = 0;
     emu::FrameLimits frames;
     frames.maxLength = limits::kMaxFrameBytes;
-    frames.startBy = emu::Clock::now() + limits::kFirstFrameTimeout;
-    frames.wholeWithin = limits::kPartialFrameTimeout;
+    frames.startBy =
+        emu::Clock::now() + LinkTimeout(emu::kHdcFirstFrameMsEnv, limits::kFirstFrameTimeout);
+    frames.wholeWithin = LinkTimeout(emu::kHdcPartialFrameMsEnv, limits::kPartialFrameTimeout);
     frames.admit = [&budgeted](uint32_t length, emu::Clock::time_point deadline) {
         if (length <= limits::kSmallFrameBytes) {
             return true;

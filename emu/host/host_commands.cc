@@ -1,6 +1,8 @@
 #include "emu/host/host_commands.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +14,8 @@
 #include <map>
 #include <sstream>
 #include <thread>
+
+#include "emu/common/socket_io.h"
 
 namespace orv::host {
 
@@ -193,6 +197,72 @@ int HostCommands::RunFrame(const std::vector<std::string>& args) {
         return kExitClosed;
     }
     return Await(*link, "link", -1, settings_.timeoutMs);
+}
+
+int HostCommands::RunLinks(const std::vector<std::string>& args) {
+    if (args.empty()) {
+        throw UsageError{"links needs a COUNT"};
+    }
+    const long long count = Number(args[0], "links");
+    std::vector<std::string> options(args.begin() + 1, args.end());
+    const long long declare = TakeOption(&options, "--declare", -1);
+    const long long send = TakeOption(&options, "--send", 0);
+    const long long holdMs = TakeOption(&options, "--hold", 0);
+    if (!options.empty() || count < 0 || declare > 0xffffffffLL || send < 0) {
+        throw UsageError{"links takes COUNT [--declare N] [--send K] [--hold MS]"};
+    }
+    std::string begun;
+    if (declare >= 0) {
+        uint32_t length = static_cast<uint32_t>(declare);
+        begun = {static_cast<char>(length >> 24), static_cast<char>(length >> 16),
+                 static_cast<char>(length >> 8), static_cast<char>(length)};
+        begun += std::string(static_cast<size_t>(send), '\0');
+    }
+    // A link the daemon closed within this of its opening was refused, not
+    // ended at a time-out.
+    constexpr auto kRefusedWithin = std::chrono::milliseconds(500);
+    using Clock = std::chrono::steady_clock;
+    std::vector<emu::UniqueFd> links;
+    std::vector<Clock::time_point> opened;
+    for (long long i = 0; i < count; ++i) {
+        emu::UniqueFd fd = emu::ConnectUnix(SocketFor(settings_.device));
+        if (!fd.Valid()) {
+            std::fprintf(stderr, "orv-host: link %lld cannot be opened: %s\n", i,
+                         std::strerror(errno));
+            break;
+        }
+        if (!begun.empty()) {
+            (void)::send(fd.Get(), begun.data(), begun.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+        links.push_back(std::move(fd));
+        opened.push_back(Clock::now());
+    }
+    size_t refused = 0;
+    size_t ended = 0;
+    size_t open = links.size();
+    const auto until = Clock::now() + std::chrono::milliseconds(holdMs);
+    while (open > 0 && (holdMs == 0 || Clock::now() < until)) {
+        std::vector<pollfd> polled;
+        for (const emu::UniqueFd& fd : links) {
+            polled.push_back(pollfd{fd.Get(), POLLIN, 0});
+        }
+        if (::poll(polled.data(), polled.size(), 100) <= 0) {
+            continue;
+        }
+        for (size_t i = 0; i < links.size(); ++i) {
+            char byte;
+            if (links[i].Valid() && polled[i].revents != 0 &&
+                ::recv(links[i].Get(), &byte, 1, MSG_DONTWAIT) <= 0) {
+                (Clock::now() - opened[i] < kRefusedWithin ? refused : ended) += 1;
+                links[i].Reset();
+                --open;
+            }
+        }
+    }
+    PrintEvent("links", std::to_string(links.size()) + " opened, " + std::to_string(refused) +
+                            " refused at once, " + std::to_string(ended) + " ended while held, " +
+                            std::to_string(open) + " open at the end");
+    return kExitOk;
 }
 
 int HostCommands::RunSession(std::istream& script) {

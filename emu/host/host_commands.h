@@ -55,6 +55,13 @@ class HostCommands {
     // prints what comes back. Throws UsageError.
     int RunFrame(const std::vector<std::string>& args);
 
+    // Opens args[0] links at once, sends on each the first --send K bytes of
+    // a frame announcing --declare N bytes (nothing without --declare),
+    // holds them --hold MS (0: until the daemon has closed every one), and
+    // prints how many the daemon refused at once and how many it ended
+    // while they were held. Throws UsageError.
+    int RunLinks(const std::vector<std::string>& args);
+
     // Runs the steps of `script`, one per line, on links it opens by name;
     // stops at the first step that fails. Throws UsageError.
     int RunSession(std::istream& script);

@@ -40,6 +40,10 @@ Requests (each on a link of its own; the matching reply is awaited and printed):
 Malformed input:
   frame --declare N [--send K]  a frame header announcing N bytes, then K bytes (default N) of zeros
   frame --garbage N             a frame of N random bytes
+  links COUNT [--declare N] [--send K] [--hold MS]
+                              COUNT links at once, each sending the first K bytes of a frame
+                              announcing N bytes (nothing without --declare), held MS ms (0: until
+                              the daemon ends them); prints how many it refused and how many it ended
 Several links:
   session [FILE]              run the steps of FILE (or standard input), one per line:
                                 open NAME [--device D]
@@ -68,6 +72,9 @@ int Dispatch(HostCommands& commands, const std::string& command,
              const std::vector<std::string>& rest) {
     if (command == "frame") {
         return commands.RunFrame(rest);
+    }
+    if (command == "links") {
+        return commands.RunLinks(rest);
     }
     if (command == "session") {
         if (rest.empty() || rest[0] == "-") {

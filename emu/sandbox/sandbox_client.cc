@@ -383,14 +383,27 @@ size_t DescriptorCount(pid_t pid) {
     return EntriesIn("/proc/" + std::to_string(pid) + "/fd");
 }
 
-size_t ResidentKb(pid_t pid) {
+namespace {
+
+// A "Name:  N kB" line of /proc/<pid>/status.
+size_t StatusKb(pid_t pid, const std::string& name) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            return std::stoul(line.substr(6));
+        if (line.compare(0, name.size(), name) == 0) {
+            return std::stoul(line.substr(name.size()));
         }
     }
     return 0;
+}
+
+}  // namespace
+
+size_t ResidentKb(pid_t pid) {
+    return StatusKb(pid, "VmRSS:");
+}
+
+size_t PeakResidentKb(pid_t pid) {
+    return StatusKb(pid, "VmHWM:");
 }
 
 }  // namespace orv::emu

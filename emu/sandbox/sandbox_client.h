@@ -114,6 +114,8 @@ std::vector<SandboxProcess> ProcessStates(const std::string& ns);
 size_t ThreadCount(pid_t pid);
 size_t DescriptorCount(pid_t pid);
 size_t ResidentKb(pid_t pid);
+// The most resident memory (KiB) the process has had, as the kernel counts it.
+size_t PeakResidentKb(pid_t pid);
 
 }  // namespace orv::emu
 

@@ -452,5 +452,211 @@ TEST_F(HostilePeerTest, NoDescriptorOfTheDaemonLeaksIntoASubProcess) {
     }
 }
 
+// Local processes that open links and leave a frame half sent, or send
+// nothing: each holds at most its share of a device's links, the last slots
+// stay for processes that hold none, the daemon holds only what arrived, and
+// each link ends at its time-out.
+TEST_F(HostilePeerTest, HalfSentLinksAreCappedPerProcessCostWhatArrivedAndEndInTime) {
+    Boot(
+        {"--env", "ORV_EMU_HDC_FIRST_FRAME_MS=2000", "--env", "ORV_EMU_HDC_PARTIAL_FRAME_MS=8000"});
+    const pid_t daemon = test::DaemonPid(sandbox_);
+    const size_t residentBefore = test::ResidentKb(daemon);
+    // A link that sends nothing ends at its first-frame time-out.
+    auto silent = Link();
+    ASSERT_NE(silent, nullptr);
+    HDCMessage nothing;
+    EXPECT_EQ(silent->Next(&nothing, 10s), host::Received::kClosed);
+    EXPECT_TRUE(sandbox_.Log().WaitFor("sent no request within its first-frame time-out", 5s));
+    silent.reset();
+    // Four processes of the card, each with 300 links that announce 1 MiB
+    // and send 16 bytes of it.
+    std::vector<std::string> reports(4);
+    std::vector<std::thread> attackers;
+    for (std::string& report : reports) {
+        attackers.emplace_back([this, &report] {
+            sandbox_.Enter({test::BinDir() + "/orv-host", "links", "300", "--declare", "1048576",
+                            "--send", "16", "--hold", "12000"},
+                           &report);
+        });
+    }
+    EXPECT_TRUE(
+        sandbox_.Log().WaitFor("refused: it holds 256 connections, the most one process may", 10s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("are kept for processes that hold none", 10s));
+    // While they hold their links: a host that holds none is served, and the
+    // daemon holds far less than the megabyte each link announced.
+    NewcomerIsServed(1500);
+    EXPECT_LT(test::ResidentKb(daemon), residentBefore + 64 * 1024);
+    for (std::thread& attacker : attackers) {
+        attacker.join();
+    }
+    size_t ended = 0;
+    for (const std::string& report : reports) {
+        size_t opened = 0;
+        size_t refused = 0;
+        size_t endedHere = 0;
+        ASSERT_EQ(std::sscanf(report.c_str(), "[links] %zu opened, %zu refused at once, %zu ended",
+                              &opened, &refused, &endedHere),
+                  3)
+            << report;
+        EXPECT_LE(endedHere, 256u) << report;
+        ended += endedHere;
+    }
+    EXPECT_LE(ended, 1024u - 64u + 4u) << "the reserve was taken";
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "left a frame half sent for longer than the partial-frame time-out"));
+    NewcomerIsServed(1501);
+}
+
+// A frame that would parse into far more than its size (a version handshake
+// with hundreds of thousands of features), or a handshake announcing more
+// features than the transport keeps, ends its link unparsed and unkept.
+TEST_F(HostilePeerTest, AVersionHandshakeBeyondItsBoundsEndsItsLink) {
+    Boot();
+    const pid_t daemon = test::DaemonPid(sandbox_);
+    const size_t peakBefore = test::PeakResidentKb(daemon);
+    struct Case {
+        size_t features;
+        size_t bytesEach;
+        std::string refusal;
+    };
+    const Case cases[] = {
+        {300000, 1, "it holds more than 4096 fields"},
+        {300, 10, "announces 300 features in 3000 bytes, more than 256 in 16384"},
+        {2, 16000, "announces 2 features in 32000 bytes, more than 256 in 16384"},
+    };
+    for (const Case& c : cases) {
+        HDCMessage handshake;
+        handshake.set_type(HDCMessage::TEST_HDC_SEND);
+        auto* list = handshake.mutable_version_info()->add_feature_list();
+        list->set_msg_type(HDCMessage::ORV_START_PROC_MSG);
+        for (size_t i = 0; i < c.features; ++i) {
+            list->add_feature(std::string(c.bytesEach, 'f'));
+        }
+        auto link = Link();
+        ASSERT_NE(link, nullptr);
+        ASSERT_TRUE(link->Send(handshake));
+        HDCMessage reply;
+        EXPECT_EQ(link->Next(&reply, 10s), host::Received::kClosed) << c.refusal;
+        EXPECT_TRUE(sandbox_.Log().WaitFor(c.refusal, 5s));
+    }
+    EXPECT_LT(test::PeakResidentKb(daemon), peakBefore + 16 * 1024);
+    // An honest handshake is answered as ever.
+    std::string output;
+    EXPECT_EQ(Host(sandbox_, {"test"}, &output), 0) << output;
+    NewcomerIsServed(1510);
+}
+
+// A start names its VF: one the driver never created, or has destroyed, gets
+// code 1 and why, before anything is forked or its quota is touched.
+TEST_F(HostilePeerTest, AStartOnAVfThatDoesNotExistIsRefusedBeforeAnythingIsMade) {
+    Boot({"--env", "AICPU_MAX_NUM=1"});
+    auto startOnVf5 = [this](uint32_t hostPid, HDCMessage* reply) {
+        auto link = Link();
+        HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, hostPid);
+        start.set_vf_id(5);
+        return link != nullptr && link->Send(start) &&
+               link->Await(HDCMessage::ORV_START_PROC_RSP, reply, 10s) == host::Received::kMessage;
+    };
+    HDCMessage reply;
+    ASSERT_TRUE(startOnVf5(1600, &reply));
+    EXPECT_EQ(reply.orv_rsp_code(), 1u);
+    EXPECT_THAT(reply.error_info().message(),
+                HasSubstr("vfId[5] does not exist: the driver has not created it"));
+    EXPECT_TRUE(sandbox_.Log().Contains("for hostPid[1600] on deviceId[0] vfId[5] refused"));
+    EXPECT_THAT(OfKind(kCompute), IsEmpty());
+
+    std::string output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "create", "5"}, &output), 0) << output;
+    ASSERT_THAT(output, HasSubstr("0\n"));
+    {
+        // The quota of one is whole: the refused start took nothing of it.
+        auto link = Link();
+        ASSERT_NE(link, nullptr);
+        HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, 1601);
+        start.set_vf_id(5);
+        ASSERT_EQ(Ask(*link, start, HDCMessage::ORV_START_PROC_RSP), 0);
+        HDCMessage close = Request(HDCMessage::ORV_CLOSE_PROC_MSG, 1601);
+        close.set_vf_id(5);
+        ASSERT_EQ(Ask(*link, close, HDCMessage::ORV_CLOSE_PROC_RSP), 0);
+    }
+    ASSERT_EQ(EmuCtl(sandbox_, {"vf", "destroy", "5"}, &output), 0) << output;
+    ASSERT_TRUE(startOnVf5(1602, &reply));
+    EXPECT_EQ(reply.orv_rsp_code(), 1u);
+}
+
+// A queue scheduler is granted only a buffer group of its own tenant (device
+// and VF), or one of the card's own, which every tenant shares.
+TEST_F(HostilePeerTest, AQueueSchedulerIsGrantedOnlyAGroupOfItsOwnTenant) {
+    Boot({"--vfs", "1,2"});
+    std::string output;
+    ASSERT_EQ(
+        EmuCtl(sandbox_, {"group", "create", "VF2GRP", "--device", "0", "--vf", "2"}, &output), 0)
+        << output;
+    ASSERT_EQ(EmuCtl(sandbox_, {"group", "create", "SHARED"}, &output), 0) << output;
+    struct Case {
+        uint32_t hostPid;
+        int32_t vf;
+        const char* group;
+        uint32_t code;
+    };
+    const Case cases[] = {
+        {1700, 1, "VF2GRP", 1},
+        {1701, 2, "VF2GRP", 0},
+        {1702, 1, "SHARED", 0},
+    };
+    std::vector<std::unique_ptr<host::HostLink>> links;
+    for (const Case& c : cases) {
+        links.push_back(Link());
+        ASSERT_NE(links.back(), nullptr);
+        HDCMessage start = Request(HDCMessage::ORV_START_QS_MSG, c.hostPid);
+        start.set_vf_id(c.vf);
+        start.mutable_qs_init_group_name()->set_qs_init_group_name(c.group);
+        HDCMessage reply;
+        ASSERT_TRUE(links.back()->Send(start));
+        ASSERT_EQ(links.back()->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s),
+                  host::Received::kMessage);
+        EXPECT_EQ(reply.orv_rsp_code(), c.code) << c.hostPid;
+        if (c.code != 0) {
+            EXPECT_THAT(reply.error_info().message(),
+                        HasSubstr("buffer group [VF2GRP] belongs to device 0 VF 2, not to device "
+                                  "0 VF 1"));
+        }
+    }
+    std::vector<StandinRecord> queues = OfKind(3);
+    ASSERT_EQ(queues.size(), 2u);
+    std::vector<std::string> granted;
+    for (const StandinRecord& queue : queues) {
+        granted.insert(granted.end(), queue.groups.begin(), queue.groups.end());
+    }
+    EXPECT_THAT(granted, ::testing::UnorderedElementsAre("VF2GRP 15", "SHARED 15"));
+}
+
+// A kernel time-out's clean-up, which may wait seconds for a start worker,
+// runs off the device's event worker: another session's reports on that
+// device are handled meanwhile.
+TEST_F(HostilePeerTest, AKernelTimeOutsCleanUpHoldsUpNoOtherSessionsEvents) {
+    Boot({"--env", "AICPU_ADD_BUFFERGROUP=1"});
+    Standin("zarn", "kernel-timeout", 0);
+    std::string output;
+    // The first session's compute start worker waits 5 s for the driver.
+    ASSERT_EQ(EmuCtl(sandbox_, {"slow", "halGrpQuery", "5000", "1"}, &output), 0) << output;
+    auto first = Link();
+    ASSERT_NE(first, nullptr);
+    HDCMessage start = Request(HDCMessage::ORV_START_PROC_MSG, 1800);
+    start.set_start_zarn(true);
+    ASSERT_TRUE(first->Send(start));
+    ASSERT_TRUE(sandbox_.Log().WaitFor("] type[4]", 10s)) << "no kernel time-out came";
+    auto second = Link();
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(
+        Ask(*second, Request(HDCMessage::ORV_START_PROC_MSG, 1801), HDCMessage::ORV_START_PROC_RSP),
+        0);
+    ASSERT_TRUE(sandbox_.Log().WaitFor("fmkPid[1800] rankSize[0] AbnormalMsgProc begin.", 15s));
+    std::string missing;
+    EXPECT_TRUE(sandbox_.Log().InOrder({"sessId[2] fmkPid[1801] vfId[0] SendRspMsgToFmk",
+                                        "fmkPid[1800] rankSize[0] AbnormalMsgProc begin."},
+                                       &missing))
+        << "the second session was answered only after the first's clean-up: " << missing;
+}
 }  // namespace
 }  // namespace orv

@@ -3,6 +3,7 @@
 // send-package, VF changes with orv-emu-ctl.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "emu/host/host_request.h"
 #include "tests/support/test_support.h"
 
 namespace orv {
@@ -892,6 +894,164 @@ TEST_F(PackageTest, SubProcessesInheritNoDescriptorOfThePackageWatchers) {
     }
     host.join();
     EXPECT_THAT(inherited, ::testing::IsEmpty());
+}
+
+// A file far longer than any kernel package (3 GiB, sparse) is refused from
+// its length: nothing is copied, and its VF's queries and packages go on.
+TEST_F(PackageTest, AFileLongerThanAnyPackageIsRefusedBeforeItIsRead) {
+    Boot({"--vfs", "1"});
+    const std::string name = "7_" + std::string(kArchiveName);
+    const std::string path = Inside("/home/hdc-trusted/dev0/vfid1/") + name;
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, off_t{3} << 30), 0);
+    close(fd);
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "[PackageWorker] Refused package[/home/hdc-trusted/dev0/vfid1/" + name +
+            "]: it is 3221225472 bytes long, more than the " + "134217728 a kernel package may be.",
+        10s));
+    EXPECT_TRUE(test::WaitFor([&] { return !Exists(path); }, 5s));
+    EXPECT_FALSE(Exists(Inside("/home/QelvarUser/aicpu_kernels/vf1_") + name)) << "it was moved";
+    EXPECT_EQ(CheckCode(1), 0u);
+    std::string package = MakePackage(kPackageName);
+    Deliver(package, {"--vf", "1"});
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode(1) == SizeOf(package); }, 10s));
+}
+
+// The text a package brings is read within bounds: a line or a version.info
+// beyond them refuses the package, and the daemon never holds the excess.
+TEST_F(PackageTest, AVersionInfoBeyondItsBoundsRefusesThePackage) {
+    Boot();
+    const pid_t daemon = test::DaemonPid(sandbox_);
+    const size_t peakBefore = test::PeakResidentKb(daemon);
+    const std::string nameLine = std::string("Name=") + kArchiveName + "\n";
+    std::string manyLines;
+    for (int i = 0; i < 2000; ++i) {
+        manyLines += "Key" + std::to_string(i) + "=value\n";
+    }
+    struct Case {
+        std::string versionInfo;
+        std::string reason;
+    };
+    const Case cases[] = {
+        {nameLine + "Build=" + std::string(64u << 20, 'x') + "\n",
+         "in its version.info a line is longer than 4096 bytes."},
+        {nameLine + manyLines, "in its version.info it has more than 1024 lines."},
+    };
+    int number = 8;
+    for (const Case& c : cases) {
+        const std::string name = std::to_string(number++) + "_" + kArchiveName;
+        std::string package = MakeFromDir(name, [&c](const std::string& dir) {
+            WriteSoundTree(dir, "bounded", 100);
+            test::WriteFile(dir + "/aicpu_kernels_device/version.info", c.versionInfo);
+        });
+        Deliver(package);
+        EXPECT_TRUE(sandbox_.Log().WaitFor(
+            "[PackageWorker] Refused package[/home/QelvarUser/aicpu_kernels/vf0_" + name +
+                "]: " + c.reason,
+            30s))
+            << c.reason;
+    }
+    EXPECT_EQ(CheckCode(), 0u);
+    EXPECT_LT(test::PeakResidentKb(daemon), peakBefore + 32 * 1024) << "the daemon held the text";
+}
+
+// Whatever another process plants where a package waits, or in the place of
+// the directory where packages wait, is removed: it fails no install.
+TEST_F(PackageTest, PathsPlantedWherePackagesWaitBlockNoInstall) {
+    Boot();
+    PlantVictim();
+    const std::string staging = Inside("/home/QelvarUser/aicpu_kernels");
+    const std::string waiting = staging + "/vf0_" + kPackageName;
+    ASSERT_EQ(mkdir(staging.c_str(), 0750), 0);
+    ASSERT_EQ(mkdir(waiting.c_str(), 0755), 0);
+    test::WriteFile(waiting + "/inside", "planted");
+    std::string first = MakePackage(kPackageName);
+    Deliver(first);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(first); }, 10s));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        std::string("[PackageWorker] [/home/QelvarUser/aicpu_kernels/vf0_") + kPackageName +
+        "] is taken by a directory the daemon did not leave there: it is removed."));
+
+    const std::map<std::string, std::string> before = Untouchable();
+    test::RemoveTree(staging);
+    ASSERT_EQ(symlink("/home/victim/dir", staging.c_str()), 0);
+    std::string second = MakeFromDir("6_" + std::string(kArchiveName), [](const std::string& dir) {
+        WriteSoundTree(dir, "second", 300);
+    });
+    Deliver(second);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(second); }, 10s));
+    EXPECT_TRUE(
+        sandbox_.Log().Contains("[PackageWorker] Staging directory "
+                                "[/home/QelvarUser/aicpu_kernels] is not a directory: it "
+                                "is removed and made anew."));
+    EXPECT_EQ(Untouchable(), before) << "a package went where the planted link led";
+}
+
+// Out of descriptors, an honest package is left where it was dropped; once
+// descriptors are there again, it is tried again and installed.
+TEST_F(PackageTest, APackageDroppedWhileTheDaemonIsOutOfDescriptorsIsInstalledLater) {
+    Boot();
+    const pid_t daemon = test::DaemonPid(sandbox_);
+    std::string package = MakePackage(kPackageName);
+    rlimit saved{};
+    ASSERT_EQ(prlimit(daemon, RLIMIT_NOFILE, nullptr, &saved), 0);
+    // Every descriptor number a new one could take is past the limit.
+    rlimit none{3, saved.rlim_max};
+    ASSERT_EQ(prlimit(daemon, RLIMIT_NOFILE, &none, nullptr), 0);
+    Deliver(package);
+    bool shortage = sandbox_.Log().WaitFor("it stays where it is and is tried again.", 10s);
+    ASSERT_EQ(prlimit(daemon, RLIMIT_NOFILE, &saved, nullptr), 0);
+    EXPECT_TRUE(shortage);
+    EXPECT_TRUE(test::WaitFor([&] { return CheckCode() == SizeOf(package); }, 20s))
+        << "the package was lost";
+    EXPECT_TRUE(sandbox_.Log().Contains("is tried again in"));
+}
+
+// An install holds nothing a query, a start or the daemon's stop needs: they
+// get the check code last published while it runs, and the stop ends it,
+// leaving the kernels installed before.
+TEST_F(PackageTest, QueriesStartsAndTheStopGoOnWhileAnInstallRuns) {
+    Boot();
+    std::string first = MakeFromDir("1_" + std::string(kArchiveName), [](const std::string& dir) {
+        WriteSoundTree(dir, "first", 100);
+    });
+    Deliver(first);
+    const uint32_t code = static_cast<uint32_t>(SizeOf(first));
+    ASSERT_TRUE(test::WaitFor([&] { return CheckCode() == code; }, 10s));
+    std::string output;
+    // The second install's verification answers late, for seconds.
+    ASSERT_EQ(EmuCtl(sandbox_, {"slow", "halVerifyImg", "6000", "1"}, &output), 0) << output;
+    const size_t installs = sandbox_.Log().Count("Move dynamic link so to sand box success.");
+    const std::string secondName = "2_" + std::string(kArchiveName);
+    std::string second =
+        MakeFromDir(secondName, [](const std::string& dir) { WriteSoundTree(dir, "second", 300); });
+    Deliver(second);
+    ASSERT_TRUE(sandbox_.Log().WaitFor("file[" + secondName + "] to dstFile", 10s));
+    EXPECT_EQ(CheckCode(), code);
+    auto link = test::HoldLink(sandbox_);
+    ASSERT_NE(link, nullptr);
+    ASSERT_TRUE(link->Send(
+        host::BuildRequest("start",
+                           host::Words("--pid 60 --cp --check-code " + std::to_string(code)), 0)
+            .msg));
+    HDCMessage reply;
+    ASSERT_EQ(link->Await(HDCMessage::ORV_START_PROC_RSP, &reply, 10s), host::Received::kMessage);
+    EXPECT_EQ(reply.orv_rsp_code(), 0u);
+    EXPECT_EQ(sandbox_.Log().Count("Move dynamic link so to sand box success."), installs)
+        << "the install was over before the query and the start were answered";
+    link.reset();
+    EXPECT_EQ(sandbox_.Stop(30s), 0);
+    EXPECT_THAT(test::ReadFile(InstalledPath("0/aicpu_kernels_device/version.info")),
+                HasSubstr("Build=first"));
+    EXPECT_TRUE(sandbox_.Log().Contains(
+        "[PackageWorker] Package[/home/QelvarUser/aicpu_kernels/vf0_" + secondName));
+    EXPECT_TRUE(sandbox_.Log().Contains("the install was stopped."));
+    EXPECT_TRUE(Exists(Inside("/home/hdc-trusted/dev0/") + secondName))
+        << "the package is not back where it was dropped";
+    for (const auto& entry : Snapshot(InstalledPath(""), {})) {
+        EXPECT_EQ(entry.first.find(".new-"), std::string::npos) << entry.first << " was left";
+    }
 }
 }  // namespace
 }  // namespace orv

@@ -127,7 +127,9 @@ class NotifyListener {
 };
 
 using emu::DescriptorCount;
+using emu::PeakResidentKb;
 using emu::ProcessesInNamespace;
+using emu::ResidentKb;
 using emu::RunProgram;
 using emu::StandinRecord;
 using emu::StillInNamespace;
