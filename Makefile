@@ -9,7 +9,7 @@ CMAKE_FLAGS ?=
 TEST_JOBS ?= 12
 SAN_TEST_JOBS ?= 8
 
-.PHONY: all build deps test lint format test-asan test-tsan soak fuzz demo emulate bench card card-test package clean
+.PHONY: all build deps test lint format test-asan test-tsan soak fuzz demo emulate bench bench-hostile card card-test package clean
 
 all: build
 
@@ -31,6 +31,12 @@ demo: build
 bench: build
 	@tools/install-deps.sh base bench
 	@$(BUILD_DIR)/bin/orv-bench all
+
+# Honest hosts served while every attack runs at once, against the same load
+# undisturbed (bench/README.md); BENCH_SECONDS each.
+BENCH_SECONDS ?= 60
+bench-hostile: build
+	@$(BUILD_DIR)/bin/orv-bench-hostile --seconds $(BENCH_SECONDS)
 
 emulate: build
 	@tools/emulate.sh $(BUILD_DIR)

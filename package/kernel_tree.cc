@@ -334,7 +334,7 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
         } else if (status == kChildCancelled) {
             *reason = "the install was stopped";
         } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) {
-            *reason = "it uncompresses to more than " + std::to_string(limits::kMaxArchiveBytes) +
+            *reason = "it uncompresses to more than " + std::to_string(control->maxArchiveBytes) +
                       " bytes";
         } else {
             *reason = failure + code;
@@ -343,7 +343,7 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
     };
     ChildOptions options;
     options.cancel = control->cancel;
-    options.maxFileBytes = limits::kMaxArchiveBytes;
+    options.maxFileBytes = control->maxArchiveBytes;
     if (!Rewind(packageFd, reason)) {
         return false;
     }

@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 #include "platform/orv_limits.h"
@@ -29,6 +30,8 @@ inline constexpr size_t kMaxPackageMembers = limits::kMaxPackageMembers;
 struct UnpackControl {
     // Set while the unpack runs: it stops at once, and fails.
     const std::atomic<bool>* cancel = nullptr;
+    // What the archive may uncompress to.
+    uint64_t maxArchiveBytes = limits::kMaxArchiveBytes;
     // Set by a failure that may pass (descriptors, memory or room ran short),
     // as opposed to one of the package.
     bool shortage = false;
@@ -65,7 +68,7 @@ class StagedKernels {
 // Unpacks the gzip-compressed tar archive read from `packageFd` (from its
 // start) into the empty directory `dir`, then checks the tree (CheckKernelTree).
 // False, with the reason, when the archive uncompresses to more than
-// limits::kMaxArchiveBytes, names a member with an absolute path or "..",
+// control->maxArchiveBytes, names a member with an absolute path or "..",
 // when gzip or tar fails, or when the tree fails the check.
 bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
                    UnpackControl* control);

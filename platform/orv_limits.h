@@ -24,11 +24,13 @@ inline constexpr uint32_t kMaxFrameBytes = 1048576;
 // Links one device serves at once, each on a thread of its own: far above
 // what the hosts of one device open (a host process holds one).
 inline constexpr size_t kMaxLinksPerDevice = 1024;
-// Links one local process may hold on one device: a host process needs one,
-// a host-side tool driving many host processes a few hundred at most.
+// Links one process of the card may hold on one device: a host process
+// needs one, a tool driving many host processes a few hundred at most.
+// Hosts reaching the emulated card from outside it are bounded by the
+// device's total only.
 inline constexpr size_t kMaxLinksPerPeer = 256;
 // The last slots of a device go only to processes that hold no link on it
-// yet, so that processes filling the device never lock a new host out.
+// yet, so that the card's processes filling it never lock a new host out.
 inline constexpr size_t kLinksReservedForNewPeers = 64;
 // A link must send its first whole frame within this; one that sends nothing
 // holds a slot and a thread for nothing.
@@ -41,7 +43,8 @@ inline constexpr std::chrono::milliseconds kPartialFrameTimeout(10000);
 inline constexpr std::chrono::milliseconds kReplyWriteTimeout(2000);
 // Frames up to this size are read at once; bigger ones first take their
 // length from a process-wide budget, so that many links sending big frames
-// at once cannot make the process hold them all.
+// at once cannot make the process hold them all. A big frame that finds no
+// room ends its link (honest frames are a few hundred bytes).
 inline constexpr uint32_t kSmallFrameBytes = 4096;
 inline constexpr size_t kFrameBudgetBytes = 16u << 20;
 // Fields a frame may hold, nested ones included: each costs a parsed message

@@ -176,8 +176,9 @@ bool WriteFrameWithin(int fd, const std::string& payload, std::chrono::milliseco
 
 namespace {
 
-// Bytes a read asks for at most: a payload grows by this much ahead of what
-// arrived, no more.
+// A payload grows ahead of what arrived by as much as arrived already, at
+// least the first of these and at most the second.
+constexpr size_t kFirstReadChunk = 4096;
 constexpr size_t kReadChunk = 65536;
 
 enum class Wait { kReady, kTimedOut, kError };
@@ -266,7 +267,8 @@ FrameStatus ReadFrame(int fd, std::string* payload, const FrameLimits& limits) {
     }
     while (payload->size() < length) {
         size_t before = payload->size();
-        size_t want = std::min<size_t>(length - before, kReadChunk);
+        size_t want =
+            std::min<size_t>(length - before, std::clamp(before, kFirstReadChunk, kReadChunk));
         payload->resize(before + want);
         ssize_t n =
             ReadSome(fd, payload->data() + before, want, deadline, FrameStatus::kStalled, &status);

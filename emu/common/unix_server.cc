@@ -34,6 +34,12 @@ bool UnixServer::Start() {
     if (!listenFd_.Valid()) {
         return false;
     }
+    try {
+        reaper_ = std::thread([this] { Reap(); });
+    } catch (const std::system_error&) {
+        errno = EAGAIN;
+        return false;
+    }
     MutexLock lock(&mutex_);
     for (size_t i = 0; i < spares_; ++i) {
         if (!Spawn() && i == 0) {
@@ -45,7 +51,6 @@ bool UnixServer::Start() {
 }
 
 bool UnixServer::Spawn() {
-    ReapFinished();
     auto worker = std::make_unique<Worker>();
     Worker* raw = worker.get();
     try {
@@ -102,19 +107,50 @@ void UnixServer::Work(Worker* self) {
             servingByPeer_.erase(peer);
         }
         if (stopping_.load() || waiting_ >= spares_) {
-            self->done.store(true);
+            Finished(self);
             return;
         }
         ++waiting_;
     }
     MutexLock lock(&mutex_);
     --waiting_;
+    Finished(self);
+}
+
+void UnixServer::Finished(Worker* self) {
     self->done.store(true);
+    ++finished_;
+    finishedChanged_.Signal();
+}
+
+void UnixServer::Reap() {
+    for (;;) {
+        std::list<std::unique_ptr<Worker>> finished;
+        {
+            MutexLock lock(&mutex_);
+            while (finished_ == 0 && !reaperStopping_) {
+                finishedChanged_.Wait();
+            }
+            if (finished_ == 0) {
+                return;
+            }
+            TakeFinished(&finished);
+            finished_ = 0;
+        }
+        // Outside the lock: a thread that ended may still be on its way out.
+        JoinAll(finished);
+    }
 }
 
 std::string UnixServer::Refusal(pid_t peer) const {
     if (limits_.total != 0 && serving_ >= limits_.total) {
         return "all " + std::to_string(limits_.total) + " connections are taken";
+    }
+    if (peer <= 0) {
+        // A process the server cannot name, outside its PID namespace: on
+        // the emulated card, a host on the PC. Hosts are bounded by the total
+        // only; the shares and the reserve are against the card's own.
+        return "";
     }
     auto held = servingByPeer_.find(peer);
     size_t own = held != servingByPeer_.end() ? held->second : 0;
@@ -129,13 +165,20 @@ std::string UnixServer::Refusal(pid_t peer) const {
     return "";
 }
 
-void UnixServer::ReapFinished() {
+void UnixServer::TakeFinished(std::list<std::unique_ptr<Worker>>* finished) {
     for (auto it = workers_.begin(); it != workers_.end();) {
+        auto next = std::next(it);
         if ((*it)->done.load()) {
-            (*it)->thread.join();
-            it = workers_.erase(it);
-        } else {
-            ++it;
+            finished->splice(finished->end(), workers_, it);
+        }
+        it = next;
+    }
+}
+
+void UnixServer::JoinAll(std::list<std::unique_ptr<Worker>>& workers) {
+    for (auto& worker : workers) {
+        if (worker->thread.joinable()) {
+            worker->thread.join();
         }
     }
 }
@@ -157,12 +200,13 @@ void UnixServer::Stop() {
             }
         }
         workers.swap(workers_);
+        reaperStopping_ = true;
+        finishedChanged_.Signal();
     }
-    for (auto& worker : workers) {
-        if (worker->thread.joinable()) {
-            worker->thread.join();
-        }
+    if (reaper_.joinable()) {
+        reaper_.join();
     }
+    JoinAll(workers);
     listenFd_.Reset();
 }
 

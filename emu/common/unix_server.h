@@ -2,7 +2,7 @@
 // The threads wait for connections themselves: a few spare ones sit in
 // accept, so that a client that connects is served by a thread already
 // running, and a thread whose connection ends goes back to waiting while
-// spares are missing.
+// spares are missing; otherwise it ends, and a reaper thread joins it.
 #ifndef ORV_EMU_COMMON_UNIX_SERVER_H
 #define ORV_EMU_COMMON_UNIX_SERVER_H
 
@@ -25,8 +25,11 @@ namespace orv::emu {
 // beyond a bound is closed as soon as it is accepted, and `refused` (when
 // set) is told why.
 struct ConnectionLimits {
-    size_t total = 0;    // 0: no limit
-    size_t perPeer = 0;  // connections of one process (by its credentials); 0: no limit
+    size_t total = 0;  // 0: no limit
+    // Connections of one process (by its credentials); 0: no limit. A process
+    // the server cannot name (outside its PID namespace) is bounded by the
+    // total only.
+    size_t perPeer = 0;
     // Once this few slots are left, only a process holding no connection yet
     // gets one.
     size_t reservedForNewPeers = 0;
@@ -68,8 +71,16 @@ class UnixServer {
     void Work(Worker* self);
     // Starts one more waiting thread. False when no thread can be made.
     bool Spawn() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
-    // Joins the threads that have ended.
-    void ReapFinished() EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // A thread's last act: it is done, for the reaper to join.
+    void Finished(Worker* self) EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    // Body of the reaper thread: joins the threads that have ended as they
+    // end, so that their stacks go back at once.
+    void Reap() LOCKS_EXCLUDED(mutex_);
+    // Moves the threads that have ended out of workers_, to be joined
+    // outside the lock (JoinAll).
+    void TakeFinished(std::list<std::unique_ptr<Worker>>* finished)
+        EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+    static void JoinAll(std::list<std::unique_ptr<Worker>>& workers);
     // Why a connection of `peer` may not be served now; empty when it may.
     std::string Refusal(pid_t peer) const EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
@@ -87,6 +98,11 @@ class UnixServer {
     size_t waiting_ GUARDED_BY(mutex_) = 0;
     size_t serving_ GUARDED_BY(mutex_) = 0;
     std::map<pid_t, size_t> servingByPeer_ GUARDED_BY(mutex_);
+    // Threads that ended since the reaper last looked.
+    size_t finished_ GUARDED_BY(mutex_) = 0;
+    bool reaperStopping_ GUARDED_BY(mutex_) = false;
+    CondVar finishedChanged_{&mutex_};
+    std::thread reaper_;  // Start and Stop only
 };
 
 }  // namespace orv::emu

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -59,8 +60,8 @@ const std::vector<Feature>& LocalFeatures() {
 }
 
 // The bytes of big frames being read and handled at once, across every link
-// of the process: a link whose frame would pass the budget waits for room,
-// within its frame's time.
+// of the process. Honest frames are small and never need it; a big frame
+// that finds no room ends its link at once, so that nobody waits for room.
 class FrameBudget {
   public:
     static FrameBudget& Instance() {
@@ -68,29 +69,23 @@ class FrameBudget {
         return *budget;
     }
 
-    // Takes `bytes`, waiting until `deadline` for room; false when none came.
-    bool Take(size_t bytes, emu::Clock::time_point deadline) {
+    // Takes `bytes` if there is room for them.
+    bool TryTake(size_t bytes) {
         MutexLock lock(&mutex_);
-        while (inUse_ + bytes > limits::kFrameBudgetBytes) {
-            if (!freed_.WaitUntil(deadline) && emu::Clock::now() >= deadline) {
-                return false;
-            }
+        if (inUse_ + bytes > limits::kFrameBudgetBytes) {
+            return false;
         }
         inUse_ += bytes;
         return true;
     }
 
     void Give(size_t bytes) {
-        {
-            MutexLock lock(&mutex_);
-            inUse_ -= bytes;
-        }
-        freed_.SignalAll();
+        MutexLock lock(&mutex_);
+        inUse_ -= bytes;
     }
 
   private:
     Mutex mutex_;
-    CondVar freed_{&mutex_};
     size_t inUse_ GUARDED_BY(mutex_) = 0;
 };
 
@@ -387,11 +382,11 @@ void HdcServer::Impl::Serve(int fd, pid_t peer) {
     frames.startBy =
         emu::Clock::now() + LinkTimeout(emu::kHdcFirstFrameMsEnv, limits::kFirstFrameTimeout);
     frames.wholeWithin = LinkTimeout(emu::kHdcPartialFrameMsEnv, limits::kPartialFrameTimeout);
-    frames.admit = [&budgeted](uint32_t length, emu::Clock::time_point deadline) {
+    frames.admit = [&budgeted](uint32_t length, emu::Clock::time_point) {
         if (length <= limits::kSmallFrameBytes) {
             return true;
         }
-        if (!FrameBudget::Instance().Take(length, deadline)) {
+        if (!FrameBudget::Instance().TryTake(length)) {
             return false;
         }
         budgeted = length;
@@ -472,7 +467,7 @@ void HdcServer::Impl::LogEndOfLink(const HdcSession& session, pid_t peer,
             why = "it left a frame half sent for longer than the partial-frame time-out";
             break;
         case emu::FrameStatus::kNotAdmitted:
-            why = "its big frame found no room in the frame budget within its time-out";
+            why = "its big frame found no room in the frame budget";
             break;
         case emu::FrameStatus::kTooLong:
             why = "it announced a frame longer than the longest a link may send";

@@ -15,8 +15,11 @@ namespace orv::emu {
 
 namespace {
 
-// How long the board's thread lets changes gather before it writes them.
-constexpr std::chrono::milliseconds kSettle(5);
+// How long the board's thread lets changes gather before it writes them: at
+// most ten tables a second, however fast links come and go (a new file each
+// costs the file system more the more recently others were deleted), and
+// soon enough for a view that redraws every second.
+constexpr std::chrono::milliseconds kSettle(100);
 
 int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(

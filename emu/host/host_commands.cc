@@ -259,6 +259,10 @@ int HostCommands::RunLinks(const std::vector<std::string>& args) {
             }
         }
     }
+    // A hold lasts its time, whatever the daemon ended meanwhile.
+    if (holdMs != 0) {
+        std::this_thread::sleep_until(until);
+    }
     PrintEvent("links", std::to_string(links.size()) + " opened, " + std::to_string(refused) +
                             " refused at once, " + std::to_string(ended) + " ended while held, " +
                             std::to_string(open) + " open at the end");

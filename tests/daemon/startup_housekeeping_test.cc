@@ -84,6 +84,17 @@ TEST(StartupHousekeepingTest, EnvironmentScriptSetsOnlyExportLinesOfTheFirstTwen
     EXPECT_TRUE(log.Contains("[OrvDaemon] Finish load file and set env."));
 }
 
+TEST(StartupHousekeepingTest, AnEnvironmentScriptLineOverItsBoundIsSkipped) {
+    test::WriteFile("/var/orvdaemon_add_env_variable.sh",
+                    "export LONG=" + std::string(70000, 'v') + "\nexport AFTER=yes\n");
+    LogCapture log;
+    OrvDaemon::GetInstance()->LoadFileAndSetEnv();
+    EXPECT_EQ(getenv("LONG"), nullptr);
+    EXPECT_STREQ(getenv("AFTER"), "yes");
+    EXPECT_TRUE(log.Contains(
+        "[OrvDaemon] Skip a line of /var/orvdaemon_add_env_variable.sh longer than 65536 bytes."));
+}
+
 TEST(StartupHousekeepingTest, MissingEnvironmentScriptIsNotAnError) {
     LogCapture log;
     unlink("/var/orvdaemon_add_env_variable.sh");

@@ -1,11 +1,15 @@
 // The daemon's life in a booted sandbox, driven from outside as a user would:
 // orv-sandbox, orv-emu-ctl, sandbox.env and the system log.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/orv_limits.h"
 #include "tests/support/test_support.h"
 
 namespace orv {
@@ -65,6 +69,18 @@ TEST(LifecycleTest, BootRunsTheStartSequenceInOrderAndSigtermLeavesNothingBehind
     EXPECT_THAT(test::StillInNamespace(ns, inside), IsEmpty());
     EXPECT_NE(kill(daemon, 0), 0);
     EXPECT_NE(access((sandbox.StateDir() + "/sandbox.env").c_str(), F_OK), 0);
+}
+
+// The daemon may hold the descriptors its limits need: the service unit asks
+// for them, and the daemon raises its own soft limit as far as it may.
+TEST(LifecycleTest, TheDaemonMayHoldTheDescriptorsItsLimitsNeed) {
+    std::string unit = test::ReadFile(std::string(ORV_SOURCE_DIR) + "/app/orvdaemon.service.in");
+    EXPECT_THAT(unit, HasSubstr("\nLimitNOFILE=" + std::to_string(limits::kMaxDescriptors) + "\n"));
+    SandboxRun sandbox;
+    ASSERT_TRUE(sandbox.Boot({}));
+    rlimit limit{};
+    ASSERT_EQ(prlimit(test::DaemonPid(sandbox), RLIMIT_NOFILE, nullptr, &limit), 0);
+    EXPECT_EQ(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, limits::kMaxDescriptors));
 }
 
 TEST(LifecycleTest, TwoSandboxesSeeNeitherTheOthersProcessesNorFiles) {

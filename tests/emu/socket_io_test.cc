@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -79,5 +80,30 @@ TEST_F(FramingTest, EndOfStreamBetweenFramesIsAClosureAndInsideOneATruncation) {
     close(pair[0]);
 }
 
+// A reader pays for what arrives, never for what is announced; a frame must
+// begin, and end, within its time; its admission may refuse it.
+TEST_F(FramingTest, AFrameCostsWhatArrivedAndMustComeInTime) {
+    WriteRaw(Header(1u << 20) + "0123456789");
+    std::string payload;
+    FrameLimits limits;
+    limits.maxLength = 1u << 20;
+    limits.wholeWithin = std::chrono::milliseconds(100);
+    EXPECT_EQ(ReadFrame(fds_[0], &payload, limits), FrameStatus::kStalled);
+    EXPECT_EQ(payload, "0123456789");
+    EXPECT_LT(payload.capacity(), 256u << 10) << "room was taken for what was only announced";
+
+    limits.startBy = Clock::now() + std::chrono::milliseconds(100);
+    EXPECT_EQ(ReadFrame(fds_[0], &payload, limits), FrameStatus::kSilent);
+
+    WriteRaw(Header(5) + "hello");
+    limits.startBy = kNoDeadline;
+    uint32_t asked = 0;
+    limits.admit = [&asked](uint32_t length, Clock::time_point) {
+        asked = length;
+        return false;
+    };
+    EXPECT_EQ(ReadFrame(fds_[0], &payload, limits), FrameStatus::kNotAdmitted);
+    EXPECT_EQ(asked, 5u);
+}
 }  // namespace
 }  // namespace orv::emu

@@ -131,5 +131,38 @@ TEST_F(OrvEventServerTest, ExistingVfsAreFoundFromTheirCustomPrograms) {
     EXPECT_THAT(vfs, ::testing::ElementsAre(12, 2)) << "in the order ls lists them";
 }
 
+// The driver's notices run the VF scripts on a thread of their own, in order:
+// a worker hands them over and goes on; beyond the bound of those waiting, a
+// notice is answered -1 at once.
+TEST_F(OrvEventServerTest, DriverNoticesWaitOnAThreadOfTheirOwnWithinABound) {
+    test::LogCapture log;
+    ASSERT_EQ(server_->Init(1), 0u);
+    event_info notice;
+    std::memset(&notice, 0, sizeof(notice));
+    notice.event_id = EVENT_CCPU_CTRL_MSG;
+    notice.subevent_id = ORV_SUB_EVENT_VF_CREATE;
+    notice.msg_len = 16;
+    const uint32_t vf = 1;
+    std::memcpy(notice.msg + 4, &vf, sizeof(vf));
+    size_t refused = 0;
+    for (int i = 0; i < 100; ++i) {
+        refused += server_->ProcessEvent(notice) != 0 ? 1 : 0;
+    }
+    EXPECT_GE(refused, 100u - 64u - 2u);
+    EXPECT_TRUE(log.Contains("notices wait already; answered -1"));
+    EXPECT_TRUE(log.WaitFor("create_vf_config.sh 1", 5s)) << "none was handled";
+    EXPECT_TRUE(server_->VfExists(0));
+}
+
+// The VF listing is read for a bounded number of lines.
+TEST_F(OrvEventServerTest, TheVfListingIsReadForABoundedNumberOfLines) {
+    for (int i = 0; i < 4100; ++i) {
+        test::WriteFile("/var/aicpu_custom_runner" + std::to_string(100 + i), "");
+    }
+    test::LogCapture log;
+    std::vector<int> vfs;
+    EXPECT_TRUE(server_->CheckExistVf(vfs));
+    EXPECT_TRUE(log.Contains("The VF listing has more than 4096 lines: the rest is not read"));
+}
 }  // namespace
 }  // namespace orv

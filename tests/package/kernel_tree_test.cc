@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -133,5 +135,64 @@ TEST_F(KernelTreeTest, StagedKernelsTakeTheInstallDirectorysPlaceOrLeaveNoTrace)
     EXPECT_EQ(listing, "3\n") << "neither the refused tree nor the replaced one is left";
 }
 
+// A package made of `files` (name to content) with tar and gzip; its
+// descriptor, open for reading.
+int MakeArchive(const std::string& dir, const std::map<std::string, std::string>& files) {
+    std::string tree = dir + "/src";
+    mkdir(tree.c_str(), 0755);
+    for (const auto& [name, content] : files) {
+        test::WriteFile(tree + "/" + name, content);
+    }
+    std::string archive = dir + "/package.tar.gz";
+    if (test::RunProgram({"/bin/tar", "-czf", archive, "-C", tree, "."}) != 0) {
+        return -1;
+    }
+    return open(archive.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+// What a package may uncompress to is bounded: beyond, gzip is stopped and
+// the package refused, nothing of it kept. An unpack under way stops when
+// asked to.
+TEST_F(KernelTreeTest, AnUnpackStopsAtItsBoundOrWhenAskedTo) {
+    int package = MakeArchive(work_, {{"zeros.so", std::string(4u << 20, '\0')}});
+    ASSERT_GE(package, 0);
+    std::string out = work_ + "/out";
+    mkdir(out.c_str(), 0700);
+    std::string reason;
+    UnpackControl bounded;
+    bounded.maxArchiveBytes = 1u << 20;
+    EXPECT_FALSE(UnpackPackage(package, out, &reason, &bounded));
+    EXPECT_EQ(reason, "it uncompresses to more than 1048576 bytes");
+    EXPECT_FALSE(bounded.shortage);
+    EXPECT_FALSE(Exists(out + "/zeros.so"));
+
+    std::atomic<bool> cancel{true};
+    UnpackControl cancelled;
+    cancelled.cancel = &cancel;
+    EXPECT_FALSE(UnpackPackage(package, out, &reason, &cancelled));
+    EXPECT_EQ(reason, "the install was stopped");
+
+    UnpackControl whole;
+    EXPECT_TRUE(UnpackPackage(package, out, &reason, &whole)) << reason;
+    EXPECT_EQ(test::ReadFile(out + "/zeros.so").size(), 4u << 20);
+    close(package);
+}
+
+// A tree is removed without following a link out of it, however deep.
+TEST_F(KernelTreeTest, RemovingATreeFollowsNoLinkOutOfIt) {
+    const std::string outside = work_ + "/outside";
+    mkdir(outside.c_str(), 0755);
+    test::WriteFile(outside + "/kept", "kept");
+    std::string deep = root_;
+    for (int level = 0; level < 40; ++level) {
+        deep += "/d";
+        mkdir(deep.c_str(), 0755);
+    }
+    symlink(outside.c_str(), (deep + "/out").c_str());
+    symlink(outside.c_str(), (root_ + "/dev/out").c_str());
+    EXPECT_TRUE(RemoveTree(root_));
+    EXPECT_FALSE(Exists(root_));
+    EXPECT_EQ(test::ReadFile(outside + "/kept"), "kept");
+}
 }  // namespace
 }  // namespace orv
