@@ -15,6 +15,7 @@
 
 #include "package/internal_api.h"
 #include "platform/log.h"
+#include "platform/orv_limits.h"
 #include "platform/scope_guard.h"
 
 extern char** environ;
@@ -32,9 +33,8 @@ constexpr size_t kKernelSigactionBytes = 64;
 constexpr size_t kKernelSigsetBytes = 8;
 constexpr int kLastSignal = 64;
 constexpr size_t kReadChunk = 65536;
-// How often a run that may be cancelled looks at its flag: well within the
-// second a stop may take.
-constexpr int kCancelPollMs = 50;
+// How often a run that may be cancelled looks at its flag.
+constexpr int kCancelPollMs = static_cast<int>(limits::kInstallCancelPoll.count());
 constexpr unsigned int kCloseFallbackLimit = 4096;
 
 // The processes below begin as copies of the daemon taken while other

@@ -28,7 +28,6 @@ namespace orv {
 
 namespace {
 
-using limits::kMaxListingBytes;
 // As the kernel gives up resolving a path after 40 links.
 constexpr int kMaxLinkHops = 40;
 // Set-id, sticky and group/other write bits go; the rest stays.
@@ -357,9 +356,11 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
         return false;
     }
     options.stdio = ChildStdio{archive, -1};
-    status = RunChildForOutput({"tar", "-t", "-f", "-"}, options, &listing, kMaxListingBytes);
+    status =
+        RunChildForOutput({"tar", "-t", "-f", "-"}, options, &listing, control->maxListingBytes);
     if (status == kChildOutputTooLong) {
-        *reason = "its listing is longer than " + std::to_string(kMaxListingBytes) + " bytes";
+        *reason =
+            "its listing is longer than " + std::to_string(control->maxListingBytes) + " bytes";
         return false;
     }
     if (status != 0) {
@@ -369,8 +370,8 @@ bool UnpackPackage(int packageFd, const std::string& dir, std::string* reason,
     std::stringstream names(listing);
     size_t members = 0;
     for (std::string name; std::getline(names, name);) {
-        if (++members > kMaxPackageMembers) {
-            *reason = "it holds more than " + std::to_string(kMaxPackageMembers) + " members";
+        if (++members > control->maxMembers) {
+            *reason = "it holds more than " + std::to_string(control->maxMembers) + " members";
             return false;
         }
         if (!CheckMemberName(name, reason)) {

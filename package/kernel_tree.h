@@ -30,8 +30,11 @@ inline constexpr size_t kMaxPackageMembers = limits::kMaxPackageMembers;
 struct UnpackControl {
     // Set while the unpack runs: it stops at once, and fails.
     const std::atomic<bool>* cancel = nullptr;
-    // What the archive may uncompress to.
+    // What the archive may uncompress to, the members it may hold and the
+    // length of their listing.
     uint64_t maxArchiveBytes = limits::kMaxArchiveBytes;
+    size_t maxMembers = limits::kMaxPackageMembers;
+    size_t maxListingBytes = limits::kMaxListingBytes;
     // Set by a failure that may pass (descriptors, memory or room ran short),
     // as opposed to one of the package.
     bool shortage = false;

@@ -111,9 +111,10 @@ inline constexpr std::chrono::milliseconds kLastRetryPause(30000);
 // place without one.
 inline constexpr size_t kMaxPendingPackagesPerVf = 16;
 // One watch thread per VF (0 to 16) installs that VF's packages one at a
-// time; the daemon's stop or a VF's destruction ends an install under way
-// within this.
-inline constexpr std::chrono::milliseconds kInstallStopTime(1000);
+// time. An install under way looks this often whether it is to stop (the
+// daemon's stop, or its VF's destruction), so that it ends well within the
+// second a stop may take.
+inline constexpr std::chrono::milliseconds kInstallCancelPoll(50);
 
 // ---- Text and output read from the system ----
 

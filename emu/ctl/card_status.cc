@@ -37,15 +37,24 @@ constexpr char kMemoryCgroups[] = "/cgroup/memory/usermemory";
 constexpr char kStagingDir[] = "/home/QelvarUser/aicpu_kernels/";
 constexpr int32_t kMaxVfId = 16;
 
-// The first limits::kMaxStatusFileBytes of a file: what the view reads was
-// written by others (a package's version.info among them).
-std::string ReadSmallFile(const std::string& path) {
+}  // namespace
+
+std::string ReadStatusFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::string text(limits::kMaxStatusFileBytes, '\0');
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+    std::string text;
+    char chunk[4096];
+    while (text.size() < limits::kMaxStatusFileBytes) {
+        size_t want = std::min(sizeof(chunk), limits::kMaxStatusFileBytes - text.size());
+        in.read(chunk, static_cast<std::streamsize>(want));
+        if (in.gcount() <= 0) {
+            break;
+        }
+        text.append(chunk, static_cast<size_t>(in.gcount()));
+    }
     return text;
 }
+
+namespace {
 
 bool ParseInt(const std::string& text, long long* value) {
     if (text.empty()) {
@@ -69,7 +78,7 @@ int64_t MtimeMs(const struct stat& st) {
 
 std::map<std::string, std::string> ReadEnvFile(const std::string& path) {
     std::map<std::string, std::string> env;
-    std::istringstream lines(ReadSmallFile(path));
+    std::istringstream lines(ReadStatusFile(path));
     for (std::string line; std::getline(lines, line);) {
         size_t eq = line.find('=');
         if (eq != std::string::npos) {
@@ -105,7 +114,7 @@ struct ProcessInfo {
 };
 
 int64_t BootTimeMs() {
-    std::istringstream lines(ReadSmallFile("/proc/stat"));
+    std::istringstream lines(ReadStatusFile("/proc/stat"));
     for (std::string line; std::getline(lines, line);) {
         long long seconds = 0;
         if (line.compare(0, 6, "btime ") == 0 && ParseInt(line.substr(6), &seconds)) {
@@ -120,7 +129,7 @@ std::optional<ProcessInfo> ReadProcess(pid_t outer, int64_t bootMs) {
     std::string dir = "/proc/" + std::to_string(outer);
     ProcessInfo info;
     info.outer = outer;
-    std::string stat = ReadSmallFile(dir + "/stat");
+    std::string stat = ReadStatusFile(dir + "/stat");
     // The name in parentheses may hold anything; the fields follow its last ')'.
     size_t close = stat.rfind(')');
     if (close == std::string::npos) {
@@ -141,7 +150,7 @@ std::optional<ProcessInfo> ReadProcess(pid_t outer, int64_t bootMs) {
         info.sinceMs = bootMs + ticks * 1000 / ::sysconf(_SC_CLK_TCK);
     }
     // Pids as the sandbox sees them: the last of each NSpid line.
-    std::istringstream status(ReadSmallFile(dir + "/status"));
+    std::istringstream status(ReadStatusFile(dir + "/status"));
     std::string outerParent;
     for (std::string line; std::getline(status, line);) {
         if (line.compare(0, 6, "NSpid:") == 0) {
@@ -159,7 +168,7 @@ std::optional<ProcessInfo> ReadProcess(pid_t outer, int64_t bootMs) {
     if (digits != std::string::npos && ParseInt(outerParent.substr(digits), &parent) &&
         parent > 0) {
         std::istringstream parentStatus(
-            ReadSmallFile("/proc/" + std::to_string(parent) + "/status"));
+            ReadStatusFile("/proc/" + std::to_string(parent) + "/status"));
         for (std::string line; std::getline(parentStatus, line);) {
             if (line.compare(0, 6, "NSpid:") == 0) {
                 std::istringstream ids(line.substr(6));
@@ -169,7 +178,7 @@ std::optional<ProcessInfo> ReadProcess(pid_t outer, int64_t bootMs) {
             }
         }
     }
-    std::string cmdline = ReadSmallFile(dir + "/cmdline");
+    std::string cmdline = ReadStatusFile(dir + "/cmdline");
     for (size_t start = 0; start < cmdline.size();) {
         size_t end = cmdline.find('\0', start);
         end = end == std::string::npos ? cmdline.size() : end;
@@ -204,7 +213,7 @@ struct BoardEntry {
 
 std::vector<BoardEntry> ReadBoard(const std::string& path) {
     std::vector<BoardEntry> entries;
-    std::istringstream lines(ReadSmallFile(path));
+    std::istringstream lines(ReadStatusFile(path));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::map<std::string, long long> values;
@@ -241,7 +250,7 @@ std::set<std::string> DaemonWatches(pid_t daemonOuter) {
     }
     std::string fdDir = "/proc/" + std::to_string(daemonOuter) + "/fdinfo";
     for (const std::string& fd : DirectoryEntries(fdDir)) {
-        for (const std::string& key : InotifyWatches(ReadSmallFile(fdDir + "/" + fd))) {
+        for (const std::string& key : InotifyWatches(ReadStatusFile(fdDir + "/" + fd))) {
             watches.insert(key);
         }
     }
@@ -258,7 +267,7 @@ std::string ArchiveName(const std::string& name) {
 std::optional<PackageView> InstalledPackage(const std::string& stateDir, int32_t vf,
                                             const CardStatus& card) {
     std::string dir = stateDir + kKernelsRoot + "/" + std::to_string(vf);
-    std::istringstream lines(ReadSmallFile(dir + kVersionInfo));
+    std::istringstream lines(ReadStatusFile(dir + kVersionInfo));
     PackageView package;
     for (std::string line; std::getline(lines, line);) {
         if (line.find('=') != std::string::npos && line.find("Name") != std::string::npos) {
@@ -293,8 +302,8 @@ std::optional<MemoryView> VfMemory(const std::string& stateDir, int32_t vf) {
     std::string dir = stateDir + kMemoryCgroups + "/vf" + std::to_string(vf);
     long long limit = 0;
     long long usage = 0;
-    if (!ParseInt(ReadSmallFile(dir + "/memory.limit_in_bytes"), &limit) ||
-        !ParseInt(ReadSmallFile(dir + "/memory.usage_in_bytes"), &usage)) {
+    if (!ParseInt(ReadStatusFile(dir + "/memory.limit_in_bytes"), &limit) ||
+        !ParseInt(ReadStatusFile(dir + "/memory.usage_in_bytes"), &usage)) {
         return std::nullopt;
     }
     return MemoryView{static_cast<uint64_t>(limit), static_cast<uint64_t>(usage)};

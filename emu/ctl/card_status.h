@@ -88,6 +88,11 @@ CardView ReadCardView(const std::string& stateDir);
 // path of it); empty for any other program.
 std::string SubProcessKind(const std::string& program);
 
+// The first limits::kMaxStatusFileBytes of a file, the most the view reads of
+// one: what it reads was written by others (a package's version.info, a
+// process's /proc entries).
+std::string ReadStatusFile(const std::string& path);
+
 // What the daemon's inotify descriptors watch: "major:minor:inode" of each
 // watched directory, from the kernel's fdinfo text of one descriptor.
 std::vector<std::string> InotifyWatches(const std::string& fdinfo);

@@ -95,6 +95,22 @@ TEST(StartupHousekeepingTest, AnEnvironmentScriptLineOverItsBoundIsSkipped) {
         "[OrvDaemon] Skip a line of /var/orvdaemon_add_env_variable.sh longer than 65536 bytes."));
 }
 
+// pidof's answer is read within its bound: a pid cut off there, and those
+// beyond, are not taken.
+TEST(StartupHousekeepingTest, PidofsAnswerIsReadWithinItsBound) {
+    std::string dir = test::MakeTempDir("orv-pidof");
+    test::WriteFile(dir + "/pidof",
+                    "#!/bin/sh\nyes 99999999 | head -c 100000 | tr '\\n' ' '\necho\n");
+    ASSERT_EQ(chmod((dir + "/pidof").c_str(), 0755), 0);
+    setenv("PATH", (dir + ":" + getenv("PATH")).c_str(), 1);
+    LogCapture log;
+    EXPECT_EQ(OrvDaemon::GetInstance()->CheckAndCleanProcess(), 0u);
+    EXPECT_TRUE(
+        log.Contains("[OrvDaemon] pidof aicpu_runner printed more than 65536 bytes: the "
+                     "pids beyond are not taken"));
+    EXPECT_FALSE(log.Contains("pids:[9 ")) << "a cut pid was taken";
+}
+
 TEST(StartupHousekeepingTest, MissingEnvironmentScriptIsNotAnError) {
     LogCapture log;
     unlink("/var/orvdaemon_add_env_variable.sh");

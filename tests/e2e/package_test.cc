@@ -1053,5 +1053,27 @@ TEST_F(PackageTest, QueriesStartsAndTheStopGoOnWhileAnInstallRuns) {
         EXPECT_EQ(entry.first.find(".new-"), std::string::npos) << entry.first << " was left";
     }
 }
+
+// Packages whose install a shortage cut short wait for another try, a bounded
+// number per VF: beyond, the oldest is left where it was dropped, without
+// one. None of them is removed.
+TEST_F(PackageTest, PackagesWaitingForAnotherTryAreBoundedAndLeftInPlace) {
+    Boot();
+    // Without its verification library no install can finish, through no
+    // fault of the packages.
+    ASSERT_EQ(sandbox_.Enter({"rm", "/usr/lib64/libvelkan_imgverify.so"}), 0);
+    std::vector<std::string> names;
+    for (int i = 0; i < 17; ++i) {
+        names.push_back(std::to_string(100 + i) + "_" + kArchiveName);
+        Deliver(MakePackage(names.back(), {"--pad-bytes", std::to_string(1000 + i)}));
+    }
+    EXPECT_TRUE(sandbox_.Log().WaitFor(
+        "of vfId[0] is left where it is without another try: 16 packages wait for one already.",
+        20s));
+    for (const std::string& name : names) {
+        EXPECT_TRUE(Exists(Inside("/home/hdc-trusted/dev0/") + name)) << name << " was removed";
+    }
+    EXPECT_EQ(CheckCode(), 0u);
+}
 }  // namespace
 }  // namespace orv

@@ -152,6 +152,18 @@ TEST_F(AppMonitorTest, RefusedAndFailedRequestsChangeNothing) {
     EXPECT_THAT(monitor_.Describe(), HasSubstr("state expired timeout_ms 100 heartbeats 0 "));
 }
 
+// A line longer than the protocol's bound ends the connection.
+TEST_F(AppMonitorTest, ALineOverItsBoundEndsTheConnection) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    std::thread server([this, &fds] { monitor_.Serve(fds[0], kPeer); });
+    EXPECT_TRUE(WriteLine(fds[1], std::string(kAppmonMaxLine + 1, 'x')));
+    server.join();
+    EXPECT_THAT(monitor_.Describe(), HasSubstr("state closed"));
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
 TEST_F(AppMonitorTest, ClosedClientsAreKeptOnlyUpToALimit) {
     for (int i = 0; i < 70; ++i) {
         Connection(&monitor_, kPeer).Close();

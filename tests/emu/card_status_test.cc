@@ -12,6 +12,7 @@
 
 #include "emu/ctl/status_render.h"
 #include "emu/hdc/session_board.h"
+#include "platform/orv_limits.h"
 #include "tests/support/test_support.h"
 
 namespace orv::emu {
@@ -115,5 +116,15 @@ TEST(CardStatusTest, TheSessionBoardWritesItsLastChangesWhenItEnds) {
     test::RemoveTree(dir);
 }
 
+// What others wrote is read only up to the view's bound.
+TEST(CardStatusTest, AFileIsReadNoFurtherThanTheViewsBound) {
+    std::string dir = test::MakeTempDir("orv-status");
+    test::WriteFile(dir + "/big", std::string(3u << 20, 'x'));
+    test::WriteFile(dir + "/small", "Name=a\n");
+    EXPECT_EQ(ReadStatusFile(dir + "/big").size(), limits::kMaxStatusFileBytes);
+    EXPECT_EQ(ReadStatusFile(dir + "/small"), "Name=a\n");
+    EXPECT_EQ(ReadStatusFile(dir + "/missing"), "");
+    test::RemoveTree(dir);
+}
 }  // namespace
 }  // namespace orv::emu

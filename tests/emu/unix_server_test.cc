@@ -51,7 +51,7 @@ pid_t ConnectFromAnotherProcess(const std::string& path, int count, int result) 
     _exit(0);
 }
 
-TEST(UnixServerTest, AProcessHoldsItsShareAndTheLastSlotsGoToProcessesThatHoldNone) {
+TEST(UnixServerTest, AProcessHoldsItsShareTheLastSlotsGoToProcessesThatHoldNoneAndNoMore) {
     const std::string dir = test::MakeTempDir("orv-server");
     const std::string path = dir + "/s.sock";
     Mutex mutex;
@@ -91,6 +91,10 @@ TEST(UnixServerTest, AProcessHoldsItsShareAndTheLastSlotsGoToProcessesThatHoldNo
     children.push_back(ConnectFromAnotherProcess(path, 1, pipeFds[1]));
     ASSERT_EQ(::read(pipeFds[0], &kept, 1), 1);
     EXPECT_EQ(kept, 1);
+    // Five held: a fourth process takes the sixth, and no more.
+    children.push_back(ConnectFromAnotherProcess(path, 2, pipeFds[1]));
+    ASSERT_EQ(::read(pipeFds[0], &kept, 1), 1);
+    EXPECT_EQ(kept, 1);
     for (pid_t child : children) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
@@ -99,7 +103,8 @@ TEST(UnixServerTest, AProcessHoldsItsShareAndTheLastSlotsGoToProcessesThatHoldNo
     EXPECT_THAT(refusals,
                 ::testing::ElementsAre("it holds 3 connections, the most one process may",
                                        "it holds 1 connections, and the last 2 are kept for "
-                                       "processes that hold none"));
+                                       "processes that hold none",
+                                       "all 6 connections are taken"));
 }
 
 }  // namespace

@@ -150,9 +150,9 @@ int MakeArchive(const std::string& dir, const std::map<std::string, std::string>
     return open(archive.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
-// What a package may uncompress to is bounded: beyond, gzip is stopped and
-// the package refused, nothing of it kept. An unpack under way stops when
-// asked to.
+// What a package may uncompress to, and the members it may hold, are
+// bounded: beyond, the package is refused with nothing of it kept. An unpack
+// under way stops when asked to.
 TEST_F(KernelTreeTest, AnUnpackStopsAtItsBoundOrWhenAskedTo) {
     int package = MakeArchive(work_, {{"zeros.so", std::string(4u << 20, '\0')}});
     ASSERT_GE(package, 0);
@@ -171,6 +171,15 @@ TEST_F(KernelTreeTest, AnUnpackStopsAtItsBoundOrWhenAskedTo) {
     cancelled.cancel = &cancel;
     EXPECT_FALSE(UnpackPackage(package, out, &reason, &cancelled));
     EXPECT_EQ(reason, "the install was stopped");
+
+    UnpackControl fewMembers;
+    fewMembers.maxMembers = 1;
+    EXPECT_FALSE(UnpackPackage(package, out, &reason, &fewMembers));
+    EXPECT_EQ(reason, "it holds more than 1 members");
+    UnpackControl shortListing;
+    shortListing.maxListingBytes = 4;
+    EXPECT_FALSE(UnpackPackage(package, out, &reason, &shortListing));
+    EXPECT_EQ(reason, "its listing is longer than 4 bytes");
 
     UnpackControl whole;
     EXPECT_TRUE(UnpackPackage(package, out, &reason, &whole)) << reason;
