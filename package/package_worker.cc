@@ -164,10 +164,10 @@ PackageWorker::KernelsRemoval::~KernelsRemoval() {
 }
 
 void PackageWorker::Stop() {
-    cancel_ = true;
     {
         MutexLock lock(&workerMutex_);
         stopped_ = true;
+        cancel_ = true;
     }
     checkCodeCond_.SignalAll();
 }
@@ -229,19 +229,22 @@ uint32_t PackageWorker::LoadAICPUPackageForProcessMode(const std::string& dir,
     // code last published, starts wait only for the one they asked for, and
     // a stop ends the install at its next step.
     std::string full = dir + fileName;
-    if (cancel_) {
-        ORV_LOG(ORV_WARN, "[PackageWorker] vfId[%d] is stopping: package[%s] is left where it is.",
-                vfId_, full.c_str());
-        return 1;
-    }
-    shortage_ = false;
     PackageInstall install;
     install.packagePath = full;
     install.publish = true;
     {
         MutexLock lock(&workerMutex_);
+        if (stopped_) {
+            ORV_LOG(ORV_WARN,
+                    "[PackageWorker] vfId[%d] is stopping: package[%s] is left where it is.", vfId_,
+                    full.c_str());
+            return 1;
+        }
+        // A cancel meant for the install before (the daemon's stop) is over.
+        cancel_ = false;
         install.generation = generation_;
     }
+    shortage_ = false;
     // Every step below works on what is opened here, never on the name again.
     off_t size = 0;
     std::string reason;

@@ -190,7 +190,8 @@ class PackageWorker {
     // An install's final swap is under way; removals wait for it.
     bool committing_ GUARDED_BY(workerMutex_) = false;
     CondVar commitCond_{&workerMutex_};
-    // Set by Stop: the install under way ends at its next step.
+    // Set by Stop and CancelAllInstalls: the install under way ends at its
+    // next step. A new install clears what CancelAllInstalls set.
     std::atomic<bool> cancel_{false};
     // Set by a step of the install under way that failed for a reason that
     // may pass; only the thread running the install touches it.

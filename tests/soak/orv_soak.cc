@@ -38,6 +38,7 @@
 #include "emu/driver/card_client.h"
 #include "emu/host/host_link.h"
 #include "emu/sandbox/sandbox_client.h"
+#include "tests/support/build_kind.h"
 
 namespace {
 
@@ -64,20 +65,9 @@ constexpr size_t kMaxReportedFailures = 20;
 constexpr double kRssGrowthFraction = 0.25;
 constexpr size_t kRssGrowthFloorKb = 4096;
 
-// Built with AddressSanitizer (as the daemon then is too), the daemon's memory
-// holds freed blocks in quarantine, so its resident size says nothing; the
-// sanitizer's own leak check at the daemon's exit stands in for the bound.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kResidentSizeMeaningful = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kResidentSizeMeaningful = false;
-#else
-constexpr bool kResidentSizeMeaningful = true;
-#endif
-#else
-constexpr bool kResidentSizeMeaningful = true;
-#endif
+// In a sanitized build (the daemon then is too) the sanitizer's own leak
+// check at the daemon's exit stands in for the bound on its resident size.
+using orv::test::kResidentSizeMeaningful;
 
 enum class Cycle {
     kClose,

@@ -16,6 +16,7 @@
 #include "card.pb.h"
 #include "emu/host/host_link.h"
 #include "emu/sandbox/sandbox_client.h"
+#include "tests/support/build_kind.h"
 
 namespace orv::test {
 
