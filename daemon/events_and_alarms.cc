@@ -11,6 +11,7 @@
 #include "event/orv_event_server.h"
 #include "package/internal_api.h"
 #include "platform/log.h"
+#include "platform/scope_guard.h"
 
 // Drivers that lack the call still load the daemon; the release then counts
 // as done.
@@ -46,6 +47,13 @@ void OrvDaemon::ProcessEventServerInfo(const void* info, uint32_t subEventId) {
     OrvSubEventInfo event;
     (void)memcpy_s(&event, sizeof(event), info, sizeof(event));
     std::shared_ptr<OrvImpl> session = GetOrvImpl(event.deviceId, event.vfId, event.hostPid);
+    // Whatever removes the session meanwhile (its link's end, its kernel
+    // time-out below), it ends on the reaper's thread, never on this worker.
+    ScopeGuard release([this, &session] {
+        if (session != nullptr) {
+            reaper_.Release(std::move(session));
+        }
+    });
     if (session == nullptr) {
         ORV_LOG(ORV_INFO,
                 "[OrvDaemon] Get OrvImpl in deviceId[%u] hostPid[%u] vfId[%d] is nullptr, skip "

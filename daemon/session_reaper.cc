@@ -36,6 +36,12 @@ void SessionReaper::Release(std::vector<std::shared_ptr<OrvImpl>> sessions) {
     sessions.clear();
 }
 
+void SessionReaper::Release(std::shared_ptr<OrvImpl> session) {
+    std::vector<std::shared_ptr<OrvImpl>> sessions;
+    sessions.push_back(std::move(session));
+    Release(std::move(sessions));
+}
+
 void SessionReaper::Stop() {
     {
         MutexLock lock(&mutex_);

@@ -27,6 +27,9 @@ class SessionReaper {
 
     // Lets go of `sessions` on the reaper's thread.
     void Release(std::vector<std::shared_ptr<OrvImpl>> sessions) LOCKS_EXCLUDED(mutex_);
+    // The same for one session. (A braced list would copy it, and the
+    // caller's copy could then be the last.)
+    void Release(std::shared_ptr<OrvImpl> session) LOCKS_EXCLUDED(mutex_);
 
     // Lets go of what is left, then ends the thread.
     void Stop() LOCKS_EXCLUDED(mutex_);

@@ -139,7 +139,7 @@ void OrvDaemon::DeleteOrvImpl(uint32_t deviceId, int32_t vfId, uint32_t hostPid)
     // The caller is an event worker: the session ends on the reaper's thread.
     ScopeGuard release([this, &removed] {
         if (removed != nullptr) {
-            reaper_.Release({std::move(removed)});
+            reaper_.Release(std::move(removed));
         }
     });
     MutexLock lock(&orvImplMapMutex_);
