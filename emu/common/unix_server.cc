@@ -76,28 +76,32 @@ void UnixServer::Work(Worker* self) {
             continue;
         }
         pid_t peer = PeerPid(fd.Get());
+        std::string refusal;
         {
             MutexLock lock(&mutex_);
             if (stopping_.load()) {
                 break;
             }
-            std::string refusal = Refusal(peer);
-            if (!refusal.empty()) {
-                if (limits_.refused) {
-                    limits_.refused(peer, refusal);
-                }
-                continue;  // closed as `fd` goes
-            }
+            refusal = Refusal(peer);
             // The last waiting thread serves only once another waits in its
             // place; without one, the connection is refused rather than
             // leaving the server deaf.
-            if (waiting_ == 1 && !Spawn()) {
+            if (refusal.empty() && waiting_ == 1 && !Spawn()) {
                 continue;
             }
-            --waiting_;
-            ++serving_;
-            ++servingByPeer_[peer];
-            self->fd = std::move(fd);
+            if (refusal.empty()) {
+                --waiting_;
+                ++serving_;
+                ++servingByPeer_[peer];
+                self->fd = std::move(fd);
+            }
+        }
+        if (!refusal.empty()) {
+            // Said outside the lock; the connection closes as `fd` goes.
+            if (limits_.refused) {
+                limits_.refused(peer, refusal);
+            }
+            continue;
         }
         handler_(self->fd.Get(), peer);
         MutexLock lock(&mutex_);

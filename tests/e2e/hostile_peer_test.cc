@@ -457,8 +457,10 @@ TEST_F(HostilePeerTest, NoDescriptorOfTheDaemonLeaksIntoASubProcess) {
 // stay for processes that hold none, the daemon holds only what arrived, and
 // each link ends at its time-out.
 TEST_F(HostilePeerTest, HalfSentLinksAreCappedPerProcessCostWhatArrivedAndEndInTime) {
-    Boot(
-        {"--env", "ORV_EMU_HDC_FIRST_FRAME_MS=2000", "--env", "ORV_EMU_HDC_PARTIAL_FRAME_MS=8000"});
+    // The links must all be open before the first of them times out, also in
+    // a sanitized build on a loaded machine.
+    Boot({"--env", "ORV_EMU_HDC_FIRST_FRAME_MS=2000", "--env",
+          "ORV_EMU_HDC_PARTIAL_FRAME_MS=20000"});
     const pid_t daemon = test::DaemonPid(sandbox_);
     const size_t residentBefore = test::ResidentKb(daemon);
     // A link that sends nothing ends at its first-frame time-out.
@@ -477,14 +479,14 @@ TEST_F(HostilePeerTest, HalfSentLinksAreCappedPerProcessCostWhatArrivedAndEndInT
         std::string declared = i < 4 ? "4000" : "1048576";
         attackers.emplace_back([this, &report = reports[i], declared] {
             sandbox_.Enter({test::BinDir() + "/orv-host", "links", "300", "--declare", declared,
-                            "--send", "16", "--hold", "12000"},
+                            "--send", "16", "--hold", "22000"},
                            &report);
         });
     }
     EXPECT_TRUE(
-        sandbox_.Log().WaitFor("refused: it holds 256 connections, the most one process may", 10s));
-    EXPECT_TRUE(sandbox_.Log().WaitFor("are kept for processes that hold none", 10s));
-    EXPECT_TRUE(sandbox_.Log().WaitFor("its big frame found no room in the frame budget", 10s));
+        sandbox_.Log().WaitFor("refused: it holds 256 connections, the most one process may", 20s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("are kept for processes that hold none", 20s));
+    EXPECT_TRUE(sandbox_.Log().WaitFor("its big frame found no room in the frame budget", 20s));
     // While they hold their links: a host that holds none is served, and the
     // daemon holds far less than the megabyte each link announced.
     NewcomerIsServed(1500);
